@@ -1,0 +1,52 @@
+// Little-endian loads and stores at any alignment, overflow-free size helpers
+// and the one allocator of restored buffers.
+#pragma once
+
+#include <bit>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+namespace trdcomp::detail {
+
+static_assert(std::endian::native == std::endian::little,
+              "the wire and record layouts are little-endian; a big-endian port needs byte swaps here");
+
+inline std::int32_t LoadI32(const void* p) {
+    std::int32_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+inline void StoreI32(void* p, std::int32_t v) { std::memcpy(p, &v, sizeof v); }
+inline std::uint16_t LoadU16(const void* p) {
+    std::uint16_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+inline void StoreU16(void* p, std::uint16_t v) { std::memcpy(p, &v, sizeof v); }
+
+// Largest block a restore may ask for: a length that fits an int plus the
+// spare bytes behind it. Anything larger takes the allocation-failure path.
+inline constexpr std::uint64_t kMaxAllocation = static_cast<std::uint64_t>(INT_MAX) + 1024u;
+
+// A zero-filled block from the global operator new, or null when the size is
+// out of range or the allocation fails. No exception escapes. Released by
+// ReleaseAnsData with the matching global operator delete.
+inline char* AllocZeroed(std::uint64_t bytes) noexcept {
+    if (bytes > kMaxAllocation) return nullptr;
+    void* p = ::operator new(static_cast<std::size_t>(bytes), std::nothrow);
+    if (p != nullptr) std::memset(p, 0, static_cast<std::size_t>(bytes));
+    return static_cast<char*>(p);
+}
+
+// Converts a double to a 64-bit integer by truncation toward zero. NaN,
+// infinities and values outside the int64 range give INT64_MIN, as the x86
+// conversion instruction does, instead of undefined behaviour.
+inline std::int64_t TruncToInt64(double d) noexcept {
+    if (!(d >= -9223372036854775808.0 && d < 9223372036854775808.0)) return INT64_MIN;
+    return static_cast<std::int64_t>(d);
+}
+
+}  // namespace trdcomp::detail

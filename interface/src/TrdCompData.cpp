@@ -1,0 +1,267 @@
+// CTrdCompData: the four dispatchers, their raw paths and ReleaseAnsData.
+//
+// The dispatchers read the head, route by function id and coding, and either
+// hand the message to the routed codec or move the bytes raw. Their return
+// conventions differ on purpose (requests pack to 1, answers pack to 0, the
+// two raw restores differ on allocation failure) and are relied on by callers.
+//
+// Every read stays inside in[0, inLen) and every write inside the caller's
+// buffer as sized: where a head describes more than the message holds, or a
+// size cannot be represented, the call is refused with the entry point's
+// refusal code (docs/hostile-input.md).
+#include <cstdint>
+#include <cstring>
+
+#include "Routing.h"
+#include "common/Bytes.h"
+#include "trdcomp/TrdCompData.h"
+
+using trdcomp::detail::AllocZeroed;
+using trdcomp::detail::Cell;
+using trdcomp::detail::LoadI32;
+using trdcomp::detail::StoreI32;
+
+namespace {
+
+constexpr int kReqHead = TRDCOMP_REQ_HEAD_LEN;
+constexpr int kAnsHead = TRDCOMP_ANS_HEAD_LEN;
+
+// Head words every dispatcher reads (byte offsets).
+constexpr int kWordHeadLen = 0;
+constexpr int kWordFuncId = 4;
+constexpr int kWordFlags = 8;
+constexpr int kReqWordCount = 68;
+constexpr int kAnsWordCount = 88;
+constexpr int kAnsWordSize = 92;
+constexpr int kAnsTable = 96;
+
+// Bytes a restore must be able to read before it routes: head length, id, flags.
+constexpr int kRoutingBytes = 12;
+
+constexpr int kRawSpare = 10;
+constexpr int kMaxTableEntries = 5;
+
+int FastVersion(std::int32_t flags) { return (flags >> TRDCOMP_FLAG_FAST_SHIFT) & 0xF; }
+
+// Copies the text of a fixed field the way strncpy does: at most `width`
+// characters, NUL padding after a shorter text, no terminator after a full one.
+void CopyText(char* dst, const char* src, std::size_t width) {
+    const std::size_t n = ::strnlen(src, width);
+    std::memcpy(dst, src, n);
+    std::memset(dst + n, 0, width - n);
+}
+
+}  // namespace
+
+CTrdCompData::CTrdCompData() = default;
+CTrdCompData::CTrdCompData(const CTrdCompData&) = default;
+CTrdCompData& CTrdCompData::operator=(const CTrdCompData&) { return *this; }
+CTrdCompData::~CTrdCompData() = default;
+
+void CTrdCompData::ReleaseAnsData(char* p) {
+    if (p != nullptr) ::operator delete(p);
+}
+
+int CTrdCompData::PackReq2008(char* out, int& outLen, tagREQ_HEAD* head, char* data, int dataLen,
+                              char flag) {
+    if (out == nullptr || head == nullptr) return 0;
+    const std::int32_t id = head->nFuncId;
+    const int version = FastVersion(head->nFlags);
+    const auto& routes = trdcomp::detail::FindReqRoutes(id);
+    const Cell cell = version != 0 ? routes.packFast.cell : routes.pack2008.cell;
+    // The raw path copies dataLen bytes of data: a negative length, or bytes
+    // without a buffer, cannot be copied.
+    if (cell == Cell::Raw && (dataLen < 0 || (dataLen > 0 && data == nullptr))) return 0;
+
+    outLen = 0;
+    std::memmove(out, head, kReqHead);
+    StoreI32(out + kWordHeadLen, kReqHead);
+    outLen = kReqHead;
+
+    switch (cell) {
+        case Cell::NoRecords:
+            StoreI32(out + kReqWordCount, 0);
+            return 1;
+        case Cell::HeadOnly:
+        case Cell::Nothing:
+            return 1;
+        case Cell::Codec:
+            // The codec's own result is not looked at.
+            if (version != 0)
+                routes.packFast.fn(out, outLen, data, dataLen, version);
+            else
+                routes.pack2008.fn(out, outLen, data, dataLen, flag);
+            return 1;
+        case Cell::Raw:
+            break;
+    }
+    if (dataLen > 0) std::memcpy(out + kReqHead, data, static_cast<std::size_t>(dataLen));
+    outLen += dataLen;
+    return 1;
+}
+
+int CTrdCompData::RestoreReq2008(char* in, int inLen, char** out, int& outLen, char flag) {
+    if (in == nullptr || inLen <= 0 || out == nullptr) return 0;
+    if (inLen < kRoutingBytes) return 0;
+    if (LoadI32(in + kWordHeadLen) > inLen) return 0;
+
+    *out = nullptr;
+    outLen = 0;
+    const std::int32_t flags = LoadI32(in + kWordFlags);
+    const int version = FastVersion(flags);
+    const auto& routes = trdcomp::detail::FindReqRoutes(LoadI32(in + kWordFuncId));
+    const Cell cell = version != 0 ? routes.restoreFast.cell : routes.restore2008.cell;
+
+    switch (cell) {
+        case Cell::Nothing:
+        case Cell::HeadOnly:
+        case Cell::NoRecords:
+            return 1;
+        case Cell::Codec:
+            return version != 0 ? routes.restoreFast.fn(in, inLen, out, outLen, version)
+                                : routes.restore2008.fn(in, inLen, out, outLen, flag);
+        case Cell::Raw:
+            break;
+    }
+    // Raw path: coded records of an id this side cannot decode are refused.
+    if (flags & TRDCOMP_FLAG_CODED) return 0;
+    outLen = inLen;
+    char* buf = AllocZeroed(static_cast<std::uint64_t>(inLen) + kRawSpare);
+    *out = buf;
+    // The request raw path reports success even when the allocation failed
+    // (*out is then null and outLen is inLen): callers depend on it.
+    if (buf == nullptr) return 1;
+    std::memcpy(buf, in, static_cast<std::size_t>(inLen));
+    return 1;
+}
+
+int CTrdCompData::PackAns2008(char* out, int outSize, int& outLen, tagANS_Proc* proc, char* a1,
+                              char* a2, char* a3, char* a4, char* a5, char flag, int coding) {
+    outLen = 0;
+    if (out == nullptr || static_cast<unsigned>(outSize) < static_cast<unsigned>(kAnsHead) ||
+        proc == nullptr)
+        return 0;
+
+    const std::int32_t n = proc->nArrayCount;
+    const int version = FastVersion(coding);
+    const std::int64_t tableLen = n > 1 ? 8 * static_cast<std::int64_t>(n) + 4 : 0;
+    const bool writeTable = n > 1 && version == 0;
+    std::int64_t length = kAnsHead + (writeTable ? tableLen : 0);
+    // outSize bounds every write: a table that does not fit is refused.
+    if (length > outSize) return 0;
+
+    StoreI32(out + kWordFuncId, proc->nFuncId);
+    CopyText(out + 20, proc->szShort, sizeof proc->szShort);
+    CopyText(out + 24, proc->szLong, sizeof proc->szLong);
+    StoreI32(out + kWordHeadLen, kAnsHead);
+    // The flags word is only or-ed into: the caller's buffer holds zero there.
+    std::int32_t flags = LoadI32(out + kWordFlags);
+    if (n > 1) flags |= TRDCOMP_FLAG_SECTIONS;
+    if (version != 0) flags |= 1 << TRDCOMP_FLAG_FAST_SHIFT;  // version 1 whatever was chosen
+    StoreI32(out + kWordFlags, flags);
+    StoreI32(out + kAnsWordCount, proc->nRecCount[0]);
+    StoreI32(out + kAnsWordSize, proc->nRecSize[0]);
+
+    const int entries = n < kMaxTableEntries ? n : kMaxTableEntries;
+    if (writeTable) {
+        // The length counts all n arrays; only the first five get entries.
+        StoreI32(out + kAnsTable, static_cast<std::int32_t>(tableLen));
+        for (int i = 0; i < entries; ++i) {
+            StoreI32(out + kAnsTable + 4 + 8 * i, proc->nRecCount[i]);
+            StoreI32(out + kAnsTable + 8 + 8 * i, proc->nRecSize[i]);
+        }
+    }
+
+    const auto& routes = trdcomp::detail::FindAnsRoutes(proc->nFuncId);
+    const Cell cell = version != 0 ? routes.packFast.cell : routes.pack2008.cell;
+    switch (cell) {
+        case Cell::HeadOnly:
+        case Cell::NoRecords:
+        case Cell::Nothing:
+            outLen = static_cast<int>(length);
+            return 0;
+        case Cell::Codec: {
+            int len = static_cast<int>(length);
+            if (version != 0)
+                routes.packFast.fn(out, len, proc, a1, a2, a3, a4, a5, version);
+            else
+                routes.pack2008.fn(out, len, proc, a1, a2, a3, a4, a5, flag);
+            outLen = len;
+            return 0;
+        }
+        case Cell::Raw:
+            break;
+    }
+
+    // Raw path: the arrays one after the other, none past the fifth.
+    char* const arrays[kMaxTableEntries] = {a1, a2, a3, a4, a5};
+    for (int i = 0; i < entries; ++i) {
+        const std::int64_t bytes =
+            static_cast<std::int64_t>(proc->nRecCount[i]) * proc->nRecSize[i];
+        if (bytes == 0) continue;
+        if (bytes < 0 || arrays[i] == nullptr || bytes > outSize - length) return 0;
+        std::memcpy(out + length, arrays[i], static_cast<std::size_t>(bytes));
+        length += bytes;
+    }
+    outLen = static_cast<int>(length);
+    return 0;
+}
+
+int CTrdCompData::RestoreAns2008(char* in, int inLen, char** out, int& outLen, char flag) {
+    if (in == nullptr || inLen < kRoutingBytes || out == nullptr) return 0;
+    const std::int32_t headLen = LoadI32(in + kWordHeadLen);
+    if (inLen < headLen) return 0;
+
+    *out = nullptr;
+    outLen = 0;
+    const std::int32_t flags = LoadI32(in + kWordFlags);
+    const int version = FastVersion(flags);
+    const auto& routes = trdcomp::detail::FindAnsRoutes(LoadI32(in + kWordFuncId));
+    const Cell cell = version != 0 ? routes.restoreFast.cell : routes.restore2008.cell;
+
+    switch (cell) {
+        case Cell::Nothing:
+        case Cell::HeadOnly:
+        case Cell::NoRecords:
+            return 1;
+        case Cell::Codec:
+            return version != 0 ? routes.restoreFast.fn(in, inLen, out, outLen, version)
+                                : routes.restore2008.fn(in, inLen, out, outLen, flag);
+        case Cell::Raw:
+            break;
+    }
+
+    // Raw path: head, section table (T bytes) and records (D bytes) as sent.
+    if (flags & TRDCOMP_FLAG_CODED) return 0;
+    // The head is copied whole and the table and records are read behind the
+    // head length: all of it has to lie inside the message.
+    if (inLen < kAnsHead || headLen < 0) return 0;
+    const std::int64_t room = static_cast<std::int64_t>(inLen) - headLen;
+    std::int64_t tableLen = 0;
+    __int128 records = 0;
+    if (flags & TRDCOMP_FLAG_SECTIONS) {
+        if (room < 4) return 0;
+        tableLen = LoadI32(in + headLen);
+        if (tableLen < 4 || tableLen > room) return 0;
+        const std::int64_t entries = (tableLen - 4) / 8;
+        const char* entry = in + headLen + 4;
+        for (std::int64_t i = 0; i < entries; ++i, entry += 8)
+            records += static_cast<std::int64_t>(LoadI32(entry)) * LoadI32(entry + 4);
+    } else {
+        records = static_cast<std::int64_t>(LoadI32(in + kAnsWordCount)) * LoadI32(in + kAnsWordSize);
+    }
+    if (records < 0 || records > room - tableLen) return 0;
+    const std::int64_t dataLen = static_cast<std::int64_t>(records);
+    const std::int64_t total = kAnsHead + tableLen + dataLen;
+    if (total > INT32_MAX) return 0;  // not representable: the allocation-failure path
+
+    outLen = static_cast<int>(total);
+    char* buf = AllocZeroed(static_cast<std::uint64_t>(total) + kRawSpare);
+    if (buf == nullptr) return 0;
+    *out = buf;
+    std::memcpy(buf, in, kAnsHead);
+    StoreI32(buf + kWordHeadLen, kAnsHead);
+    std::memcpy(buf + kAnsHead, in + headLen, static_cast<std::size_t>(tableLen));
+    std::memcpy(buf + kAnsHead + tableLen, in + headLen + tableLen, static_cast<std::size_t>(dataLen));
+    return 1;
+}

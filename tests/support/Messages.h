@@ -1,0 +1,63 @@
+// Small helpers for building messages in tests.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "trdcomp/TrdCompData.h"
+
+namespace testmsg {
+
+inline std::int32_t Word(const char* p, int offset) {
+    std::int32_t v;
+    std::memcpy(&v, p + offset, 4);
+    return v;
+}
+inline void SetWord(char* p, int offset, std::int32_t v) { std::memcpy(p + offset, &v, 4); }
+
+inline tagREQ_HEAD ReqHead(int id, int flags = 0, int count = 0, int size = 0) {
+    tagREQ_HEAD h{};
+    h.nHeadLen = 76;
+    h.nFuncId = id;
+    h.nFlags = flags;
+    for (int i = 0; i < 14; ++i) h.nUser[i] = 0x01010101 * (i + 1);
+    h.nRecCount = count;
+    h.nRecSize = size;
+    return h;
+}
+
+// A received message in a heap block of exactly its size, so that the
+// sanitizers catch any read past its end.
+class Exact {
+public:
+    explicit Exact(const std::vector<char>& bytes) : size_(static_cast<int>(bytes.size())), p_(new char[bytes.size()]) {
+        if (!bytes.empty()) std::memcpy(p_.get(), bytes.data(), bytes.size());
+    }
+    Exact(const char* p, int n) : Exact(std::vector<char>(p, p + n)) {}
+    char* data() { return p_.get(); }
+    int size() const { return size_; }
+
+private:
+    int size_;
+    std::unique_ptr<char[]> p_;
+};
+
+// Result of a restore, released through ReleaseAnsData.
+struct Restored {
+    char* p = nullptr;
+    int len = -1;
+    int rc = -1;
+    ~Restored() { CTrdCompData::ReleaseAnsData(p); }
+    std::vector<char> bytes() const { return p ? std::vector<char>(p, p + len) : std::vector<char>(); }
+};
+
+inline void RestoreReq(Restored& r, char* in, int inLen, char flag = 0) {
+    r.rc = CTrdCompData::RestoreReq2008(in, inLen, &r.p, r.len, flag);
+}
+inline void RestoreAns(Restored& r, char* in, int inLen, char flag = 0) {
+    r.rc = CTrdCompData::RestoreAns2008(in, inLen, &r.p, r.len, flag);
+}
+
+}  // namespace testmsg

@@ -1,0 +1,409 @@
+// The four dispatchers: return conventions, heads, raw paths and buffer ownership.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <string>
+#include <vector>
+
+#include "support/AllocHook.h"
+#include "support/Messages.h"
+
+using namespace testmsg;
+
+namespace {
+
+constexpr int kFastV1 = 0x10;
+
+std::vector<char> PackReq(tagREQ_HEAD head, const std::vector<char>& data, int* rc = nullptr) {
+    std::vector<char> out(4096, '\x5A');
+    int len = -1;
+    const int r = CTrdCompData::PackReq2008(out.data(), len, &head, const_cast<char*>(data.data()),
+                                            static_cast<int>(data.size()), 0);
+    if (rc) *rc = r;
+    out.resize(static_cast<std::size_t>(len < 0 ? 0 : len));
+    return out;
+}
+
+tagANS_Proc Proc(int id, std::vector<std::pair<int, int>> arrays) {
+    tagANS_Proc p{};
+    p.nFuncId = id;
+    p.nArrayCount = static_cast<int>(arrays.size());
+    for (std::size_t i = 0; i < arrays.size() && i < 5; ++i) {
+        p.nRecCount[i] = arrays[i].first;
+        p.nRecSize[i] = arrays[i].second;
+    }
+    return p;
+}
+
+struct PackedAns {
+    std::vector<char> bytes;
+    int rc = -1;
+    int outLen = -1;
+};
+
+PackedAns PackAns(tagANS_Proc proc, std::vector<std::vector<char>> arrays, int coding = 0, int outSize = 4096,
+                  char fill = '\0') {
+    std::vector<char> out(4096, fill);
+    std::memset(out.data() + 8, 0, 4);  // the caller hands in a zero flags word
+    arrays.resize(5);
+    PackedAns r;
+    r.rc = CTrdCompData::PackAns2008(out.data(), outSize, r.outLen, &proc, arrays[0].data(), arrays[1].data(),
+                                     arrays[2].data(), arrays[3].data(), arrays[4].data(), 0, coding);
+    out.resize(static_cast<std::size_t>(r.outLen));
+    r.bytes = out;
+    return r;
+}
+
+std::vector<char> Seq(int n, char first = 'a') {
+    std::vector<char> v(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i) v[static_cast<std::size_t>(i)] = static_cast<char>(first + i % 26);
+    return v;
+}
+
+}  // namespace
+
+TEST(PackReq, NullOutputOrHeadIsRefusedAndLeavesOutLen) {
+    tagREQ_HEAD head = ReqHead(1022);
+    char buf[128];
+    int len = 1234;
+    EXPECT_EQ(CTrdCompData::PackReq2008(nullptr, len, &head, nullptr, 0, 0), 0);
+    EXPECT_EQ(len, 1234);
+    EXPECT_EQ(CTrdCompData::PackReq2008(buf, len, nullptr, nullptr, 0, 0), 0);
+    EXPECT_EQ(len, 1234);
+}
+
+TEST(PackReq, HeadIsCopiedWithLength76AndCallerHeadKept) {
+    tagREQ_HEAD head = ReqHead(1022, 0, 2, 5);
+    head.nHeadLen = 0;
+    const auto wire = PackReq(head, Seq(10));
+    ASSERT_EQ(wire.size(), 86u);
+    EXPECT_EQ(Word(wire.data(), 0), 76);
+    EXPECT_EQ(head.nHeadLen, 0);
+    tagREQ_HEAD expected = head;
+    expected.nHeadLen = 76;
+    EXPECT_EQ(std::memcmp(wire.data(), &expected, 76), 0);
+    EXPECT_EQ(std::string(wire.data() + 76, 10), "abcdefghij");
+}
+
+TEST(PackReq, SpecialIdsPackTheHeadAlone) {
+    struct Case {
+        int id;
+        int flags;
+        int countOnWire;
+    };
+    // 1000 and 1001: count forced to 0; 1017: count kept; in both codings.
+    const Case cases[] = {{1000, 0, 0}, {1001, 0, 0}, {1001, kFastV1 * 3, 0}, {1017, 0, 3}, {1017, kFastV1, 3}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.id);
+        int rc = -1;
+        const auto wire = PackReq(ReqHead(c.id, c.flags, 3, 20), Seq(60), &rc);
+        EXPECT_EQ(rc, 1);
+        ASSERT_EQ(wire.size(), 76u);
+        EXPECT_EQ(Word(wire.data(), 68), c.countOnWire);
+        EXPECT_EQ(Word(wire.data(), 8), c.flags);  // no coded bit
+    }
+}
+
+TEST(PackReq, RawIdsTravelAsGivenInBothCodings) {
+    for (int id : {1022, 1069, 999, 1262, 8998, 9000, -5, INT_MIN}) {
+        for (int flags : {0, kFastV1, 0xF0}) {
+            SCOPED_TRACE(id);
+            int rc = -1;
+            const auto wire = PackReq(ReqHead(id, flags, 1, 10), Seq(10), &rc);
+            EXPECT_EQ(rc, 1);
+            ASSERT_EQ(wire.size(), 86u);
+            EXPECT_EQ(Word(wire.data(), 8), flags);
+            EXPECT_EQ(std::string(wire.data() + 76, 10), "abcdefghij");
+        }
+    }
+}
+
+TEST(PackReq, RawPathRefusesBytesItCannotCopy) {
+    tagREQ_HEAD head = ReqHead(1022);
+    char buf[128];
+    int len = 77;
+    EXPECT_EQ(CTrdCompData::PackReq2008(buf, len, &head, buf, -1, 0), 0);
+    EXPECT_EQ(len, 77);
+    EXPECT_EQ(CTrdCompData::PackReq2008(buf, len, &head, nullptr, 5, 0), 0);
+    EXPECT_EQ(CTrdCompData::PackReq2008(buf, len, &head, nullptr, 0, 0), 1);
+    EXPECT_EQ(len, 76);
+}
+
+TEST(RestoreReq, RawMessageComesBackAsAZeroPaddedCopy) {
+    const auto wire = PackReq(ReqHead(1022, 0, 1, 10), Seq(10));
+    Exact in(wire);
+    alloc_hook::ResetLastNothrowSize();
+    Restored r;
+    RestoreReq(r, in.data(), in.size());
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_EQ(r.len, 86);
+    EXPECT_EQ(alloc_hook::LastNothrowSize(), 96u);
+    ASSERT_NE(r.p, nullptr);
+    EXPECT_EQ(std::memcmp(r.p, wire.data(), 86), 0);
+    for (int i = 86; i < 96; ++i) EXPECT_EQ(r.p[i], 0) << i;
+}
+
+TEST(RestoreReq, HeadLengthWordAgainstInLen) {
+    auto wire = PackReq(ReqHead(1022), {});
+    ASSERT_EQ(wire.size(), 76u);
+    struct Case {
+        int headLen;
+        int inLen;
+        int rc;
+    };
+    const Case cases[] = {{76, 76, 1}, {77, 76, 0}, {76, 75, 0}, {-1, 76, 1}, {12, 76, 1}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.headLen);
+        SetWord(wire.data(), 0, c.headLen);
+        Exact in(wire.data(), c.inLen);
+        char* sentinel = reinterpret_cast<char*>(&wire);
+        Restored r;
+        r.p = sentinel;
+        r.len = 555;
+        RestoreReq(r, in.data(), in.size());
+        EXPECT_EQ(r.rc, c.rc);
+        if (c.rc == 0) {
+            EXPECT_EQ(r.p, sentinel);  // untouched on refusal
+            EXPECT_EQ(r.len, 555);
+            r.p = nullptr;
+        } else {
+            EXPECT_EQ(r.len, c.inLen);
+        }
+    }
+}
+
+TEST(RestoreReq, ArgumentRefusals) {
+    char buf[76] = {};
+    SetWord(buf, 0, 76);
+    char* out = nullptr;
+    int len = 9;
+    EXPECT_EQ(CTrdCompData::RestoreReq2008(nullptr, 76, &out, len, 0), 0);
+    EXPECT_EQ(CTrdCompData::RestoreReq2008(buf, 0, &out, len, 0), 0);
+    EXPECT_EQ(CTrdCompData::RestoreReq2008(buf, -4, &out, len, 0), 0);
+    EXPECT_EQ(len, 9);
+    EXPECT_EQ(out, nullptr);
+}
+
+TEST(RestoreReq, CodedRecordsOfAnIdWithoutCodecAreRefused) {
+    auto wire = PackReq(ReqHead(1022, 1, 1, 10), Seq(10));
+    Exact in(wire);
+    Restored r;
+    RestoreReq(r, in.data(), in.size());
+    EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(r.p, nullptr);
+    EXPECT_EQ(r.len, 0);
+}
+
+TEST(RestoreReq, Id1017RestoresToNothing) {
+    for (int flags : {0, kFastV1}) {
+        auto wire = PackReq(ReqHead(1017, flags, 3, 20), {});
+        Exact in(wire);
+        Restored r;
+        RestoreReq(r, in.data(), in.size());
+        EXPECT_EQ(r.rc, 1);
+        EXPECT_EQ(r.p, nullptr);
+        EXPECT_EQ(r.len, 0);
+    }
+}
+
+TEST(AllocationFailure, RequestRawPathStillReportsSuccess) {
+    const auto wire = PackReq(ReqHead(1022, 0, 1, 10), Seq(10));
+    Exact in(wire);
+    Restored r;
+    alloc_hook::FailNext(1);
+    RestoreReq(r, in.data(), in.size());
+    alloc_hook::FailNext(0);
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_EQ(r.p, nullptr);
+    EXPECT_EQ(r.len, 86);
+}
+
+TEST(AllocationFailure, AnswerRawPathFails) {
+    const auto packed = PackAns(Proc(1022, {{3, 20}}), {Seq(60)});
+    Exact in(packed.bytes);
+    Restored r;
+    alloc_hook::FailNext(1);
+    RestoreAns(r, in.data(), in.size());
+    alloc_hook::FailNext(0);
+    EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(r.p, nullptr);
+    EXPECT_EQ(r.len, 156);
+}
+
+TEST(ReleaseAnsData, NullIsIgnored) { CTrdCompData::ReleaseAnsData(nullptr); }
+
+TEST(PackAns, AlwaysReturnsZeroAndReportsThroughOutLen) {
+    const auto packed = PackAns(Proc(1022, {{10, 40}}), {Seq(400)});
+    EXPECT_EQ(packed.rc, 0);
+    EXPECT_EQ(packed.outLen, 496);
+
+    tagANS_Proc proc = Proc(1022, {{1, 4}});
+    char buf[200];
+    int len = 77;
+    char rec[4] = {};
+    EXPECT_EQ(CTrdCompData::PackAns2008(nullptr, 200, len, &proc, rec, nullptr, nullptr, nullptr, nullptr, 0, 0), 0);
+    EXPECT_EQ(len, 0);
+    len = 77;
+    EXPECT_EQ(CTrdCompData::PackAns2008(buf, 200, len, nullptr, rec, nullptr, nullptr, nullptr, nullptr, 0, 0), 0);
+    EXPECT_EQ(len, 0);
+}
+
+TEST(PackAns, OutSizeOf95IsRefusedAnd96Packs) {
+    struct Case {
+        int outSize;
+        int outLen;
+    };
+    // Negative sizes compare as huge unsigned values; they pass the check but
+    // cannot bound anything, so a message longer than the head is refused.
+    const Case cases[] = {{95, 0}, {96, 96}, {0, 0}, {-1, 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.outSize);
+        EXPECT_EQ(PackAns(Proc(1017, {{1, 20}}), {Seq(20)}, 0, c.outSize).outLen, c.outLen);
+    }
+}
+
+TEST(PackAns, HeadIsBuiltFromTheProc) {
+    tagANS_Proc proc = Proc(1022, {{3, 20}});
+    std::memcpy(proc.szShort, "AB\0\0", 4);
+    std::memcpy(proc.szLong, "LONG TEXT", 10);
+    const auto packed = PackAns(proc, {Seq(60)}, 0, 4096, '\xEE');
+    ASSERT_EQ(packed.outLen, 156);
+    const char* p = packed.bytes.data();
+    EXPECT_EQ(Word(p, 0), 96);
+    EXPECT_EQ(Word(p, 4), 1022);
+    EXPECT_EQ(Word(p, 8), 0);
+    EXPECT_EQ(std::string(p + 12, 8), std::string(8, '\xEE'));  // bytes 12..19 are not written
+    EXPECT_EQ(std::string(p + 20, 4), std::string("AB\0\0", 4));
+    EXPECT_EQ(std::string(p + 24, 10), std::string("LONG TEXT\0", 10));
+    EXPECT_EQ(std::string(p + 34, 54), std::string(54, '\0'));
+    EXPECT_EQ(Word(p, 88), 3);
+    EXPECT_EQ(Word(p, 92), 20);
+    EXPECT_EQ(std::string(p + 96, 60), std::string(Seq(60).data(), 60));
+}
+
+TEST(PackAns, FullTextsAreCutWithoutTerminator) {
+    tagANS_Proc proc = Proc(1017, {{0, 0}});
+    std::memcpy(proc.szShort, "WXYZ", 4);
+    std::memset(proc.szLong, 'L', 64);
+    const auto packed = PackAns(proc, {});
+    ASSERT_EQ(packed.outLen, 96);
+    EXPECT_EQ(std::string(packed.bytes.data() + 20, 4), "WXYZ");
+    EXPECT_EQ(std::string(packed.bytes.data() + 24, 64), std::string(64, 'L'));
+}
+
+TEST(PackAns, FlagBitsForSectionsAndFastVersion) {
+    struct Case {
+        int arrays;
+        int coding;
+        int flags;
+        int outLen;
+    };
+    const Case cases[] = {
+        {1, 0, 0x00, 96 + 8},            // one array: no table
+        {2, 0, 0x02, 96 + 20 + 16},      // table of 20 bytes
+        {2, 0x30, 0x12, 96 + 16},        // Fast: bit 1, version recorded as 1, no table
+        {1, 0xF0, 0x10, 96 + 8},
+        {1, 0x0F, 0x00, 96 + 8},         // only bits 4..7 select the coding
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.coding);
+        std::vector<std::pair<int, int>> shape(static_cast<std::size_t>(c.arrays), {2, 4});
+        std::vector<std::vector<char>> arrays(static_cast<std::size_t>(c.arrays), Seq(8));
+        const auto packed = PackAns(Proc(1022, shape), arrays, c.coding);
+        EXPECT_EQ(Word(packed.bytes.data(), 8), c.flags);
+        EXPECT_EQ(packed.outLen, c.outLen);
+    }
+}
+
+TEST(RawAnswer, OneArrayRoundTrip) {
+    const auto packed = PackAns(Proc(1022, {{3, 20}}), {Seq(60)});
+    ASSERT_EQ(packed.outLen, 156);
+    Exact in(packed.bytes);
+    alloc_hook::ResetLastNothrowSize();
+    Restored r;
+    RestoreAns(r, in.data(), in.size());
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_EQ(r.len, 156);
+    EXPECT_EQ(alloc_hook::LastNothrowSize(), 166u);
+    EXPECT_EQ(r.bytes(), packed.bytes);
+    for (int i = 156; i < 166; ++i) EXPECT_EQ(r.p[i], 0);
+}
+
+TEST(RawAnswer, TwoArraysCarryTheSectionTable) {
+    const auto packed = PackAns(Proc(1022, {{2, 8}, {1, 4}}), {Seq(16), Seq(4, 'A')});
+    ASSERT_EQ(packed.outLen, 136);
+    const char* p = packed.bytes.data();
+    EXPECT_EQ(Word(p, 8) & 2, 2);
+    const std::int32_t table[] = {20, 2, 8, 1, 4};
+    EXPECT_EQ(std::memcmp(p + 96, table, sizeof table), 0);
+    EXPECT_EQ(std::string(p + 116, 20), std::string(Seq(16).data(), 16) + "ABCD");
+
+    Exact in(packed.bytes);
+    Restored r;
+    RestoreAns(r, in.data(), in.size());
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_EQ(r.bytes(), packed.bytes);
+}
+
+TEST(RawAnswer, SevenArraysWriteFiveEntriesAndFiveArrays) {
+    tagANS_Proc proc = Proc(1022, {{1, 2}, {1, 2}, {1, 2}, {1, 2}, {1, 2}});
+    proc.nArrayCount = 7;
+    const auto packed =
+        PackAns(proc, {Seq(2, 'A'), Seq(2, 'C'), Seq(2, 'E'), Seq(2, 'G'), Seq(2, 'I')}, 0, 4096, '\xEE');
+    const int tableLen = 7 * 8 + 4;
+    ASSERT_EQ(packed.outLen, 96 + tableLen + 10);
+    const char* p = packed.bytes.data();
+    EXPECT_EQ(Word(p, 96), tableLen);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(Word(p, 100 + 8 * i), 1);
+        EXPECT_EQ(Word(p, 104 + 8 * i), 2);
+    }
+    // The words of arrays 6 and 7 stay as the caller's buffer held them.
+    EXPECT_EQ(std::string(p + 140, 16), std::string(16, '\xEE'));
+    EXPECT_EQ(std::string(p + 96 + tableLen, 10), "ABCDEFGHIJ");
+}
+
+TEST(RawAnswer, FastCodedSectionsHaveNoTableAndTheRestoreReadsRecordBytes) {
+    // With the Fast coding no table is written; the raw restore then takes
+    // the first four record bytes as the table length.
+    std::vector<char> a1(8, 0);
+    SetWord(a1.data(), 0, 4);  // a table length of 4: no entries
+    const auto packed = PackAns(Proc(1022, {{1, 8}, {1, 4}}), {a1, Seq(4)}, kFastV1);
+    ASSERT_EQ(packed.outLen, 96 + 12);
+    EXPECT_EQ(Word(packed.bytes.data(), 8), 0x12);
+    Exact in(packed.bytes);
+    Restored r;
+    RestoreAns(r, in.data(), in.size());
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_EQ(r.len, 100);
+    EXPECT_EQ(Word(r.p, 96), 4);
+}
+
+TEST(RawAnswer, NoArraysAppendsNothing) {
+    for (int n : {0, -3}) {
+        tagANS_Proc proc = Proc(1022, {});
+        proc.nArrayCount = n;
+        EXPECT_EQ(PackAns(proc, {}).outLen, 96);
+    }
+}
+
+TEST(RawAnswer, ArraysThatDoNotFitOutSizeAreRefused) {
+    EXPECT_EQ(PackAns(Proc(1022, {{3, 20}}), {Seq(60)}, 0, 155).outLen, 0);
+    EXPECT_EQ(PackAns(Proc(1022, {{3, 20}}), {Seq(60)}, 0, 156).outLen, 156);
+    EXPECT_EQ(PackAns(Proc(1022, {{-1, 20}}), {Seq(60)}).outLen, 0);
+    EXPECT_EQ(PackAns(Proc(1022, {{1, 20}}), {}).outLen, 0);  // no array behind a non-empty count
+    tagANS_Proc many = Proc(1022, {});
+    many.nArrayCount = INT_MAX;  // its table alone cannot fit
+    EXPECT_EQ(PackAns(many, {}).outLen, 0);
+}
+
+TEST(RawAnswer, AnswerRestoreOf1017IsNothing) {
+    const auto packed = PackAns(Proc(1017, {{1, 20}}), {Seq(20)});
+    ASSERT_EQ(packed.outLen, 96);
+    Exact in(packed.bytes);
+    Restored r;
+    RestoreAns(r, in.data(), in.size());
+    EXPECT_EQ(r.rc, 1);
+    EXPECT_EQ(r.p, nullptr);
+    EXPECT_EQ(r.len, 0);
+}

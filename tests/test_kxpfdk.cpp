@@ -1,0 +1,137 @@
+// Byte format of the KXPfdk value coders (CKXNetCompressHelper).
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "trdcomp/KXNetCompressHelper.h"
+
+using H = CKXNetCompressHelper;
+using Bytes = std::vector<unsigned char>;
+
+namespace {
+
+template <class Fn>
+Bytes Written(Fn write) {
+    std::vector<char> buf(64, '\xEE');
+    const int n = write(buf.data());
+    return Bytes(buf.begin(), buf.begin() + n);
+}
+
+std::vector<char> Chars(const Bytes& b) { return std::vector<char>(b.begin(), b.end()); }
+
+}  // namespace
+
+TEST(KXPfdk, IntIsZigzagLeb128) {
+    struct Case {
+        int value;
+        Bytes wire;
+    };
+    const Case cases[] = {
+        {0, {0x00}},        {1, {0x02}},       {-1, {0x01}},         {63, {0x7e}},
+        {64, {0x80, 0x01}}, {-65, {0x81, 0x01}}, {300, {0xd8, 0x04}},
+        {INT_MAX, {0xfe, 0xff, 0xff, 0xff, 0x0f}}, {INT_MIN, {0xff, 0xff, 0xff, 0xff, 0x0f}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value);
+        EXPECT_EQ(Written([&](char* p) { return H::NCH_compress_int(p, c.value); }), c.wire);
+        auto in = Chars(c.wire);
+        int back = 7;
+        EXPECT_EQ(H::NCH_decompress_int(in.data(), back), static_cast<int>(c.wire.size()));
+        EXPECT_EQ(back, c.value);
+    }
+}
+
+TEST(KXPfdk, Int64IsZigzagLeb128) {
+    struct Case {
+        long long value;
+        Bytes wire;
+    };
+    const Case cases[] = {
+        {0, {0x00}},
+        {-3, {0x05}},
+        {1LL << 35, {0x80, 0x80, 0x80, 0x80, 0x80, 0x02}},
+        {LLONG_MAX, {0xfe, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x01}},
+        {LLONG_MIN, {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x01}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value);
+        EXPECT_EQ(Written([&](char* p) { return H::NCH_compress_int64(p, c.value); }), c.wire);
+        auto in = Chars(c.wire);
+        long long back = 7;
+        EXPECT_EQ(H::NCH_decompress_int64(in.data(), back), static_cast<int>(c.wire.size()));
+        EXPECT_EQ(back, c.value);
+    }
+}
+
+TEST(KXPfdk, IntDecodersStopAtTheirWidth) {
+    // Continuation bits on every byte: the int decoder stops after 5 bytes,
+    // the int64 decoder after 10, so a corrupt value cannot run on.
+    auto in = Chars(Bytes(12, 0xff));
+    int v32;
+    long long v64;
+    EXPECT_EQ(H::NCH_decompress_int(in.data(), v32), 5);
+    EXPECT_EQ(H::NCH_decompress_int64(in.data(), v64), 10);
+}
+
+TEST(KXPfdk, StringsAreLengthThenText) {
+    EXPECT_EQ(Written([](char* p) { return H::NCH_compress_string(p, ""); }), Bytes({0x00}));
+    EXPECT_EQ(Written([](char* p) { return H::NCH_compress_string(p, "AB"); }), Bytes({0x02, 'A', 'B'}));
+    const std::string text(200, 'x');
+    std::vector<char> wire(256);
+    ASSERT_EQ(H::NCH_compress_string(wire.data(), text.c_str()), 202);
+    EXPECT_EQ(static_cast<unsigned char>(wire[0]), 0xc8);  // 200 = 0xc8 0x01
+    EXPECT_EQ(wire[1], 0x01);
+}
+
+TEST(KXPfdk, StringDecoderNeverWritesMoreThanMax) {
+    auto in = Chars({0x06, 'A', 'B', 'C', 'D', 'E', 'F'});
+    struct Case {
+        int max;
+        std::string stored;  // what lands in the 8-byte destination
+    };
+    // Shorter than max: text and terminator. Max or longer: max bytes, no terminator.
+    const Case cases[] = {{8, std::string("ABCDEF\0\x7f", 8)},
+                          {7, std::string("ABCDEF\0\x7f", 8)},
+                          {6, std::string("ABCDEF\x7f\x7f", 8)},
+                          {4, std::string("ABCD\x7f\x7f\x7f\x7f", 8)},
+                          {0, std::string(8, '\x7f')}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.max);
+        char dest[8];
+        std::memset(dest, 0x7f, sizeof dest);
+        EXPECT_EQ(H::NCH_decompress_string(in.data(), dest, c.max), 7);
+        EXPECT_EQ(std::string(dest, 8), c.stored);
+    }
+}
+
+TEST(KXPfdk, BlocksDropTrailingZeros) {
+    char block[6] = {1, 0, 2, 0, 0, 0};
+    EXPECT_EQ(Written([&](char* p) { return H::NCH_compress_binData(p, block, 6); }), Bytes({0x03, 1, 0, 2}));
+    char zeros[4] = {};
+    EXPECT_EQ(Written([&](char* p) { return H::NCH_compress_binData(p, zeros, 4); }), Bytes({0x00}));
+
+    auto in = Chars({0x03, 1, 0, 2});
+    char dest[6];
+    std::memset(dest, 0x55, sizeof dest);
+    int len = -1;
+    EXPECT_EQ(H::NCH_decompress_binData(in.data(), dest, 6, len), 4);
+    EXPECT_EQ(len, 3);
+    EXPECT_EQ(std::string(dest, 6), std::string("\x01\x00\x02\x55\x55\x55", 6));
+
+    std::memset(dest, 0x55, sizeof dest);
+    EXPECT_EQ(H::NCH_decompress_binData(in.data(), dest, 2, len), 4);  // keeps max, skips the rest
+    EXPECT_EQ(std::string(dest, 3), std::string("\x01\x00\x55", 3));
+}
+
+TEST(KXPfdk, HugeLengthsStayRepresentable) {
+    // A length of 2^32 - 1 is clamped so that the count returned still fits an int.
+    auto in = Chars({0xff, 0xff, 0xff, 0xff, 0x0f});
+    char dest[4] = {};
+    int len = 0;
+    EXPECT_EQ(H::NCH_decompress_binData(in.data(), dest, 0, len), INT_MAX);
+    EXPECT_EQ(len, INT_MAX - 5);
+    EXPECT_EQ(H::NCH_decompress_string(in.data(), dest, 0), INT_MAX);
+}
