@@ -102,42 +102,140 @@ inline std::uint32_t FastPutInt16(byte* out, std::int16_t v) { return FastPutInt
 // Characters go through here, so a character at or above 0x80 is negative.
 inline std::uint32_t FastPutInt8(byte* out, signed char v) { return FastPutInt64(out, v); }
 
-namespace internal {
+// Where the readers take their bytes from. PtrSource is the plain pointer of
+// the named primitives, trusted to reach a stop byte. BoundedSource is a
+// received message: positions outside [0, size) read as 0x80, so a reader
+// stops where it would otherwise run past the message.
+struct PtrSource {
+    const byte* p;
+    byte operator[](std::int64_t i) const { return p[i]; }
+    void Copy(void* dst, std::int64_t at, std::size_t n) const { std::memcpy(dst, p + at, n); }
+};
+
+struct BoundedSource {
+    const byte* p;
+    std::int64_t size;
+    byte operator[](std::int64_t i) const {
+        return static_cast<std::uint64_t>(i) < static_cast<std::uint64_t>(size) ? p[i] : byte{0x80};
+    }
+    void Copy(void* dst, std::int64_t at, std::size_t n) const {
+        auto* d = static_cast<byte*>(dst);
+        const std::int64_t end = at + static_cast<std::int64_t>(n);
+        const std::int64_t lo = at < 0 ? 0 : at;
+        const std::int64_t hi = end < size ? end : size;
+        if (lo >= hi) {
+            std::memset(d, 0x80, n);
+            return;
+        }
+        std::memset(d, 0x80, static_cast<std::size_t>(lo - at));
+        std::memcpy(d + (lo - at), p + lo, static_cast<std::size_t>(hi - lo));
+        std::memset(d + (hi - at), 0x80, static_cast<std::size_t>(end - hi));
+    }
+};
+
 // Signed reader in the width of T (wrapping arithmetic in the unsigned twin):
 // starts from all ones when the first byte has 0x40, then shifts in 7 bits a
 // byte up to and including the byte with the stop bit.
-template <class T>
-inline std::int64_t GetSigned(const byte* in, T* v) {
+template <class T, class Src>
+inline std::int64_t GetSignedAt(const Src& in, std::int64_t at, T* v) {
     using U = std::make_unsigned_t<T>;
-    U value = (in[0] & 0x40u) ? static_cast<U>(~U{0}) : U{0};
-    std::int64_t i = 0;
+    U value = (in[at] & 0x40u) ? static_cast<U>(~U{0}) : U{0};
+    std::int64_t i = at;
     for (;;) {
         const byte b = in[i++];
         value = static_cast<U>(static_cast<U>(value << 7) | (b & 0x7Fu));
         if (b & 0x80u) break;
     }
     *v = static_cast<T>(value);
-    return i;
+    return i - at;
 }
-}  // namespace internal
-
-inline std::int64_t FastGetInt8(const byte* in, signed char* v) { return internal::GetSigned(in, v); }
-inline std::int64_t FastGetInt16(const byte* in, std::int16_t* v) { return internal::GetSigned(in, v); }
-inline std::int64_t FastGetInt32(const byte* in, std::int32_t* v) { return internal::GetSigned(in, v); }
-inline std::int64_t FastGetInt64(const byte* in, std::int64_t* v) { return internal::GetSigned(in, v); }
 
 // The unsigned 16-bit reader starts from 0 whatever bit 0x40 says.
-inline std::int64_t FastGetUInt16(const byte* in, std::uint16_t* v) {
+template <class Src>
+inline std::int64_t GetUInt16At(const Src& in, std::int64_t at, std::uint16_t* v) {
     std::uint16_t value = 0;
-    std::int64_t i = 0;
+    std::int64_t i = at;
     for (;;) {
         const byte b = in[i++];
         value = static_cast<std::uint16_t>((value << 7) | (b & 0x7Fu));
         if (b & 0x80u) break;
     }
     *v = value;
-    return i;
+    return i - at;
 }
+
+// Keeps at most max-1 characters. When no stop byte is met within them the
+// string is cut and the stop byte is searched from offset max on (offset
+// max-1 is never examined); the count returned is that offset, one less than
+// the bytes the string occupied. A string that fills its field therefore does
+// not read back cleanly: the wire format, kept as it is.
+template <class Src>
+inline std::int64_t GetAsciiAt(const Src& in, std::int64_t at, char* s, int max) {
+    if (in[at] == 0x80u) {
+        s[0] = '\0';
+        return 1;
+    }
+    const int keep = max - 1;
+    for (int i = 0; i < keep; ++i) {
+        const byte b = in[at + i];
+        if (b & 0x80u) {
+            s[i] = static_cast<char>(b & 0x7Fu);
+            s[i + 1] = '\0';
+            return i + 1;
+        }
+        s[i] = static_cast<char>(b);
+    }
+    if (keep >= 0) s[keep] = '\0';
+    std::int64_t off = max < 0 ? 0 : max;
+    while (!(in[at + off] & 0x80u)) ++off;
+    return off;
+}
+
+// Counted string: keeps min(L, max-1) bytes and a terminator, and skips the
+// full length. A negative length returns k + L, fewer than the bytes read:
+// the caller adds the count as it is.
+template <class Src>
+inline std::int64_t GetStringAt(const Src& in, std::int64_t at, char* s, int max) {
+    std::int32_t len;
+    const std::int64_t k = GetSignedAt(in, at, &len);
+    if (len < 1) {
+        s[0] = '\0';
+        return k + len;
+    }
+    const std::int32_t keep = len < max - 1 ? len : max - 1;
+    if (keep > 0) in.Copy(s, at + k, static_cast<std::size_t>(keep));
+    s[keep > 0 ? keep : 0] = '\0';
+    return k + len;
+}
+
+// Counted byte block: keeps min(L, max) bytes, no terminator; skips L.
+template <class Src>
+inline std::int64_t GetBytesAt(const Src& in, std::int64_t at, void* p, int max) {
+    std::int32_t len;
+    const std::int64_t k = GetSignedAt(in, at, &len);
+    if (len < 1) return k + len;
+    const std::int32_t keep = len < max ? len : max;
+    if (keep > 0) in.Copy(p, at + k, static_cast<std::size_t>(keep));
+    return k + len;
+}
+
+template <class Src>
+inline std::int64_t GetPriceAt(const Src& in, std::int64_t at, double* v) {
+    std::int64_t scaled;
+    const std::int64_t k = GetSignedAt(in, at, &scaled);
+    *v = static_cast<double>(scaled) / 1000.0;
+    return k;
+}
+
+inline std::int64_t FastGetInt8(const byte* in, signed char* v) { return GetSignedAt(PtrSource{in}, 0, v); }
+inline std::int64_t FastGetInt16(const byte* in, std::int16_t* v) { return GetSignedAt(PtrSource{in}, 0, v); }
+inline std::int64_t FastGetInt32(const byte* in, std::int32_t* v) { return GetSignedAt(PtrSource{in}, 0, v); }
+inline std::int64_t FastGetInt64(const byte* in, std::int64_t* v) { return GetSignedAt(PtrSource{in}, 0, v); }
+inline std::int64_t FastGetUInt16(const byte* in, std::uint16_t* v) { return GetUInt16At(PtrSource{in}, 0, v); }
+inline std::int64_t FastGetAscii(const byte* in, char* s, int max) { return GetAsciiAt(PtrSource{in}, 0, s, max); }
+inline std::int64_t FastGetString(const byte* in, char* s, int max) { return GetStringAt(PtrSource{in}, 0, s, max); }
+inline std::int64_t FastGetBytes(const byte* in, void* p, int max) { return GetBytesAt(PtrSource{in}, 0, p, max); }
+inline std::int64_t FastGetPrice(const byte* in, double* v) { return GetPriceAt(PtrSource{in}, 0, v); }
 
 // ASCII string: the characters, the last one with 0x80 set; "" is 80.
 inline std::uint32_t FastPutAscii(byte* out, const char* s, int max) {
@@ -151,32 +249,6 @@ inline std::uint32_t FastPutAscii(byte* out, const char* s, int max) {
     return static_cast<std::uint32_t>(len);
 }
 
-// Keeps at most max-1 characters. When no stop byte is met within them the
-// string is cut and the stop byte is searched from offset max on (offset
-// max-1 is never examined); the count returned is that offset, one less than
-// the bytes the string occupied. A string that fills its field therefore does
-// not read back cleanly: the wire format, kept as it is.
-inline std::int64_t FastGetAscii(const byte* in, char* s, int max) {
-    if (in[0] == 0x80u) {
-        s[0] = '\0';
-        return 1;
-    }
-    const int keep = max - 1;
-    for (int i = 0; i < keep; ++i) {
-        const byte b = in[i];
-        if (b & 0x80u) {
-            s[i] = static_cast<char>(b & 0x7Fu);
-            s[i + 1] = '\0';
-            return i + 1;
-        }
-        s[i] = static_cast<char>(b);
-    }
-    if (keep >= 0) s[keep] = '\0';
-    std::int64_t at = max < 0 ? 0 : max;
-    while (!(in[at] & 0x80u)) ++at;
-    return at;
-}
-
 // Counted string: a signed stop-bit length, then that many raw bytes.
 inline std::uint32_t FastPutString(byte* out, const char* s, int max) {
     const std::int32_t n =
@@ -186,22 +258,6 @@ inline std::uint32_t FastPutString(byte* out, const char* s, int max) {
     return k + static_cast<std::uint32_t>(n);
 }
 
-// Keeps min(L, max-1) bytes and a terminator, and skips the full length.
-// A negative length returns k + L, fewer than the bytes read: the caller adds
-// the count as it is.
-inline std::int64_t FastGetString(const byte* in, char* s, int max) {
-    std::int32_t len;
-    const std::int64_t k = FastGetInt32(in, &len);
-    if (len < 1) {
-        s[0] = '\0';
-        return k + len;
-    }
-    const std::int32_t keep = len < max - 1 ? len : max - 1;
-    if (keep > 0) std::memcpy(s, in + k, static_cast<std::size_t>(keep));
-    s[keep > 0 ? keep : 0] = '\0';
-    return k + len;
-}
-
 // Counted byte block of n bytes (only the length when n < 1).
 inline std::uint32_t FastPutBytes(byte* out, const void* p, std::int32_t n) {
     const std::uint32_t k = FastPutInt32(out, n);
@@ -209,25 +265,9 @@ inline std::uint32_t FastPutBytes(byte* out, const void* p, std::int32_t n) {
     return k + (n > 0 ? static_cast<std::uint32_t>(n) : 0u);
 }
 
-inline std::int64_t FastGetBytes(const byte* in, void* p, int max) {
-    std::int32_t len;
-    const std::int64_t k = FastGetInt32(in, &len);
-    if (len < 1) return k + len;
-    const std::int32_t keep = len < max ? len : max;
-    if (keep > 0) std::memcpy(p, in + k, static_cast<std::size_t>(keep));
-    return k + len;
-}
-
 // Scaled decimal: trunc(v * 1000 + 0.00005) as a signed integer; three places.
 inline std::uint32_t FastPutPrice(byte* out, double v) {
     return FastPutInt64(out, detail::TruncToInt64(v * 1000.0 + 0.00005));
-}
-
-inline std::int64_t FastGetPrice(const byte* in, double* v) {
-    std::int64_t scaled;
-    const std::int64_t k = FastGetInt64(in, &scaled);
-    *v = static_cast<double>(scaled) / 1000.0;
-    return k;
 }
 
 }  // namespace trdcomp::fast

@@ -1,0 +1,419 @@
+// The 2008 record coding: one generic record encoder and decoder, specialised
+// per layout at compile time, and the framing of requests and answers.
+//
+// A coded record on the wire is a 32-bit length L and L bytes of fields, each
+// coded through CKXNetCompressHelper in layout order:
+//   char    the byte as it is
+//   text    NCH_compress_string of the text up to its zero or the field's end
+//   bytes   NCH_compress_binData of the whole field
+//   int32   flag 0: NCH_compress_int; flag 1: NCH_compress_int64 of the
+//           sign-extended value; any other flag: not written at all
+//           (the decoder reads int64 under every non-zero flag: kept as is)
+//   int64   NCH_compress_int64
+//   double  NCH_compress_int64 of trunc((v + 0.00005) * 10000)
+// A decoder zero-fills its record and decodes fields only while it has
+// consumed fewer bytes than the record's length, so a shorter record reads
+// into a longer layout with the tail zero.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "common/Bytes.h"
+#include "common/Framing.h"
+#include "common/Layout.h"
+#include "trdcomp/KXNetCompressHelper.h"
+
+namespace trdcomp::codec2008 {
+
+using model::Field;
+using model::Kind;
+using Nch = CKXNetCompressHelper;
+namespace d = trdcomp::detail;
+
+// Worst-case coded bytes of one field (KXPfdk format: 5 bytes of length).
+constexpr std::uint32_t MaxCoded(const Field& f) {
+    switch (f.kind) {
+        case Kind::Char: return 1;
+        case Kind::Text:
+        case Kind::Bytes: return 5 + f.width;
+        case Kind::SizedBlock: return 10 + 5 + f.width;  // its length, then the block
+        case Kind::BlockLength: return 0;
+        default: return 10;
+    }
+}
+
+// Worst-case bytes a decoder reads for one field.
+constexpr std::uint32_t MaxRead(const Field& f) {
+    switch (f.kind) {
+        case Kind::Char: return 1;
+        case Kind::Text:
+        case Kind::Bytes: return 5 + f.limit;
+        case Kind::SizedBlock: return 5 + f.width;
+        default: return 10;
+    }
+}
+
+template <const auto& L>
+constexpr std::uint32_t MaxRecord() {
+    std::uint32_t n = 0;
+    for (const Field& f : L.fields) n += MaxCoded(f);
+    return n;
+}
+
+// Entries of a counted array that are coded: min(count, capacity), none below 1.
+template <const auto& L>
+inline std::int32_t ActiveEntries(const char* rec) {
+    if constexpr (L.countOffset < 0) {
+        return 0;
+    } else {
+        const std::int32_t count = d::LoadI32(rec + L.countOffset);
+        return count < 0 ? 0 : (count > static_cast<std::int32_t>(L.countMax) ? L.countMax : count);
+    }
+}
+
+namespace internal {
+
+inline int CompressInt32(char* out, std::int32_t v, char flag) {
+    if (flag == 0) return Nch::NCH_compress_int(out, v);
+    if (flag == 1) return Nch::NCH_compress_int64(out, v);
+    return 0;
+}
+
+// A text that fills its field has no terminator inside it: code it from a
+// terminated copy, so that nothing past the field is read.
+template <std::uint32_t W>
+[[gnu::noinline]] int CompressFullText(char* out, const char* text) {
+    char copy[W + 1];
+    std::memcpy(copy, text, W);
+    copy[W] = '\0';
+    return Nch::NCH_compress_string(out, copy);
+}
+
+template <Field F>
+inline void EncodeField(const char* rec, char* out, std::uint32_t& n, char flag, std::int32_t active) {
+    if constexpr (F.entry >= 0) {
+        if (F.entry >= active) return;
+    }
+    const char* p = rec + F.offset;
+    if constexpr (F.kind == Kind::Char) {
+        out[n++] = *p;
+    } else if constexpr (F.kind == Kind::Text) {
+        if (::strnlen(p, F.width) < F.width)
+            n += static_cast<std::uint32_t>(Nch::NCH_compress_string(out + n, p));
+        else
+            n += static_cast<std::uint32_t>(CompressFullText<F.width>(out + n, p));
+    } else if constexpr (F.kind == Kind::Bytes) {
+        n += static_cast<std::uint32_t>(Nch::NCH_compress_binData(out + n, const_cast<char*>(p), F.width));
+    } else if constexpr (F.kind == Kind::Int32) {
+        n += static_cast<std::uint32_t>(CompressInt32(out + n, d::LoadI32(p), flag));
+    } else if constexpr (F.kind == Kind::Int64) {
+        std::int64_t v;
+        std::memcpy(&v, p, 8);
+        n += static_cast<std::uint32_t>(Nch::NCH_compress_int64(out + n, v));
+    } else if constexpr (F.kind == Kind::Double) {
+        double v;
+        std::memcpy(&v, p, 8);
+        n += static_cast<std::uint32_t>(Nch::NCH_compress_int64(out + n, d::TruncToInt64((v + 0.00005) * 10000.0)));
+    } else if constexpr (F.kind == Kind::SizedBlock) {
+        // Its length (the int32 behind the block) first; then the block, of
+        // that many bytes (the decoder keeps no more than that).
+        const std::int32_t len = d::LoadI32(p + F.width);
+        n += static_cast<std::uint32_t>(CompressInt32(out + n, len, flag));
+        const std::int32_t keep = len < 0 ? 0 : (len > static_cast<std::int32_t>(F.width) ? F.width : len);
+        n += static_cast<std::uint32_t>(Nch::NCH_compress_binData(out + n, const_cast<char*>(p), keep));
+    }
+    // Kind::BlockLength travels with its block.
+}
+
+template <Field F>
+inline std::int64_t DecodeValue(char* in, char* rec, char flag) {
+    char* p = rec + F.offset;
+    if constexpr (F.kind == Kind::Char) {
+        *p = in[0];
+        return 1;
+    } else if constexpr (F.kind == Kind::Text) {
+        return Nch::NCH_decompress_string(in, p, F.limit);
+    } else if constexpr (F.kind == Kind::Bytes) {
+        int len;
+        return Nch::NCH_decompress_binData(in, p, F.limit, len);
+    } else if constexpr (F.kind == Kind::Int32 || F.kind == Kind::BlockLength) {
+        if (flag == 0) {
+            int v;
+            const int k = Nch::NCH_decompress_int(in, v);
+            d::StoreI32(p, v);
+            return k;
+        }
+        long long v = 0;
+        const int k = Nch::NCH_decompress_int64(in, v);
+        d::StoreI32(p, static_cast<std::int32_t>(v));
+        return k;
+    } else if constexpr (F.kind == Kind::Int64) {
+        long long v = 0;
+        const int k = Nch::NCH_decompress_int64(in, v);
+        std::memcpy(p, &v, 8);
+        return k;
+    } else if constexpr (F.kind == Kind::Double) {
+        long long v = 0;
+        const int k = Nch::NCH_decompress_int64(in, v);
+        const double x = static_cast<double>(v) * 0.0001;
+        std::memcpy(p, &x, 8);
+        return k;
+    } else if constexpr (F.kind == Kind::SizedBlock) {
+        // The block's length was decoded first (see DecodeRecord) and limits it.
+        const std::int32_t len = d::LoadI32(p + F.width);
+        const int max = len < 0 ? 0 : (len > static_cast<std::int32_t>(F.width) ? F.width : len);
+        int got;
+        return Nch::NCH_decompress_binData(in, p, max, got);
+    } else {
+        return 0;
+    }
+}
+
+// A field whose worst-case read would pass the end of the record's bytes is
+// decoded from a zero-padded copy of what is left.
+template <Field F>
+[[gnu::noinline]] std::int64_t DecodePadded(const char* in, std::int64_t left, char* rec, char flag) {
+    char pad[MaxRead(F)] = {};
+    std::memcpy(pad, in, static_cast<std::size_t>(left));
+    return DecodeValue<F>(pad, rec, flag);
+}
+
+template <Field F>
+inline std::int64_t DecodeAt(const char* in, std::int64_t len, std::int64_t used, char* rec, char flag) {
+    const std::int64_t left = len - used;
+    if (left >= static_cast<std::int64_t>(MaxRead(F))) return DecodeValue<F>(const_cast<char*>(in + used), rec, flag);
+    return DecodePadded<F>(in + used, left, rec, flag);
+}
+
+// Decodes one field while bytes remain; false ends the record.
+template <Field F, const auto& L>
+inline bool DecodeField(const char* in, std::int64_t len, std::int64_t& used, char* rec, char flag) {
+    if (used >= len) return false;
+    if constexpr (F.entry >= 0) {
+        if (F.entry >= ActiveEntries<L>(rec)) return true;
+    }
+    if constexpr (F.kind == Kind::SizedBlock) {
+        constexpr Field lengthField{Kind::BlockLength, {}, F.offset + F.width, 4, 4, 0, false, -1};
+        used += DecodeAt<lengthField>(in, len, used, rec, flag);
+        if (used >= len) return false;
+    }
+    if constexpr (F.kind != Kind::BlockLength) used += DecodeAt<F>(in, len, used, rec, flag);
+    return true;
+}
+
+}  // namespace internal
+
+// Codes one record (its layout's fields) at out; returns the bytes written.
+template <const auto& L>
+inline std::uint32_t EncodeRecord(const char* rec, char* out, char flag) {
+    std::uint32_t n = 0;
+    const std::int32_t active = ActiveEntries<L>(rec);
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+        (internal::EncodeField<L.fields[I]>(rec, out, n, flag, active), ...);
+    }(std::make_index_sequence<L.fields.size()>{});
+    return n;
+}
+
+// Decodes the `len` bytes at `in` (all of them readable) into the zeroed record.
+template <const auto& L>
+inline void DecodeRecord(const char* in, std::int64_t len, char* rec, char flag) {
+    std::memset(rec, 0, L.size);
+    std::int64_t used = 0;
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+        (internal::DecodeField<L.fields[I], L>(in, len, used, rec, flag) && ...);
+    }(std::make_index_sequence<L.fields.size()>{});
+}
+
+// Codes `count` records of layout L read from `data` (extent bytes, stride
+// apart) as length-prefixed records at out + pos. Stops at the first record
+// that does not lie inside the data. False when the capacity ran out.
+template <const auto& L>
+inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char* data, std::int64_t extent,
+                      std::int64_t count, std::int32_t stride, char flag) {
+    constexpr std::size_t kMax = MaxRecord<L>();
+    for (std::int64_t i = 0; i < count; ++i) {
+        const char* rec = d::RecordAt(data, extent, i, stride, L.size);
+        if (rec == nullptr) break;
+        const std::int64_t room = cap - pos - 4;
+        if (room < 0) return false;
+        const std::int64_t n = d::EncodeBounded<kMax>(
+            [&](char* dst) { return static_cast<std::int64_t>(EncodeRecord<L>(rec, dst, flag)); }, out + pos + 4,
+            room);
+        if (n < 0) return false;
+        d::StoreI32(out + pos, static_cast<std::int32_t>(n));
+        pos += 4 + n;
+    }
+    return true;
+}
+
+// Decodes up to `count` length-prefixed records from in[cursor, inLen) into
+// consecutive slots; records the message does not hold stay zero.
+template <const auto& L>
+inline void DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count, char* slots,
+                      char flag) {
+    for (std::int64_t i = 0; i < count; ++i) {
+        if (inLen - cursor < 4) {
+            cursor = inLen;
+            return;
+        }
+        std::uint32_t len;
+        std::memcpy(&len, in + cursor, 4);
+        const std::int64_t avail = inLen - cursor - 4;
+        const std::int64_t take = static_cast<std::int64_t>(len) < avail ? static_cast<std::int64_t>(len) : avail;
+        DecodeRecord<L>(in + cursor + 4, take, slots + i * L.size, flag);
+        cursor += 4 + static_cast<std::int64_t>(len);
+    }
+}
+
+// ---- requests ----
+
+template <const auto& L>
+int PackRequest(char* out, int& outLen, const char* data, int dataLen, char flag, std::int64_t cap = d::kUnbounded) {
+    if (static_cast<unsigned>(dataLen) < L.size) {
+        // Shorter than one record: the bytes travel raw, flag bit 0 clear.
+        if (dataLen > 0) {
+            if (data == nullptr || dataLen > cap - outLen) return 0;
+            std::memcpy(out + outLen, data, static_cast<std::size_t>(dataLen));
+        }
+        outLen += dataLen;
+        return 1;
+    }
+    std::int64_t pos = outLen;
+    const bool fits = EncodeRun<L>(out, pos, cap, data, dataLen < 0 ? 0 : dataLen, d::LoadI32(out + d::kReqOffCount),
+                                   d::LoadI32(out + d::kReqOffSize), flag);
+    outLen = static_cast<int>(pos);
+    if (!fits) return 0;
+    d::SetFlags(out, TRDCOMP_FLAG_CODED);
+    return 1;
+}
+
+template <const auto& L>
+int RestoreRequest(char* in, int inLen, char** out, int& outLen, char flag) {
+    static_assert(L.size > 0);
+    static_assert(model::MaxDecodeEnd(L) <= L.size + d::kReqSpare, "a decode limit overruns the spare bytes");
+    if (in == nullptr || inLen < d::kReqHeadLen) return 0;
+    const std::int32_t flags = d::LoadI32(in + d::kOffFlags);
+    if (flags & TRDCOMP_FLAG_SECTIONS) return 0;
+    const std::int32_t headLen = d::LoadI32(in + d::kOffHeadLen);
+    if (headLen < 0 || headLen > inLen) return 0;
+    const std::int32_t count = d::LoadI32(in + d::kReqOffCount);
+    const std::int32_t recordSize = d::LoadI32(in + d::kReqOffSize);
+    const bool coded = (flags & TRDCOMP_FLAG_CODED) != 0;
+    // No more records than the message can describe: 4 bytes at least for a
+    // coded one, one received byte for a copied one.
+    const std::int64_t records = d::Records(count);
+    if (records > (coded ? (inLen - headLen) / 4 : inLen)) return 0;
+
+    const std::int64_t total = static_cast<std::int64_t>(count) * L.size + d::kReqHeadLen;
+    if (total > INT_MAX || total + d::kReqSpare < d::kReqHeadLen) return 0;
+    outLen = static_cast<int>(total);
+    char* buf = d::AllocZeroed(static_cast<std::uint64_t>(total + d::kReqSpare));
+    *out = buf;
+    if (buf == nullptr) return 0;
+    std::memcpy(buf, in, d::kReqHeadLen);
+    char* slots = buf + d::kReqHeadLen;
+    if (coded) {
+        std::int64_t cursor = headLen;
+        DecodeRun<L>(in, inLen, cursor, records, slots, flag);
+    } else {
+        // Raw records are copied from in + i * recordSize: the offset counts
+        // from the start of the message, head included, as senders expect.
+        const std::uint32_t copy = static_cast<std::uint32_t>(recordSize) < L.size
+                                       ? static_cast<std::uint32_t>(recordSize)
+                                       : L.size;
+        for (std::int64_t i = 0; i < records; ++i) {
+            const char* src = d::RecordAt(in, inLen, i, recordSize, copy);
+            if (src == nullptr) break;
+            std::memcpy(slots + i * L.size, src, copy);
+        }
+    }
+    d::StoreI32(buf + d::kOffHeadLen, d::kReqHeadLen);
+    d::StoreI32(buf + d::kReqOffSize, static_cast<std::int32_t>(L.size));
+    return 1;
+}
+
+// ---- answers ----
+
+template <class Shape>
+int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arrays[5], char flag,
+               std::int64_t cap = d::kUnbounded) {
+    std::int64_t pos = outLen;
+    for (int j = 0; j < Shape::kCount; ++j) {
+        const std::int32_t count = proc->nRecCount[j];
+        const std::int32_t size = proc->nRecSize[j];
+        const std::int64_t extent = static_cast<std::int64_t>(d::Records(count)) * size;
+        const bool fits = Shape::Visit(j, count, [&]<const auto& L>() {
+            return EncodeRun<L>(out, pos, cap, arrays[j], extent, count, size, flag);
+        });
+        if (!fits) {
+            outLen = static_cast<int>(pos);
+            return 0;
+        }
+    }
+    outLen = static_cast<int>(pos);
+    d::SetFlags(out, TRDCOMP_FLAG_CODED);
+    return 1;
+}
+
+// The restored answer: the 96-byte head (word 0 = 96); for several sections
+// the section table (8k + 4, then each count and layout size) and flag bit 1;
+// for one section its count and layout size in head words 22 and 23; then the
+// arrays one after the other at their layout sizes; 10 spare zero bytes.
+template <class Shape>
+int RestoreAnswer(char* in, int inLen, char** out, int& outLen, char flag) {
+    constexpr int k = Shape::kCount;
+    if (in == nullptr || inLen < d::kAnsHeadLen) return 0;
+    const std::int32_t headLen = d::LoadI32(in + d::kOffHeadLen);
+    if (headLen < 0 || headLen > inLen) return 0;
+    std::int32_t counts[k];
+    std::int64_t cursor = headLen;
+    if constexpr (k == 1) {
+        counts[0] = d::LoadI32(in + d::kAnsOffCount);
+    } else {
+        if (inLen - headLen < 4) return 0;
+        const std::int32_t tableLen = d::LoadI32(in + headLen);
+        if (tableLen < 4 + 8 * k || tableLen > inLen - headLen) return 0;
+        for (int j = 0; j < k; ++j) counts[j] = d::LoadI32(in + headLen + 4 + 8 * j);
+        cursor += tableLen;
+    }
+    std::int64_t records = 0;
+    std::int64_t total = d::kAnsHeadLen + (k > 1 ? 8 * k + 4 : 0);
+    for (int j = 0; j < k; ++j) {
+        records += d::Records(counts[j]);
+        total += d::Records(counts[j]) * Shape::Size(j, counts[j]);
+    }
+    if (records > (inLen - cursor) / 4 || total > INT_MAX) return 0;
+
+    outLen = static_cast<int>(total);
+    char* buf = d::AllocZeroed(static_cast<std::uint64_t>(total + d::kAnsSpare));
+    *out = buf;
+    if (buf == nullptr) return 0;
+    std::memcpy(buf, in, d::kAnsHeadLen);
+    d::StoreI32(buf + d::kOffHeadLen, d::kAnsHeadLen);
+    char* slots = buf + d::kAnsHeadLen;
+    if constexpr (k == 1) {
+        d::StoreI32(buf + d::kAnsOffCount, counts[0]);
+        d::StoreI32(buf + d::kAnsOffSize, static_cast<std::int32_t>(Shape::Size(0, counts[0])));
+    } else {
+        d::SetFlags(buf, TRDCOMP_FLAG_SECTIONS);
+        d::StoreI32(slots, 8 * k + 4);
+        for (int j = 0; j < k; ++j) {
+            d::StoreI32(slots + 4 + 8 * j, counts[j]);
+            d::StoreI32(slots + 8 + 8 * j, static_cast<std::int32_t>(Shape::Size(j, counts[j])));
+        }
+        slots += 8 * k + 4;
+    }
+    for (int j = 0; j < k; ++j) {
+        Shape::Visit(j, counts[j], [&]<const auto& L>() {
+            static_assert(model::MaxDecodeEnd(L) <= L.size + d::kAnsSpare, "a decode limit overruns the spare bytes");
+            DecodeRun<L>(in, inLen, cursor, d::Records(counts[j]), slots, flag);
+            slots += d::Records(counts[j]) * L.size;
+            return true;
+        });
+    }
+    return 1;
+}
+
+}  // namespace trdcomp::codec2008

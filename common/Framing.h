@@ -1,0 +1,93 @@
+// Pieces both record engines frame messages with: where record i of a
+// caller's array lies, capacity-checked output, answer shapes (plain sections
+// or a layout chosen by record count) and the head words the framings touch.
+#pragma once
+
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "common/Bytes.h"
+#include "trdcomp/TrdCompData.h"
+
+namespace trdcomp::detail {
+
+// Output capacity of a codec called without one (the classic members):
+// only the int range of outLen bounds it.
+inline constexpr std::int64_t kUnbounded = INT_MAX;
+
+inline constexpr int kReqHeadLen = TRDCOMP_REQ_HEAD_LEN;
+inline constexpr int kAnsHeadLen = TRDCOMP_ANS_HEAD_LEN;
+inline constexpr int kOffHeadLen = 0;
+inline constexpr int kOffFlags = 8;
+inline constexpr int kReqOffCount = 68;
+inline constexpr int kReqOffSize = 72;
+inline constexpr int kAnsOffCount = 88;
+inline constexpr int kAnsOffSize = 92;
+inline constexpr int kReqSpare = 1024;  // spare zero bytes behind a restored request
+inline constexpr int kAnsSpare = 10;    // behind a restored answer
+
+inline void SetFlags(char* head, std::int32_t bits) { StoreI32(head + kOffFlags, LoadI32(head + kOffFlags) | bits); }
+
+// Record i of an array of `extent` bytes read with `stride`, or null when its
+// `size` bytes do not lie inside the array: the caller's records are never
+// read outside the bytes the caller handed over.
+inline const char* RecordAt(const char* data, std::int64_t extent, std::int64_t i, std::int32_t stride,
+                            std::uint32_t size) {
+    const std::int64_t start = i * stride;
+    if (data == nullptr || start < 0 || start > extent - static_cast<std::int64_t>(size)) return nullptr;
+    return data + start;
+}
+
+// Encodes one record of at most Max bytes at out + pos + prefix when the
+// worst case fits the capacity, else through a scratch copy that is kept
+// only if the real bytes fit. Returns the bytes encoded, or -1 (no room).
+template <std::size_t Max, class Encode>
+[[gnu::noinline]] std::int64_t EncodeViaScratch(const Encode& encode, char* dst, std::int64_t room) {
+    char scratch[Max > 0 ? Max : 1];
+    const std::int64_t n = encode(scratch);
+    if (n > room) return -1;
+    std::memcpy(dst, scratch, static_cast<std::size_t>(n));
+    return n;
+}
+
+template <std::size_t Max, class Encode>
+inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t room) {
+    if (room >= static_cast<std::int64_t>(Max)) return encode(dst);
+    return EncodeViaScratch<Max>(encode, dst, room);
+}
+
+// Answer shapes: the record layout of each section. Visit calls
+// fn.template operator()<L>() with the layout of section j for `count` records.
+template <const auto&... Ls>
+struct Sections {
+    static constexpr int kCount = sizeof...(Ls);
+    template <class Fn>
+    static bool Visit(int j, std::int32_t, const Fn& fn) {
+        bool result = true;
+        int k = 0;
+        ((k++ == j ? (result = fn.template operator()<Ls>(), true) : false) || ...);
+        return result;
+    }
+    static std::uint32_t Size(int j, std::int32_t) {
+        constexpr std::uint32_t sizes[] = {Ls.size...};
+        return sizes[j];
+    }
+};
+
+// One section whose layout is Narrow below two records and Wide otherwise.
+template <const auto& Narrow, const auto& Wide>
+struct Switched {
+    static constexpr int kCount = 1;
+    template <class Fn>
+    static bool Visit(int, std::int32_t count, const Fn& fn) {
+        return count < 2 ? fn.template operator()<Narrow>() : fn.template operator()<Wide>();
+    }
+    static std::uint32_t Size(int, std::int32_t count) { return count < 2 ? Narrow.size : Wide.size; }
+};
+
+// The records a restore will fill: negative counts hold none.
+inline std::int64_t Records(std::int32_t count) { return count > 0 ? count : 0; }
+
+}  // namespace trdcomp::detail

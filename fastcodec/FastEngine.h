@@ -1,0 +1,424 @@
+// The Fast record coding: one generic record encoder and decoder, specialised
+// per layout at compile time, and the framing of requests and answers.
+//
+// A coded record is a presence map of P = ceil(F / 7) bytes (field i owns bit
+// 0x40 >> (i % 7) of byte i / 7; 0x80 marks the last map byte) followed by
+// the values of the fields that are sent, in field order. A field is sent
+// when it differs from the same field of the previous record of its array
+// (the first record: from the field's default); the decoder fills a field
+// that was not sent from the previous decoded record (first: the default).
+//
+// Message body: u16 record count, then per record a u16 length and the coded
+// record; an answer with several arrays sends all counts first and codes
+// every array as its own chain.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "common/Bytes.h"
+#include "common/Framing.h"
+#include "common/Layout.h"
+#include "fastcodec/FastPrimitives.h"
+
+namespace trdcomp::fast {
+
+using model::FastKind;
+using model::Field;
+namespace d = trdcomp::detail;
+
+template <const auto& L>
+inline constexpr std::size_t kPresenceBytes = (L.fields.size() + 6) / 7;
+
+// Worst-case bytes of one coded value.
+constexpr std::uint32_t MaxCoded(const Field& f) {
+    switch (f.fast) {
+        case FastKind::Char: return 2;
+        case FastKind::Int:
+        case FastKind::BlockLength: return 5;
+        case FastKind::Int64:
+        case FastKind::Double: return 10;
+        default: return 5 + f.width;
+    }
+}
+
+template <const auto& L>
+constexpr std::uint32_t MaxRecord() {
+    std::uint32_t n = static_cast<std::uint32_t>(kPresenceBytes<L>);
+    for (const Field& f : L.fields) n += MaxCoded(f);
+    return n;
+}
+
+namespace internal {
+
+template <Field F>
+inline std::int32_t I32(const char* rec) {
+    return d::LoadI32(rec + F.offset);
+}
+
+// Is the field sent? Against prev when there is one, else against the default.
+template <Field F, const auto& L>
+inline bool Sent(const char* cur, const char* prev) {
+    const char* c = cur + F.offset;
+    if constexpr (F.fast == FastKind::Char) {
+        const int value = static_cast<unsigned char>(*c);
+        return prev ? *c != prev[F.offset] : value != F.fastDefault;
+    } else if constexpr (F.fast == FastKind::Int) {
+        return I32<F>(cur) != (prev ? I32<F>(prev) : F.fastDefault);
+    } else if constexpr (F.fast == FastKind::Int64) {
+        return prev ? std::memcmp(c, prev + F.offset, 8) != 0 : std::memcmp(c, "\0\0\0\0\0\0\0\0", 8) != 0;
+    } else if constexpr (F.fast == FastKind::Double) {
+        double v, w = 0.0;
+        std::memcpy(&v, c, 8);
+        if (prev) std::memcpy(&w, prev + F.offset, 8);
+        return v != w;  // a NaN always counts as changed
+    } else if constexpr (F.fast == FastKind::String || F.fast == FastKind::Ascii) {
+        // strcmp semantics: a full text compares on into the bytes behind it,
+        // but never past the end of the record.
+        return prev == nullptr || std::strncmp(c, prev + F.offset, L.size - F.offset) != 0;
+    } else if constexpr (F.fast == FastKind::Bytes) {
+        if (prev) return std::memcmp(c, prev + F.offset, F.width) != 0;
+        for (std::uint32_t i = 0; i < F.width; ++i)
+            if (c[i] != 0) return true;
+        return false;
+    } else {
+        return true;  // the sized block and its length are always sent
+    }
+}
+
+template <Field F>
+inline std::uint32_t Put(byte* out, const char* cur) {
+    const char* c = cur + F.offset;
+    if constexpr (F.fast == FastKind::Char) {
+        return FastPutInt8(out, static_cast<signed char>(*c));
+    } else if constexpr (F.fast == FastKind::Int || F.fast == FastKind::BlockLength) {
+        return FastPutInt32(out, I32<F>(cur));
+    } else if constexpr (F.fast == FastKind::Int64) {
+        std::int64_t v;
+        std::memcpy(&v, c, 8);
+        return FastPutInt64(out, v);
+    } else if constexpr (F.fast == FastKind::Double) {
+        double v;
+        std::memcpy(&v, c, 8);
+        return FastPutPrice(out, v);
+    } else if constexpr (F.fast == FastKind::String) {
+        return FastPutString(out, c, static_cast<int>(F.width));
+    } else if constexpr (F.fast == FastKind::Ascii) {
+        return FastPutAscii(out, c, static_cast<int>(F.width));
+    } else if constexpr (F.fast == FastKind::Bytes) {
+        return FastPutBytes(out, c, static_cast<std::int32_t>(F.width));
+    } else {
+        // The block, with its length when that lies in 0..N, else N.
+        const std::int32_t len = d::LoadI32(c + F.width);
+        const std::int32_t n = len >= 0 && len <= static_cast<std::int32_t>(F.width) ? len : F.width;
+        return FastPutBytes(out, c, n);
+    }
+}
+
+template <Field F>
+inline std::int64_t Get(const BoundedSource& in, std::int64_t at, char* cur) {
+    char* c = cur + F.offset;
+    if constexpr (F.fast == FastKind::Char) {
+        signed char v;
+        const std::int64_t k = GetSignedAt(in, at, &v);
+        *c = static_cast<char>(v);
+        return k;
+    } else if constexpr (F.fast == FastKind::Int || F.fast == FastKind::BlockLength) {
+        std::int32_t v;
+        const std::int64_t k = GetSignedAt(in, at, &v);
+        d::StoreI32(c, v);
+        return k;
+    } else if constexpr (F.fast == FastKind::Int64) {
+        std::int64_t v;
+        const std::int64_t k = GetSignedAt(in, at, &v);
+        std::memcpy(c, &v, 8);
+        return k;
+    } else if constexpr (F.fast == FastKind::Double) {
+        double v;
+        const std::int64_t k = GetPriceAt(in, at, &v);
+        std::memcpy(c, &v, 8);
+        return k;
+    } else if constexpr (F.fast == FastKind::String) {
+        return GetStringAt(in, at, c, static_cast<int>(F.width));
+    } else if constexpr (F.fast == FastKind::Ascii) {
+        return GetAsciiAt(in, at, c, static_cast<int>(F.width));
+    } else {
+        return GetBytesAt(in, at, c, static_cast<int>(F.width));
+    }
+}
+
+// A field that was not sent: from prev as it stands, else its default.
+template <Field F>
+inline void Fill(char* cur, const char* prev) {
+    if (prev) {
+        std::memcpy(cur + F.offset, prev + F.offset, F.width);
+    } else if constexpr (F.fast == FastKind::Char) {
+        cur[F.offset] = static_cast<char>(F.fastDefault);
+    } else if constexpr (F.fast == FastKind::Int) {
+        d::StoreI32(cur + F.offset, F.fastDefault);
+    }
+    // Everything else defaults to zero, which the cleared record holds.
+}
+
+}  // namespace internal
+
+// Codes one record against prev (null: the defaults) at out; returns its length.
+template <const auto& L>
+inline std::uint32_t EncodeRecord(const char* cur, const char* prev, byte* out) {
+    constexpr std::size_t P = kPresenceBytes<L>;
+    if constexpr (P == 0) {
+        return 0;
+    } else {
+        byte map[P] = {};
+        std::uint32_t n = P;
+        [&]<std::size_t... I>(std::index_sequence<I...>) {
+            (((internal::Sent<L.fields[I], L>(cur, prev))
+                  ? (n += internal::Put<L.fields[I]>(out + n, cur), map[I / 7] |= byte(0x40u >> (I % 7)), 0)
+                  : 0),
+             ...);
+        }(std::make_index_sequence<L.fields.size()>{});
+        map[P - 1] |= 0x80u;
+        std::memcpy(out, map, P);
+        return n;
+    }
+}
+
+// Decodes the record of `len` bytes at in[at] into cur against prev (null:
+// the defaults). Reads outside the message see 0x80 and stop there.
+template <const auto& L>
+inline void DecodeRecord(const BoundedSource& in, std::int64_t at, std::int64_t len, char* cur, const char* prev) {
+    constexpr std::size_t P = kPresenceBytes<L>;
+    std::memset(cur, 0, L.size);
+    byte map[P > 0 ? P : 1] = {};
+    std::int64_t mapLen = 0;
+    for (std::int64_t j = 0; j < len; ++j) {
+        const byte b = in[at + j];
+        if (j < static_cast<std::int64_t>(P)) map[j] = b;
+        if (b & 0x80u) {
+            mapLen = j + 1;
+            break;
+        }
+    }
+    // No stop bit within the record: nothing was sent.
+    if (mapLen == 0) std::memset(map, 0, sizeof map);
+    std::int64_t cursor = at + mapLen;
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+        ((map[I / 7] & (0x40u >> (I % 7)) ? (void)(cursor += internal::Get<L.fields[I]>(in, cursor, cur))
+                                           : internal::Fill<L.fields[I]>(cur, prev)),
+         ...);
+    }(std::make_index_sequence<L.fields.size()>{});
+}
+
+// Codes records of layout L (data of `extent` bytes, `stride` apart) as
+// u16-length-prefixed records at out + pos, each against the one before.
+// Stops at the first record that does not lie inside the data. False when
+// the capacity ran out.
+template <const auto& L>
+inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char* data, std::int64_t extent,
+                      std::int64_t count, std::int32_t stride) {
+    constexpr std::size_t kMax = MaxRecord<L>();
+    static_assert(kMax <= 0xFFFF, "a coded record's length must fit its u16 slot");
+    const char* prev = nullptr;
+    for (std::int64_t i = 0; i < count; ++i) {
+        const char* rec = d::RecordAt(data, extent, i, stride, L.size);
+        if (rec == nullptr) break;
+        const std::int64_t room = cap - pos - 2;
+        if (room < 0) return false;
+        const std::int64_t n = d::EncodeBounded<kMax>(
+            [&](char* dst) { return static_cast<std::int64_t>(EncodeRecord<L>(rec, prev, reinterpret_cast<byte*>(dst))); },
+            out + pos + 2, room);
+        if (n < 0) return false;
+        d::StoreU16(out + pos, static_cast<std::uint16_t>(n));
+        pos += 2 + n;
+        prev = rec;
+    }
+    return true;
+}
+
+// Decodes up to `count` records from in[cursor, ...) into consecutive slots,
+// each against the decoded one before; stops when the cursor reaches inLen.
+template <const auto& L>
+inline void DecodeRun(const BoundedSource& in, std::int64_t& cursor, std::int64_t count, char* slots) {
+    const char* prev = nullptr;
+    for (std::int64_t i = 0; i < count && cursor < in.size; ++i) {
+        const std::int64_t len = static_cast<std::int64_t>(in[cursor]) | static_cast<std::int64_t>(in[cursor + 1]) << 8;
+        char* rec = slots + i * L.size;
+        DecodeRecord<L>(in, cursor + 2, len, rec, prev);
+        prev = rec;
+        cursor += 2 + len;
+    }
+}
+
+// ---- requests ----
+
+template <const auto& L>
+int PackRequest(char* out, int& outLen, const char* data, int dataLen, int version, std::int64_t cap = d::kUnbounded) {
+    if (dataLen < static_cast<std::int64_t>(L.size)) {
+        // Shorter than one record: the bytes travel raw, flags untouched.
+        if (dataLen < 0 || (dataLen > 0 && data == nullptr) || dataLen > cap - outLen) return 0;
+        if (dataLen > 0) std::memcpy(out + outLen, data, static_cast<std::size_t>(dataLen));
+        outLen += dataLen;
+        return 1;
+    }
+    if (version < 1) return 1;
+    const std::uint16_t count = static_cast<std::uint16_t>(d::LoadI32(out + d::kReqOffCount));
+    std::int64_t pos = outLen;
+    if (cap - pos < 2) return 0;
+    d::StoreU16(out + pos, count);
+    pos += 2;
+    const bool fits = EncodeRun<L>(out, pos, cap, data, dataLen, count, d::LoadI32(out + d::kReqOffSize));
+    outLen = static_cast<int>(pos);
+    if (!fits) return 0;
+    d::SetFlags(out, TRDCOMP_FLAG_CODED);
+    return 1;
+}
+
+template <const auto& L>
+int RestoreRequest(char* in, int inLen, char** out, int& outLen, int version) {
+    if (in == nullptr || inLen < d::kReqHeadLen) return 0;
+    const std::int32_t flags = d::LoadI32(in + d::kOffFlags);
+    if (flags & TRDCOMP_FLAG_SECTIONS) return 0;
+    const std::int32_t headLen = d::LoadI32(in + d::kOffHeadLen);
+    if (headLen < 0 || headLen > inLen) return 0;
+    const std::int32_t count = d::LoadI32(in + d::kReqOffCount);
+    const std::int32_t recordSize = d::LoadI32(in + d::kReqOffSize);
+    const bool coded = (flags & TRDCOMP_FLAG_CODED) != 0;
+    const bool decode = coded && version >= 1;
+    // The stream's count must be readable, and there are no more records
+    // than the message can describe: a u16 length per coded record, one
+    // received byte per copied one.
+    if (decode && inLen - headLen < 2) return 0;
+    const std::int64_t records = d::Records(count);
+    if (records > (decode ? (inLen - headLen - 2) / 2 : inLen)) return 0;
+
+    const std::int64_t total = static_cast<std::int64_t>(count) * L.size + d::kReqHeadLen;
+    if (total > INT_MAX || total + d::kReqSpare < d::kReqHeadLen) return 0;
+    outLen = static_cast<int>(total);
+    char* buf = d::AllocZeroed(static_cast<std::uint64_t>(total + d::kReqSpare));
+    *out = buf;
+    if (buf == nullptr) return 0;
+    std::memcpy(buf, in, d::kReqHeadLen);
+    char* slots = buf + d::kReqHeadLen;
+    if (!coded) {
+        // Raw records are copied from in + i * recordSize, head included.
+        const std::uint32_t copy = static_cast<std::uint32_t>(recordSize) < L.size
+                                       ? static_cast<std::uint32_t>(recordSize)
+                                       : L.size;
+        for (std::int64_t i = 0; i < records; ++i) {
+            const char* src = d::RecordAt(in, inLen, i, recordSize, copy);
+            if (src == nullptr) break;
+            std::memcpy(slots + i * L.size, src, copy);
+        }
+    } else if (decode) {
+        // The stream's count must equal the head's (the buffer stays in *out).
+        if (d::LoadU16(in + headLen) != count) return 0;
+        const BoundedSource src{reinterpret_cast<const byte*>(in), inLen};
+        std::int64_t cursor = headLen + 2;
+        DecodeRun<L>(src, cursor, records, slots);
+    }
+    d::StoreI32(buf + d::kOffHeadLen, d::kReqHeadLen);
+    d::StoreI32(buf + d::kReqOffSize, static_cast<std::int32_t>(L.size));
+    return 1;
+}
+
+// ---- answers ----
+
+template <class Shape>
+int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arrays[5], int version,
+               std::int64_t cap = d::kUnbounded) {
+    if (version < 1) return 1;
+    std::int64_t pos = outLen;
+    if (cap - pos < 2 * Shape::kCount) return 0;
+    for (int j = 0; j < Shape::kCount; ++j) {
+        d::StoreU16(out + pos, static_cast<std::uint16_t>(proc->nRecCount[j]));
+        pos += 2;
+    }
+    for (int j = 0; j < Shape::kCount; ++j) {
+        const std::int32_t count = proc->nRecCount[j];
+        const std::int32_t size = proc->nRecSize[j];
+        const std::int64_t extent = static_cast<std::int64_t>(d::Records(count)) * size;
+        const bool fits = Shape::Visit(j, count, [&]<const auto& L>() {
+            return EncodeRun<L>(out, pos, cap, arrays[j], extent, static_cast<std::uint16_t>(count), size);
+        });
+        if (!fits) {
+            outLen = static_cast<int>(pos);
+            return 0;
+        }
+    }
+    outLen = static_cast<int>(pos);
+    d::SetFlags(out, TRDCOMP_FLAG_CODED);
+    return 1;
+}
+
+// One array: the head (word 0 = 96, the count and layout size in words 22
+// and 23, flag bit 1 clear) and the records. Several arrays: the head with
+// flag bit 1, a descriptor (its length 4 + 8k, then each count and layout
+// size) and the arrays one after the other. 10 spare zero bytes.
+template <class Shape>
+int RestoreAnswer(char* in, int inLen, char** out, int& outLen, int version) {
+    constexpr int k = Shape::kCount;
+    if (in == nullptr || inLen < d::kAnsHeadLen) return 0;
+    const std::int32_t headLen = d::LoadI32(in + d::kOffHeadLen);
+    if (headLen < 0 || headLen > inLen) return 0;
+    // The stream's counts come first behind the head; several arrays take
+    // their sizes from them, one array from the head.
+    if (version >= 1 && inLen - headLen < 2 * k) return 0;
+    std::int32_t counts[k];
+    if constexpr (k == 1) {
+        counts[0] = d::LoadI32(in + d::kAnsOffCount);
+    } else {
+        for (int j = 0; j < k; ++j) counts[j] = version >= 1 ? d::LoadU16(in + headLen + 2 * j) : 0;
+    }
+    std::int64_t records = 0;
+    std::int64_t total = d::kAnsHeadLen + (k > 1 ? 8 * k + 4 : 0);
+    for (int j = 0; j < k; ++j) {
+        records += d::Records(counts[j]);
+        total += d::Records(counts[j]) * Shape::Size(j, counts[j]);
+    }
+    if (records > (inLen - headLen) / 2 || total > INT_MAX) return 0;
+
+    outLen = static_cast<int>(total);
+    char* buf = d::AllocZeroed(static_cast<std::uint64_t>(total + d::kAnsSpare));
+    *out = buf;
+    if (buf == nullptr) {
+        outLen = 0;
+        return 0;
+    }
+    std::memcpy(buf, in, d::kAnsHeadLen);
+    char* slots = buf + d::kAnsHeadLen;
+    if constexpr (k > 1) {
+        d::StoreI32(slots, 8 * k + 4);
+        for (int j = 0; j < k; ++j) {
+            d::StoreI32(slots + 4 + 8 * j, counts[j]);
+            d::StoreI32(slots + 8 + 8 * j, static_cast<std::int32_t>(Shape::Size(j, counts[j])));
+        }
+        slots += 8 * k + 4;
+    }
+    const BoundedSource src{reinterpret_cast<const byte*>(in), inLen};
+    if (version >= 1) {
+        std::int64_t cursor = headLen + 2 * k;
+        if constexpr (k == 1) {
+            if (d::LoadU16(in + headLen) != counts[0]) return 0;
+        }
+        char* at = slots;
+        for (int j = 0; j < k; ++j) {
+            Shape::Visit(j, counts[j], [&]<const auto& L>() {
+                DecodeRun<L>(src, cursor, d::Records(counts[j]), at);
+                at += d::Records(counts[j]) * L.size;
+                return true;
+            });
+        }
+    }
+    d::StoreI32(buf + d::kOffHeadLen, d::kAnsHeadLen);
+    if constexpr (k == 1) {
+        d::StoreI32(buf + d::kAnsOffCount, counts[0]);
+        d::StoreI32(buf + d::kAnsOffSize, static_cast<std::int32_t>(Shape::Size(0, counts[0])));
+        d::StoreI32(buf + d::kOffFlags, d::LoadI32(buf + d::kOffFlags) & ~TRDCOMP_FLAG_SECTIONS);
+    } else {
+        d::SetFlags(buf, TRDCOMP_FLAG_SECTIONS);
+    }
+    return 1;
+}
+
+}  // namespace trdcomp::fast
