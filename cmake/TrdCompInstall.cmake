@@ -1,8 +1,8 @@
 include(CMakePackageConfigHelpers)
 
-install(DIRECTORY interface/include/trdcomp/ codec2008/include/trdcomp/
+install(DIRECTORY interface/include/trdcomp/ codec2008/include/trdcomp/ ${TRDCOMP_GENERATED}/trdcomp/
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/trdcomp
-        FILES_MATCHING PATTERN "*.h" PATTERN "*.def")
+        FILES_MATCHING PATTERN "*.h" PATTERN "*.inc")
 install(TARGETS KXPfdk KXPfdk_static trdcomp trdcomp_static
         EXPORT TrdCompTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}

@@ -222,7 +222,7 @@ inline void DecodeRecord(const char* in, std::int64_t len, char* rec, char flag)
     std::memset(rec, 0, L.size);
     std::int64_t used = 0;
     [&]<std::size_t... I>(std::index_sequence<I...>) {
-        (internal::DecodeField<L.fields[I], L>(in, len, used, rec, flag) && ...);
+        static_cast<void>((internal::DecodeField<L.fields[I], L>(in, len, used, rec, flag) && ...));
     }(std::make_index_sequence<L.fields.size()>{});
 }
 
@@ -344,7 +344,7 @@ int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arra
         const std::int32_t count = proc->nRecCount[j];
         const std::int32_t size = proc->nRecSize[j];
         const std::int64_t extent = static_cast<std::int64_t>(d::Records(count)) * size;
-        const bool fits = Shape::Visit(j, count, [&]<const auto& L>() {
+        const bool fits = Shape::Visit(j, count, size, [&]<const auto& L>() {
             return EncodeRun<L>(out, pos, cap, arrays[j], extent, count, size, flag);
         });
         if (!fits) {
@@ -406,7 +406,7 @@ int RestoreAnswer(char* in, int inLen, char** out, int& outLen, char flag) {
         slots += 8 * k + 4;
     }
     for (int j = 0; j < k; ++j) {
-        Shape::Visit(j, counts[j], [&]<const auto& L>() {
+        Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
             static_assert(model::MaxDecodeEnd(L) <= L.size + d::kAnsSpare, "a decode limit overruns the spare bytes");
             DecodeRun<L>(in, inLen, cursor, d::Records(counts[j]), slots, flag);
             slots += d::Records(counts[j]) * L.size;

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "common/Bytes.h"
+#include "common/Layout.h"
 #include "trdcomp/TrdCompData.h"
 
 namespace trdcomp::detail {
@@ -59,12 +60,13 @@ inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t 
 }
 
 // Answer shapes: the record layout of each section. Visit calls
-// fn.template operator()<L>() with the layout of section j for `count` records.
+// fn.template operator()<L>() with the layout of section j for `count`
+// records of `size` bytes (the size the caller's records have, when packing).
 template <const auto&... Ls>
 struct Sections {
     static constexpr int kCount = sizeof...(Ls);
     template <class Fn>
-    static bool Visit(int j, std::int32_t, const Fn& fn) {
+    static bool Visit(int j, std::int32_t, std::int32_t, const Fn& fn) {
         bool result = true;
         int k = 0;
         ((k++ == j ? (result = fn.template operator()<Ls>(), true) : false) || ...);
@@ -81,10 +83,29 @@ template <const auto& Narrow, const auto& Wide>
 struct Switched {
     static constexpr int kCount = 1;
     template <class Fn>
-    static bool Visit(int, std::int32_t count, const Fn& fn) {
+    static bool Visit(int, std::int32_t count, std::int32_t, const Fn& fn) {
         return count < 2 ? fn.template operator()<Narrow>() : fn.template operator()<Wide>();
     }
     static std::uint32_t Size(int, std::int32_t count) { return count < 2 ? Narrow.size : Wide.size; }
+};
+
+// One section packed by an encoder shared by layouts that code the same
+// kinds of field: the records take the layout whose size they have (First
+// when none matches).
+template <const auto& First, const auto&... Others>
+struct SizeFamily {
+    static_assert((model::SameKinds(First, Others) && ...), "a shared encoder serves layouts of the same field kinds");
+    static constexpr int kCount = 1;
+    template <class Fn>
+    static bool Visit(int, std::int32_t, std::int32_t size, const Fn& fn) {
+        bool done = false;
+        bool result = true;
+        ((!done && static_cast<std::int64_t>(size) == Others.size ? (done = true, result = fn.template operator()<Others>())
+                                                                   : false),
+         ...);
+        return done ? result : fn.template operator()<First>();
+    }
+    static std::uint32_t Size(int, std::int32_t) { return First.size; }
 };
 
 // The records a restore will fill: negative counts hold none.

@@ -207,6 +207,16 @@ constexpr std::uint32_t MaxLimit(const Layout<N>& l) {
     return m;
 }
 
+// Do two layouts code the same sequence of field kinds (so that one encoder
+// yields the same bytes for both)?
+template <std::size_t N, std::size_t M>
+constexpr bool SameKinds(const Layout<N>& a, const Layout<M>& b) {
+    if (N != M) return false;
+    for (std::size_t i = 0; i < N; ++i)
+        if (a.fields[i].kind != b.fields[i].kind || a.fields[i].fast != b.fields[i].fast) return false;
+    return true;
+}
+
 // End of the furthest byte a 2008 decoder may write: a decode limit beyond a
 // field's width (kept on purpose in a few layouts) writes past it, into the
 // next record or the restored buffer's spare bytes.

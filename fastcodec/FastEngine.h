@@ -338,7 +338,7 @@ int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arra
         const std::int32_t count = proc->nRecCount[j];
         const std::int32_t size = proc->nRecSize[j];
         const std::int64_t extent = static_cast<std::int64_t>(d::Records(count)) * size;
-        const bool fits = Shape::Visit(j, count, [&]<const auto& L>() {
+        const bool fits = Shape::Visit(j, count, size, [&]<const auto& L>() {
             return EncodeRun<L>(out, pos, cap, arrays[j], extent, static_cast<std::uint16_t>(count), size);
         });
         if (!fits) {
@@ -403,7 +403,7 @@ int RestoreAnswer(char* in, int inLen, char** out, int& outLen, int version) {
         }
         char* at = slots;
         for (int j = 0; j < k; ++j) {
-            Shape::Visit(j, counts[j], [&]<const auto& L>() {
+            Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
                 DecodeRun<L>(src, cursor, d::Records(counts[j]), at);
                 at += d::Records(counts[j]) * L.size;
                 return true;

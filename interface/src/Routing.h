@@ -3,6 +3,10 @@
 // it; every other id takes the raw path without a table look-up.
 #pragma once
 
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
 #include "trdcomp/TrdCompData.h"
 
 namespace trdcomp::detail {
@@ -19,8 +23,9 @@ using PackReq2008Fn = int (*)(char*, int&, char*, int, char);
 using PackReqFastFn = int (*)(char*, int&, char*, int, int);
 using RestoreReq2008Fn = int (*)(char*, int, char**, int&, char);
 using RestoreReqFastFn = int (*)(char*, int, char**, int&, int);
-using PackAns2008Fn = int (*)(char*, int&, tagANS_Proc*, char*, char*, char*, char*, char*, char);
-using PackAnsFastFn = int (*)(char*, int&, tagANS_Proc*, char*, char*, char*, char*, char*, int);
+// Answer packers take the arrays as one table and the capacity of the output.
+using PackAns2008Fn = int (*)(char*, int&, tagANS_Proc*, char* const*, char, std::int64_t);
+using PackAnsFastFn = int (*)(char*, int&, tagANS_Proc*, char* const*, int, std::int64_t);
 using RestoreAns2008Fn = int (*)(char*, int, char**, int&, char);
 using RestoreAnsFastFn = int (*)(char*, int, char**, int&, int);
 
@@ -57,7 +62,49 @@ constexpr int RouteSlot(int id) noexcept {
     return dense < static_cast<unsigned>(kDenseCount) ? static_cast<int>(dense) : -1;
 }
 
-const ReqRoutes& FindReqRoutes(int id) noexcept;
-const AnsRoutes& FindAnsRoutes(int id) noexcept;
+struct ReqRow {
+    int id;
+    ReqRoutes routes;
+};
+struct AnsRow {
+    int id;
+    AnsRoutes routes;
+};
+
+using ReqTable = std::array<ReqRoutes, kRouteSlots>;
+using AnsTable = std::array<AnsRoutes, kRouteSlots>;
+
+// Spreads the rows of a routing table over the dense table; ids without a
+// row stay raw. Evaluated at compile time: a row whose id has no slot, or
+// two rows for one id, stop the build.
+template <class Row, std::size_t N>
+constexpr auto Dense(const Row (&rows)[N]) {
+    std::array<decltype(Row::routes), kRouteSlots> table{};
+    std::array<bool, kRouteSlots> seen{};
+    for (const Row& row : rows) {
+        const int slot = RouteSlot(row.id);
+        if (slot < 0) throw "a routed id outside 1000..1261 and 8996..8999";
+        if (seen[static_cast<std::size_t>(slot)]) throw "two routing rows for one id";
+        seen[static_cast<std::size_t>(slot)] = true;
+        table[static_cast<std::size_t>(slot)] = row.routes;
+    }
+    return table;
+}
+
+// The tables, generated from the catalogue's routing data.
+extern const ReqTable kReqRouteTable;
+extern const AnsTable kAnsRouteTable;
+
+inline const ReqRoutes& FindReqRoutes(int id) noexcept {
+    static constexpr ReqRoutes raw{};
+    const int slot = RouteSlot(id);
+    return slot < 0 ? raw : kReqRouteTable[static_cast<std::size_t>(slot)];
+}
+
+inline const AnsRoutes& FindAnsRoutes(int id) noexcept {
+    static constexpr AnsRoutes raw{};
+    const int slot = RouteSlot(id);
+    return slot < 0 ? raw : kAnsRouteTable[static_cast<std::size_t>(slot)];
+}
 
 }  // namespace trdcomp::detail

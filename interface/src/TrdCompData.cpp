@@ -181,12 +181,13 @@ int CTrdCompData::PackAns2008(char* out, int outSize, int& outLen, tagANS_Proc* 
             outLen = static_cast<int>(length);
             return 0;
         case Cell::Codec: {
+            // The codec appends behind the running length, bounded by outSize;
+            // its result only tells whether the message fitted.
+            char* const arrays[kMaxTableEntries] = {a1, a2, a3, a4, a5};
             int len = static_cast<int>(length);
-            if (version != 0)
-                routes.packFast.fn(out, len, proc, a1, a2, a3, a4, a5, version);
-            else
-                routes.pack2008.fn(out, len, proc, a1, a2, a3, a4, a5, flag);
-            outLen = len;
+            const int fitted = version != 0 ? routes.packFast.fn(out, len, proc, arrays, version, outSize)
+                                            : routes.pack2008.fn(out, len, proc, arrays, flag, outSize);
+            outLen = fitted ? len : 0;
             return 0;
         }
         case Cell::Raw:

@@ -1,0 +1,423 @@
+// Build-time generator: reads the catalogue (layouts, the layout of every
+// request id, answer shapes and aliases, both routing tables) and writes
+//   trdcomp/TrdCompMembers.inc  the per-id codec members of CTrdCompData
+//                               (exactly those the routing names, plus the
+//                               aliases and stubs), included by TrdCompData.h;
+//   trdcomp/TrdCompRecords.h    a packed struct for every record layout,
+//                               fields named by offset (f145);
+//   CatalogueRequests.cpp,      the member definitions, each one line over
+//   CatalogueAnswers.cpp        the generic engines, and the route rows.
+// The generated code holds no logic of its own: the engines do the coding.
+//
+// usage: trdcomp_catalogue_gen OUTPUT_DIR
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Entry {
+    std::string kind;  // char text ascii bytes int32 int64 double uncoded sized array
+    int offset = 0;
+    int width = 0;
+    std::string sub;   // array: entry layout
+    int entries = 0;
+};
+
+struct Layout {
+    std::string name;
+    int size = 0;
+    std::vector<Entry> entries;
+};
+
+struct Route {
+    int id;
+    std::string cell[4];  // pack 2008, pack Fast, restore 2008, restore Fast
+};
+
+struct Shape {
+    std::string kind;  // single, sections, switched
+    std::vector<std::string> layouts;
+};
+
+std::vector<Layout> g_req_layouts, g_ans_layouts;
+std::map<int, std::string> g_req_layout_of;  // function id -> request layout
+std::vector<Route> g_req_routes, g_ans_routes;
+std::map<int, Shape> g_shapes;
+std::map<int, int> g_aliases;
+
+std::vector<Layout>* g_target = nullptr;
+
+Layout& Current() { return g_target->back(); }
+void Begin(const char* name, int size) { g_target->push_back(Layout{name, size, {}}); }
+void Add(const char* kind, int off, int width, const char* sub = "", int entries = 0) {
+    Current().entries.push_back(Entry{kind, off, width, sub, entries});
+}
+
+#define TRD_LAYOUT(NAME, SIZE) Begin(#NAME, SIZE);
+#define TRD_END(NAME)
+#define TRD_CHAR(OFF) Add("char", OFF, 1);
+#define TRD_CHAR_DEF(OFF, D) Add("char", OFF, 1);
+#define TRD_TEXT(OFF, N) Add("text", OFF, N);
+#define TRD_TEXT_LIMIT(OFF, N, LIMIT) Add("text", OFF, N);
+#define TRD_TEXT_LAST(OFF, N) Add("text", OFF, N);
+#define TRD_ASCII(OFF, N) Add("text", OFF, N);
+#define TRD_BYTES(OFF, N) Add("bytes", OFF, N);
+#define TRD_INT32(OFF) Add("int32", OFF, 4);
+#define TRD_INT64(OFF) Add("int64", OFF, 8);
+#define TRD_DOUBLE(OFF) Add("double", OFF, 8);
+#define TRD_UNCODED(OFF, N) Add("uncoded", OFF, N);
+#define TRD_SIZED_BLOCK(OFF, N) Add("sized", OFF, N);
+#define TRD_COUNTED_ARRAY(OFF, E, ENTRY, COUNT_OFF) Add("array", OFF, 0, #ENTRY, E);
+#define TRD_REQ_LAYOUT_IDS(NAME, ...)                 \
+    for (int id : std::vector<int>{__VA_ARGS__}) g_req_layout_of[id] = #NAME;
+#define TRD_ROUTE(ID, P8, PF, R8, RF) g_routes->push_back(Route{ID, {#P8, #PF, #R8, #RF}});
+#define TRD_ANS_SINGLE(ID, L) g_shapes[ID] = Shape{"single", {#L}};
+#define TRD_ANS_SECTIONS2(ID, L1, L2) g_shapes[ID] = Shape{"sections", {#L1, #L2}};
+#define TRD_ANS_SECTIONS3(ID, L1, L2, L3) g_shapes[ID] = Shape{"sections", {#L1, #L2, #L3}};
+#define TRD_ANS_SWITCHED(ID, N, E) g_shapes[ID] = Shape{"switched", {#N, #E}};
+#define TRD_ANS_ALIAS(ID, OF) g_aliases[ID] = OF;
+
+std::vector<Route>* g_routes = nullptr;
+
+void Load() {
+    g_target = &g_req_layouts;
+#include "request_layouts.def"
+    g_target = &g_ans_layouts;
+#include "answer_layouts.def"
+    g_routes = &g_req_routes;
+#include "request_routes.def"
+    g_routes = &g_ans_routes;
+#include "answer_routes.def"
+#include "answer_shapes.def"
+}
+
+bool IsCodec(const std::string& cell) { return !cell.empty() && cell[0] >= '0' && cell[0] <= '9'; }
+
+const char* const kFamily[4] = {"PackReq2008_", "PackReq2011_Fast_", "RestoreReq2008_", "RestoreReq2011_Fast_"};
+const char* const kAnsFamily[4] = {"PackAns2008_", "PackAns2011_Fast_", "RestoreAns2008_", "RestoreAns2011_Fast_"};
+const char* const kReqSig[4] = {
+    "(char* out, int& outLen, char* data, int dataLen, char flag)",
+    "(char* out, int& outLen, char* data, int dataLen, int version)",
+    "(char* in, int inLen, char** out, int& outLen, char flag)",
+    "(char* in, int inLen, char** out, int& outLen, int version)",
+};
+const char* const kAnsSig[4] = {
+    "(char* out, int& outLen, tagANS_Proc* proc, char* a1, char* a2, char* a3, char* a4, char* a5, char flag)",
+    "(char* out, int& outLen, tagANS_Proc* proc, char* a1, char* a2, char* a3, char* a4, char* a5, int version)",
+    "(char* in, int inLen, char** out, int& outLen, char flag)",
+    "(char* in, int inLen, char** out, int& outLen, int version)",
+};
+
+// Request stubs: the head alone on packing (1000, 1001, 1017), nothing on restoring 1017.
+const std::set<int> kReqPackStubs = {1000, 1001, 1017};
+const std::set<int> kReqRestoreStubs = {1017};
+// Answer stubs of 1017, which codes nothing.
+const int kAnsStub = 1017;
+
+std::string Sig(const char* sig, bool named) {
+    if (named) return sig;
+    // Unnamed parameters for stubs, so that nothing is reported unused.
+    std::string s = sig, out;
+    std::string cur;
+    for (char c : s) {
+        if (c == ',' || c == ')') {
+            const auto space = cur.rfind(' ');
+            out += cur.substr(0, space == std::string::npos ? cur.size() : space);
+            out += c;
+            cur.clear();
+        } else if (c == '(') {
+            out += c;
+        } else {
+            cur += c;
+        }
+    }
+    return out;
+}
+
+// ---- members ----
+
+struct Members {
+    std::set<int> req[4];
+    std::set<int> ans[4];
+};
+
+Members Collect() {
+    Members m;
+    for (const Route& r : g_req_routes)
+        for (int f = 0; f < 4; ++f)
+            if (IsCodec(r.cell[f])) m.req[f].insert(std::stoi(r.cell[f]));
+    for (const Route& r : g_ans_routes)
+        for (int f = 0; f < 4; ++f)
+            if (IsCodec(r.cell[f])) m.ans[f].insert(std::stoi(r.cell[f]));
+    // Ids whose codecs are those of another id have them under their own number.
+    for (const auto& [id, of] : g_aliases)
+        for (int f = 0; f < 4; ++f) m.ans[f].insert(id), m.ans[f].insert(of);
+    return m;
+}
+
+std::string RequestLayout(int codec) {
+    const auto it = g_req_layout_of.find(codec);
+    if (it == g_req_layout_of.end()) throw std::runtime_error("request codec " + std::to_string(codec) + " has no layout");
+    return it->second;
+}
+
+const Shape& AnswerShape(int codec) {
+    auto it = g_shapes.find(codec);
+    if (it == g_shapes.end()) {
+        const auto alias = g_aliases.find(codec);
+        if (alias != g_aliases.end()) it = g_shapes.find(alias->second);
+    }
+    if (it == g_shapes.end()) throw std::runtime_error("answer codec " + std::to_string(codec) + " has no shape");
+    return it->second;
+}
+
+std::string ShapeType(const Shape& s) {
+    std::string t = s.kind == "switched" ? "::trdcomp::detail::Switched<" : "::trdcomp::detail::Sections<";
+    for (std::size_t i = 0; i < s.layouts.size(); ++i) {
+        t += i ? ", k" : "k";
+        t += s.layouts[i];
+    }
+    return t + ">";
+}
+
+// The 2008 answer encoder of a codec packs the records of every id routed to
+// it; where those ids have different single layouts (that code the same kinds
+// of field), the encoder takes the layout whose size the caller's records have.
+std::string PackShapeType(int codec) {
+    const Shape& own = AnswerShape(codec);
+    std::vector<std::string> family = {own.kind == "single" ? own.layouts[0] : ""};
+    for (const Route& r : g_ans_routes) {
+        if (r.cell[0] != std::to_string(codec)) continue;
+        const Shape& s = AnswerShape(r.id);
+        if (own.kind != "single" || s.kind != "single") continue;
+        bool seen = false;
+        for (const auto& l : family) seen |= l == s.layouts[0];
+        if (!seen) family.push_back(s.layouts[0]);
+    }
+    if (family.size() < 2) return ShapeType(own);
+    std::string t = "::trdcomp::detail::SizeFamily<";
+    for (std::size_t i = 0; i < family.size(); ++i) {
+        t += i ? ", k" : "k";
+        t += family[i];
+    }
+    return t + ">";
+}
+
+// ---- writers ----
+
+void WriteMembers(std::ostream& o, const Members& m) {
+    o << "/* Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
+         " * The per-id codec members of CTrdCompData (private; the dispatchers\n"
+         " * route to them). This file is included inside the class. */\n";
+    for (int f = 0; f < 4; ++f) {
+        std::set<int> ids = m.req[f];
+        if (f == 0) ids.insert(kReqPackStubs.begin(), kReqPackStubs.end());
+        if (f == 2) ids.insert(kReqRestoreStubs.begin(), kReqRestoreStubs.end());
+        for (int id : ids) o << "static int " << kFamily[f] << id << kReqSig[f] << ";\n";
+    }
+    for (int f = 0; f < 4; ++f) {
+        std::set<int> ids = m.ans[f];
+        ids.insert(kAnsStub);
+        for (int id : ids) o << "static int " << kAnsFamily[f] << id << kAnsSig[f] << ";\n";
+    }
+}
+
+std::string CType(const Entry& e) {
+    if (e.kind == "int32") return "int";
+    if (e.kind == "int64") return "long long";
+    if (e.kind == "double") return "double";
+    if (e.kind == "array") return "tag" + e.sub;
+    return "char";
+}
+
+void WriteStruct(std::ostream& o, const Layout& l) {
+    o << "struct tag" << l.name << " {\n";
+    for (const Entry& e : l.entries) {
+        std::ostringstream fieldName;
+        fieldName << 'f' << e.offset;
+        const std::string name = fieldName.str();
+        if (e.kind == "char")
+            o << "    char " << name << ";\n";
+        else if (e.kind == "int32" || e.kind == "int64" || e.kind == "double")
+            o << "    " << CType(e) << " " << name << ";\n";
+        else if (e.kind == "array")
+            o << "    " << CType(e) << " " << name << "[" << e.entries << "];\n";
+        else if (e.kind == "sized")
+            o << "    char " << name << "[" << e.width << "];\n    int f" << e.offset + e.width
+              << "; /* the block's length */\n";
+        else if (e.kind == "uncoded")
+        {
+            o << "    char " << name;
+            if (e.width > 1) o << '[' << e.width << ']';
+            o << "; /* not carried */\n";
+        }
+        else
+            o << "    char " << name << "[" << e.width << "];\n";
+    }
+    o << "};\n";
+    o << "TRDCOMP_RECORD_SIZE(tag" << l.name << ", " << l.size << ");\n\n";
+}
+
+void WriteRecords(std::ostream& o) {
+    o << "/* Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
+         " * Packed record layouts of every request and answer, fields named by\n"
+         " * their byte offset. Valid C++11. */\n"
+         "#ifndef TRDCOMP_TRDCOMPRECORDS_H\n#define TRDCOMP_TRDCOMPRECORDS_H\n\n"
+         "#define TRDCOMP_RECORD_SIZE(T, N) static_assert(sizeof(T) == N, #T \" is \" #N \" bytes\")\n\n"
+         "#pragma pack(push, 1)\n\n";
+    for (const Layout& l : g_req_layouts) WriteStruct(o, l);
+    for (const Layout& l : g_ans_layouts) WriteStruct(o, l);
+    o << "#pragma pack(pop)\n\n#undef TRDCOMP_RECORD_SIZE\n\n#endif\n";
+}
+
+void WriteOffsetChecks(std::ostream& o, const std::vector<Layout>& layouts) {
+    for (const Layout& l : layouts) {
+        o << "static_assert(sizeof(tag" << l.name << ") == k" << l.name << ".size);\n";
+        for (const Entry& e : l.entries)
+            o << "static_assert(offsetof(tag" << l.name << ", f" << e.offset << ") == " << e.offset << ");\n";
+    }
+}
+
+const char* const kHeader =
+    "// Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
+    "#include <cstddef>\n\n"
+    "#include \"Routing.h\"\n"
+    "#include \"codec2008/Engine2008.h\"\n"
+    "#include \"common/LayoutMacros.h\"\n"
+    "#include \"fastcodec/FastEngine.h\"\n"
+    "#include \"trdcomp/TrdCompData.h\"\n"
+    "#include \"trdcomp/TrdCompRecords.h\"\n\n"
+    "using trdcomp::detail::Cell;\n\n";
+
+std::string CellOf(const std::string& cell, const std::string& fn) {
+    if (cell == "RAW") return "{}";
+    if (cell == "NO_RECORDS") return "{Cell::NoRecords}";
+    if (cell == "HEAD_ONLY") return "{Cell::HeadOnly}";
+    if (cell == "NOTHING") return "{Cell::Nothing}";
+    return "{Cell::Codec, " + fn + cell + "}";
+}
+
+void WriteRequests(std::ostream& o, const Members& m) {
+    o << kHeader << "#include \"request_layouts.def\"\n\n";
+    WriteOffsetChecks(o, g_req_layouts);
+    o << "\nnamespace e8 = trdcomp::codec2008;\nnamespace ef = trdcomp::fast;\n\n";
+    for (int id : kReqPackStubs)
+        o << "int CTrdCompData::" << kFamily[0] << id << Sig(kReqSig[0], false) << " { return 1; }\n";
+    for (int id : kReqRestoreStubs)
+        o << "int CTrdCompData::" << kFamily[2] << id << Sig(kReqSig[2], false) << " { return 1; }\n";
+    const char* const call[4] = {
+        "e8::PackRequest<k%s>(out, outLen, data, dataLen, flag)",
+        "ef::PackRequest<k%s>(out, outLen, data, dataLen, version)",
+        "e8::RestoreRequest<k%s>(in, inLen, out, outLen, flag)",
+        "ef::RestoreRequest<k%s>(in, inLen, out, outLen, version)",
+    };
+    for (int f = 0; f < 4; ++f) {
+        for (int id : m.req[f]) {
+            char body[256];
+            std::snprintf(body, sizeof body, call[f], RequestLayout(id).c_str());
+            o << "int CTrdCompData::" << kFamily[f] << id << kReqSig[f] << " { return " << body << "; }\n";
+        }
+    }
+    o << "\nnamespace trdcomp::detail {\n\nstruct ReqCodecAccess {\n    static constexpr ReqRow kRows[] = {\n";
+    const char* const fn[4] = {"&CTrdCompData::PackReq2008_", "&CTrdCompData::PackReq2011_Fast_",
+                               "&CTrdCompData::RestoreReq2008_", "&CTrdCompData::RestoreReq2011_Fast_"};
+    for (const Route& r : g_req_routes) {
+        o << "        {" << r.id << ", {";
+        for (int f = 0; f < 4; ++f) o << (f ? ", " : "") << CellOf(r.cell[f], fn[f]);
+        o << "}},\n";
+    }
+    o << "    };\n    static constexpr ReqTable kTable = Dense(kRows);\n};\n\n"
+         "const ReqTable kReqRouteTable = ReqCodecAccess::kTable;\n\n}  // namespace trdcomp::detail\n";
+}
+
+void WriteAnswers(std::ostream& o, const Members& m) {
+    o << kHeader << "#include \"answer_layouts.def\"\n\n";
+    WriteOffsetChecks(o, g_ans_layouts);
+    o << "\nnamespace e8 = trdcomp::codec2008;\nnamespace ef = trdcomp::fast;\n"
+         "using trdcomp::detail::kUnbounded;\n\n";
+    o << "int CTrdCompData::PackAns2008_" << kAnsStub << Sig(kAnsSig[0], false) << " { return 1; }\n";
+    o << "int CTrdCompData::PackAns2011_Fast_" << kAnsStub << Sig(kAnsSig[1], false) << " { return 1; }\n";
+    o << "int CTrdCompData::RestoreAns2008_" << kAnsStub << Sig(kAnsSig[2], false) << " { return 1; }\n";
+    o << "int CTrdCompData::RestoreAns2011_Fast_" << kAnsStub << Sig(kAnsSig[3], false) << " { return 1; }\n\n";
+    // Packers with a capacity, for the dispatcher, and the members over them.
+    o << "namespace {\n";
+    for (int id : m.ans[0])
+        o << "int Pack2008Cap_" << id << "(char* out, int& outLen, tagANS_Proc* proc, char* const arrays[5], char flag, "
+          << "std::int64_t cap) { return e8::PackAnswer<" << PackShapeType(id) << ">(out, outLen, proc, arrays, flag, cap); }\n";
+    for (int id : m.ans[1])
+        o << "int PackFastCap_" << id << "(char* out, int& outLen, tagANS_Proc* proc, char* const arrays[5], int version, "
+          << "std::int64_t cap) { return ef::PackAnswer<" << ShapeType(AnswerShape(id))
+          << ">(out, outLen, proc, arrays, version, cap); }\n";
+    o << "}  // namespace\n\n";
+    for (int id : m.ans[0])
+        o << "int CTrdCompData::PackAns2008_" << id << kAnsSig[0] << " {\n    char* const arrays[5] = {a1, a2, a3, a4, a5};\n"
+          << "    return Pack2008Cap_" << id << "(out, outLen, proc, arrays, flag, kUnbounded);\n}\n";
+    for (int id : m.ans[1])
+        o << "int CTrdCompData::PackAns2011_Fast_" << id << kAnsSig[1]
+          << " {\n    char* const arrays[5] = {a1, a2, a3, a4, a5};\n"
+          << "    return PackFastCap_" << id << "(out, outLen, proc, arrays, version, kUnbounded);\n}\n";
+    for (int id : m.ans[2])
+        o << "int CTrdCompData::RestoreAns2008_" << id << kAnsSig[2] << " { return e8::RestoreAnswer<"
+          << ShapeType(AnswerShape(id)) << ">(in, inLen, out, outLen, flag); }\n";
+    for (int id : m.ans[3])
+        o << "int CTrdCompData::RestoreAns2011_Fast_" << id << kAnsSig[3] << " { return ef::RestoreAnswer<"
+          << ShapeType(AnswerShape(id)) << ">(in, inLen, out, outLen, version); }\n";
+
+    o << "\nnamespace trdcomp::detail {\n\nstruct AnsCodecAccess {\n    static constexpr AnsRow kRows[] = {\n";
+    const char* const fn[4] = {"&Pack2008Cap_", "&PackFastCap_", "&CTrdCompData::RestoreAns2008_",
+                               "&CTrdCompData::RestoreAns2011_Fast_"};
+    for (const Route& r : g_ans_routes) {
+        o << "        {" << r.id << ", {";
+        for (int f = 0; f < 4; ++f) o << (f ? ", " : "") << CellOf(r.cell[f], fn[f]);
+        o << "}},\n";
+    }
+    o << "    };\n    static constexpr AnsTable kTable = Dense(kRows);\n};\n\n"
+         "const AnsTable kAnsRouteTable = AnsCodecAccess::kTable;\n\n}  // namespace trdcomp::detail\n";
+}
+
+// Writes a file only when its content changed, so builds stay incremental.
+void Emit(const std::string& path, const std::string& text) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream old;
+    old << in.rdbuf();
+    if (in && old.str() == text) return;
+    std::ofstream out(path, std::ios::binary);
+    out << text;
+    if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2 || std::string(argv[1]) == "--help") {
+        std::cerr << "usage: trdcomp_catalogue_gen OUTPUT_DIR\n"
+                     "writes trdcomp/TrdCompMembers.inc, trdcomp/TrdCompRecords.h, CatalogueRequests.cpp and\n"
+                     "CatalogueAnswers.cpp from the catalogue compiled into this program\n";
+        return argc == 2 ? 0 : 2;
+    }
+    try {
+        Load();
+        const Members m = Collect();
+        const std::string dir = argv[1];
+        std::ostringstream members, records, requests, answers;
+        WriteMembers(members, m);
+        WriteRecords(records);
+        WriteRequests(requests, m);
+        WriteAnswers(answers, m);
+        Emit(dir + "/trdcomp/TrdCompMembers.inc", members.str());
+        Emit(dir + "/trdcomp/TrdCompRecords.h", records.str());
+        Emit(dir + "/CatalogueRequests.cpp", requests.str());
+        Emit(dir + "/CatalogueAnswers.cpp", answers.str());
+    } catch (const std::exception& e) {
+        std::cerr << "trdcomp_catalogue_gen: " << e.what() << "\n";
+        return 1;
+    }
+    return 0;
+}
