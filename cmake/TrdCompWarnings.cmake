@@ -6,13 +6,21 @@ function(trdcomp_warnings target)
   endif()
 endfunction()
 
-# AddressSanitizer and UndefinedBehaviorSanitizer (every check fatal).
+# Sanitizers, every check fatal: TRDCOMP_SANITIZE=address gives
+# AddressSanitizer (with LeakSanitizer) and UndefinedBehaviorSanitizer,
+# TRDCOMP_SANITIZE=thread gives ThreadSanitizer.
 function(trdcomp_sanitize target)
-  if(TRDCOMP_SANITIZE)
+  if(TRDCOMP_SANITIZE STREQUAL "address")
     set(flags -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
     if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
       list(APPEND flags -fsanitize=float-cast-overflow)
     endif()
+  elseif(TRDCOMP_SANITIZE STREQUAL "thread")
+    set(flags -fsanitize=thread -fno-omit-frame-pointer)
+  elseif(TRDCOMP_SANITIZE)
+    message(FATAL_ERROR "TRDCOMP_SANITIZE is address, thread or empty, not '${TRDCOMP_SANITIZE}'")
+  endif()
+  if(flags)
     target_compile_options(${target} PRIVATE ${flags})
     target_link_options(${target} PRIVATE ${flags})
   endif()

@@ -41,22 +41,19 @@ inline const char* RecordAt(const char* data, std::int64_t extent, std::int64_t 
     return data + start;
 }
 
-// Encodes one record of at most Max bytes at out + pos + prefix when the
-// worst case fits the capacity, else through a scratch copy that is kept
-// only if the real bytes fit. Returns the bytes encoded, or -1 (no room).
+// Encodes one record of at most Max bytes at dst when the worst case fits
+// `room`, else into a scratch copy that is kept only if the real bytes fit.
+// Returns the bytes encoded, or -1 (no room). One call site, so each
+// layout's encoder is instantiated once.
 template <std::size_t Max, class Encode>
-[[gnu::noinline]] std::int64_t EncodeViaScratch(const Encode& encode, char* dst, std::int64_t room) {
+inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t room) {
     char scratch[Max > 0 ? Max : 1];
-    const std::int64_t n = encode(scratch);
+    const bool direct = room >= static_cast<std::int64_t>(Max);
+    const std::int64_t n = encode(direct ? dst : scratch);
+    if (direct) return n;
     if (n > room) return -1;
     std::memcpy(dst, scratch, static_cast<std::size_t>(n));
     return n;
-}
-
-template <std::size_t Max, class Encode>
-inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t room) {
-    if (room >= static_cast<std::int64_t>(Max)) return encode(dst);
-    return EncodeViaScratch<Max>(encode, dst, room);
 }
 
 // Answer shapes: the record layout of each section. Visit calls

@@ -51,6 +51,7 @@ std::map<int, std::string> g_req_layout_of;  // function id -> request layout
 std::vector<Route> g_req_routes, g_ans_routes;
 std::map<int, Shape> g_shapes;
 std::map<int, int> g_aliases;
+std::vector<std::pair<std::string, std::string>> g_req_shared;  // layout, layout whose encoder packs it
 
 std::vector<Layout>* g_target = nullptr;
 
@@ -83,6 +84,7 @@ void Add(const char* kind, int off, int width, const char* sub = "", int entries
 #define TRD_ANS_SECTIONS3(ID, L1, L2, L3) g_shapes[ID] = Shape{"sections", {#L1, #L2, #L3}};
 #define TRD_ANS_SWITCHED(ID, N, E) g_shapes[ID] = Shape{"switched", {#N, #E}};
 #define TRD_ANS_ALIAS(ID, OF) g_aliases[ID] = OF;
+#define TRD_REQ_SHARED_ENCODER(LAYOUT, ENCODER) g_req_shared.push_back({#LAYOUT, #ENCODER});
 
 std::vector<Route>* g_routes = nullptr;
 
@@ -307,6 +309,9 @@ std::string CellOf(const std::string& cell, const std::string& fn) {
 void WriteRequests(std::ostream& o, const Members& m) {
     o << kHeader << "#include \"request_layouts.def\"\n\n";
     WriteOffsetChecks(o, g_req_layouts);
+    for (const auto& [layout, encoder] : g_req_shared)
+        o << "static_assert(::trdcomp::model::SameKinds(k" << layout << ", k" << encoder << "), \"" << layout
+          << " is packed by the encoder of " << encoder << "\");\n";
     o << "\nnamespace e8 = trdcomp::codec2008;\nnamespace ef = trdcomp::fast;\n\n";
     for (int id : kReqPackStubs)
         o << "int CTrdCompData::" << kFamily[0] << id << Sig(kReqSig[0], false) << " { return 1; }\n";

@@ -1,0 +1,75 @@
+// Fuzz target: pack fuzzer-chosen records of any routed function id in either
+// coding, then restore the message. A message the library packed itself must
+// restore (result 1), and nothing may touch memory outside the buffers.
+//
+// Input: byte 0 id selector, byte 1 coding (bit 0: Fast), byte 2 the 2008
+// flag, byte 3 record count; the rest is repeated into the records.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "trdcomp/TrdCompData.h"
+
+namespace {
+
+// Every routed function id, from the catalogue's routing tables.
+const int kIds[] = {
+#define TRD_ROUTE(ID, P8, PF, R8, RF) ID,
+#include "request_routes.def"
+#include "answer_routes.def"
+#undef TRD_ROUTE
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size < 5) return 0;
+    const int id = kIds[data[0] % (sizeof kIds / sizeof kIds[0])];
+    const bool fast = data[1] & 1;
+    const char flag = static_cast<char>(data[2] % 3);
+    const int count = data[3] % 8;
+    const std::uint8_t* bytes = data + 4;
+    const std::size_t nbytes = size - 4;
+    // The record size is taken from the fuzzer too, around the usual sizes.
+    const int recordSize = 1 + static_cast<int>((bytes[0] * 131u + nbytes) % 700u);
+    std::vector<char> records(static_cast<std::size_t>(count * recordSize));
+    for (std::size_t i = 0; i < records.size(); ++i) records[i] = static_cast<char>(bytes[i % nbytes]);
+
+    // Request.
+    tagREQ_HEAD head{};
+    head.nFuncId = id;
+    head.nFlags = fast ? 0x10 : 0;
+    head.nRecCount = count;
+    head.nRecSize = recordSize;
+    std::vector<char> wire(64 + records.size() * 12 + 76 + 4096);
+    int len = 0;
+    CTrdCompData::PackReq2008(wire.data(), len, &head, records.data(), static_cast<int>(records.size()), flag);
+    if (len < 76 || static_cast<std::size_t>(len) > wire.size()) std::abort();
+    std::vector<char> msg(wire.begin(), wire.begin() + len);
+    char* out = nullptr;
+    int outLen = 0;
+    CTrdCompData::RestoreReq2008(msg.data(), len, &out, outLen, flag);
+    CTrdCompData::ReleaseAnsData(out);
+
+    // Answer with the same records as its first array (and a second, shorter one).
+    tagANS_Proc proc{};
+    proc.nFuncId = id;
+    proc.nArrayCount = 1 + data[1] % 3;
+    for (int j = 0; j < 5; ++j) {
+        proc.nRecCount[j] = j == 0 ? count : count / 2;
+        proc.nRecSize[j] = recordSize;
+    }
+    std::vector<char> answer(96 + 64 + 3 * records.size() * 12 + 4096, 0);
+    int ansLen = 0;
+    CTrdCompData::PackAns2008(answer.data(), static_cast<int>(answer.size()), ansLen, &proc, records.data(), records.data(),
+                              records.data(), nullptr, nullptr, flag, fast ? 0x10 : 0);
+    if (ansLen > 0) {
+        std::vector<char> ans(answer.begin(), answer.begin() + ansLen);
+        out = nullptr;
+        CTrdCompData::RestoreAns2008(ans.data(), ansLen, &out, outLen, flag);
+        CTrdCompData::ReleaseAnsData(out);
+    }
+    return 0;
+}

@@ -1,0 +1,70 @@
+// The catalogue as plain run-time data for the tests (read from the same
+// .def files the library is generated from), a generator of realistic
+// records, and the model of what each coding gives back: the documented
+// losses only, not a second codec.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace catalogue_model {
+
+struct Field {
+    std::string kind;  // char text ascii bytes int32 int64 double uncoded sized array
+    int offset = 0;
+    int width = 0;
+    int def = 0;            // Fast first-record default of a char
+    std::string entry;      // array: the entry layout
+    int entries = 0;        // array: entry count
+    int countOffset = 0;    // array: offset of the count
+};
+
+struct Layout {
+    std::string name;
+    int size = 0;
+    std::vector<Field> fields;  // offset order
+};
+
+struct Route {
+    int id = 0;
+    std::string cell[4];  // pack 2008, pack Fast, restore 2008, restore Fast
+};
+
+struct Shape {
+    std::string kind;  // single, sections, switched
+    std::vector<std::string> layouts;
+};
+
+struct Catalogue {
+    std::map<std::string, Layout> layouts;      // requests and answers
+    std::map<int, std::string> requestLayoutOf;  // function id -> layout
+    std::vector<Route> requestRoutes, answerRoutes;
+    std::map<int, Shape> shapes;
+    std::map<int, int> aliases;
+
+    const Layout& At(const std::string& name) const { return layouts.at(name); }
+    const Route* RequestRoute(int id) const;
+    const Route* AnswerRoute(int id) const;
+    // The shape of an answer id or codec (its own, or that of the id it aliases).
+    const Shape& AnswerShape(int id) const;
+};
+
+const Catalogue& Get();
+
+enum class Coding { k2008, kFast };
+
+// Fills one record of layout l with realistic values; with `prev` given,
+// keeps some of its fields so that adjacent records share values.
+std::vector<char> MakeRecord(const Layout& l, std::mt19937& rng, const std::vector<char>* prev = nullptr);
+
+// What a record comes back as after a round trip in `coding`.
+std::vector<char> Expected(const Layout& l, const std::vector<char>& rec, Coding coding);
+
+// Compares a restored record with the expectation: doubles within rounding,
+// every other byte exactly. Returns "" or a description of the first difference.
+std::string Compare(const Layout& l, const std::vector<char>& expected, const char* got);
+
+}  // namespace catalogue_model
