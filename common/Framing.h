@@ -66,7 +66,7 @@ struct Sections {
     static bool Visit(int j, std::int32_t, std::int32_t, const Fn& fn) {
         bool result = true;
         int k = 0;
-        ((k++ == j ? (result = fn.template operator()<Ls>(), true) : false) || ...);
+        static_cast<void>(((k++ == j ? (result = fn.template operator()<Ls>(), true) : false) || ...));
         return result;
     }
     static std::uint32_t Size(int j, std::int32_t) {
@@ -97,9 +97,10 @@ struct SizeFamily {
     static bool Visit(int, std::int32_t, std::int32_t size, const Fn& fn) {
         bool done = false;
         bool result = true;
-        ((!done && static_cast<std::int64_t>(size) == Others.size ? (done = true, result = fn.template operator()<Others>())
-                                                                   : false),
-         ...);
+        static_cast<void>(((!done && static_cast<std::int64_t>(size) == Others.size
+                                ? (done = true, result = fn.template operator()<Others>())
+                                : false),
+                               ...));
         return done ? result : fn.template operator()<First>();
     }
     static std::uint32_t Size(int, std::int32_t) { return First.size; }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The project's two jobs, runnable on a fresh Debian 12 machine as root:
 #   scripts/run.sh demo   build (release) and run the example
-#   scripts/run.sh test   build and run the tests, release and sanitizer builds
+#   scripts/run.sh test   build and run the tests: release, sanitizers, threads, fuzzing
 # Each installs with apt-get whatever the machine lacks.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -26,11 +26,17 @@ case "${1:-}" in
     build/release/trdcomp_example
     ;;
   test)
-    install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config
+    install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config clang libclang-rt-14-dev
     echo "== release build, warnings as errors"
     cmake --workflow --preset ci
-    echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
+    echo "== AddressSanitizer + UndefinedBehaviorSanitizer (LeakSanitizer on)"
     cmake --workflow --preset asan
+    echo "== ThreadSanitizer: many threads at once"
+    cmake --workflow --preset tsan
+    echo "== fuzzing, ${TRDCOMP_FUZZ_SECONDS:-20} s a target"
+    cmake --preset fuzz
+    cmake --build --preset fuzz
+    fuzz/run.sh "${TRDCOMP_FUZZ_SECONDS:-20}"
     ;;
   -h|--help|help)
     usage
