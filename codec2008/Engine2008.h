@@ -318,16 +318,7 @@ int RestoreRequest(char* in, int inLen, char** out, int& outLen, char flag) {
         std::int64_t cursor = headLen;
         DecodeRun<L>(in, inLen, cursor, records, slots, flag);
     } else {
-        // Raw records are copied from in + i * recordSize: the offset counts
-        // from the start of the message, head included, as senders expect.
-        const std::uint32_t copy = static_cast<std::uint32_t>(recordSize) < L.size
-                                       ? static_cast<std::uint32_t>(recordSize)
-                                       : L.size;
-        for (std::int64_t i = 0; i < records; ++i) {
-            const char* src = d::RecordAt(in, inLen, i, recordSize, copy);
-            if (src == nullptr) break;
-            std::memcpy(slots + i * L.size, src, copy);
-        }
+        d::CopyRawRecords(in, inLen, recordSize, L.size, records, slots);
     }
     d::StoreI32(buf + d::kOffHeadLen, d::kReqHeadLen);
     d::StoreI32(buf + d::kReqOffSize, static_cast<std::int32_t>(L.size));
@@ -340,19 +331,12 @@ template <class Shape>
 int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arrays[5], char flag,
                std::int64_t cap = d::kUnbounded) {
     std::int64_t pos = outLen;
-    for (int j = 0; j < Shape::kCount; ++j) {
-        const std::int32_t count = proc->nRecCount[j];
-        const std::int32_t size = proc->nRecSize[j];
-        const std::int64_t extent = static_cast<std::int64_t>(d::Records(count)) * size;
-        const bool fits = Shape::Visit(j, count, size, [&]<const auto& L>() {
-            return EncodeRun<L>(out, pos, cap, arrays[j], extent, count, size, flag);
+    const bool fits = d::PackSections<Shape>(
+        proc, arrays, [&]<const auto& L>(const char* data, std::int64_t extent, std::int32_t count, std::int32_t size) {
+            return EncodeRun<L>(out, pos, cap, data, extent, count, size, flag);
         });
-        if (!fits) {
-            outLen = static_cast<int>(pos);
-            return 0;
-        }
-    }
     outLen = static_cast<int>(pos);
+    if (!fits) return 0;
     d::SetFlags(out, TRDCOMP_FLAG_CODED);
     return 1;
 }

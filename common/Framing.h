@@ -109,4 +109,34 @@ struct SizeFamily {
 // The records a restore will fill: negative counts hold none.
 inline std::int64_t Records(std::int32_t count) { return count > 0 ? count : 0; }
 
+// Packs the sections of an answer in order: for section j, run is called
+// with the layout of its records, the caller's array, its bytes, its count
+// and its record size (from proc). False as soon as one does not fit.
+template <class Shape, class Run>
+bool PackSections(const tagANS_Proc* proc, char* const arrays[5], const Run& run) {
+    for (int j = 0; j < Shape::kCount; ++j) {
+        const std::int32_t count = proc->nRecCount[j];
+        const std::int32_t size = proc->nRecSize[j];
+        const std::int64_t extent = Records(count) * size;
+        if (!Shape::Visit(j, count, size, [&]<const auto& L>() {
+                return run.template operator()<L>(arrays[j], extent, count, size);
+            }))
+            return false;
+    }
+    return true;
+}
+
+// Copies the records of a request that travelled raw: record i comes from
+// in + i * recordSize, counted from the start of the message, head included
+// (as senders expect), min(recordSize, size) bytes of it, while inside the message.
+inline void CopyRawRecords(const char* in, std::int64_t inLen, std::int32_t recordSize, std::uint32_t size,
+                           std::int64_t records, char* slots) {
+    const std::uint32_t copy = static_cast<std::uint32_t>(recordSize) < size ? static_cast<std::uint32_t>(recordSize) : size;
+    for (std::int64_t i = 0; i < records; ++i) {
+        const char* src = RecordAt(in, inLen, i, recordSize, copy);
+        if (src == nullptr) return;
+        std::memcpy(slots + i * size, src, copy);
+    }
+}
+
 }  // namespace trdcomp::detail

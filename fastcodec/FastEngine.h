@@ -301,15 +301,7 @@ int RestoreRequest(char* in, int inLen, char** out, int& outLen, int version) {
     std::memcpy(buf, in, d::kReqHeadLen);
     char* slots = buf + d::kReqHeadLen;
     if (!coded) {
-        // Raw records are copied from in + i * recordSize, head included.
-        const std::uint32_t copy = static_cast<std::uint32_t>(recordSize) < L.size
-                                       ? static_cast<std::uint32_t>(recordSize)
-                                       : L.size;
-        for (std::int64_t i = 0; i < records; ++i) {
-            const char* src = d::RecordAt(in, inLen, i, recordSize, copy);
-            if (src == nullptr) break;
-            std::memcpy(slots + i * L.size, src, copy);
-        }
+        d::CopyRawRecords(in, inLen, recordSize, L.size, records, slots);
     } else if (decode) {
         // The stream's count must equal the head's (the buffer stays in *out).
         if (d::LoadU16(in + headLen) != count) return 0;
@@ -334,19 +326,13 @@ int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arra
         d::StoreU16(out + pos, static_cast<std::uint16_t>(proc->nRecCount[j]));
         pos += 2;
     }
-    for (int j = 0; j < Shape::kCount; ++j) {
-        const std::int32_t count = proc->nRecCount[j];
-        const std::int32_t size = proc->nRecSize[j];
-        const std::int64_t extent = static_cast<std::int64_t>(d::Records(count)) * size;
-        const bool fits = Shape::Visit(j, count, size, [&]<const auto& L>() {
-            return EncodeRun<L>(out, pos, cap, arrays[j], extent, static_cast<std::uint16_t>(count), size);
+    // Each array codes as many records as its u16 count says.
+    const bool fits = d::PackSections<Shape>(
+        proc, arrays, [&]<const auto& L>(const char* data, std::int64_t extent, std::int32_t count, std::int32_t size) {
+            return EncodeRun<L>(out, pos, cap, data, extent, static_cast<std::uint16_t>(count), size);
         });
-        if (!fits) {
-            outLen = static_cast<int>(pos);
-            return 0;
-        }
-    }
     outLen = static_cast<int>(pos);
+    if (!fits) return 0;
     d::SetFlags(out, TRDCOMP_FLAG_CODED);
     return 1;
 }
