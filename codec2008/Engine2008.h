@@ -293,35 +293,21 @@ template <const auto& L>
 int RestoreRequest(char* in, int inLen, char** out, int& outLen, char flag) {
     static_assert(L.size > 0);
     static_assert(model::MaxDecodeEnd(L) <= L.size + d::kReqSpare, "a decode limit overruns the spare bytes");
-    if (in == nullptr || inLen < d::kReqHeadLen) return 0;
-    const std::int32_t flags = d::LoadI32(in + d::kOffFlags);
-    if (flags & TRDCOMP_FLAG_SECTIONS) return 0;
-    const std::int32_t headLen = d::LoadI32(in + d::kOffHeadLen);
-    if (headLen < 0 || headLen > inLen) return 0;
-    const std::int32_t count = d::LoadI32(in + d::kReqOffCount);
-    const std::int32_t recordSize = d::LoadI32(in + d::kReqOffSize);
-    const bool coded = (flags & TRDCOMP_FLAG_CODED) != 0;
+    d::RequestHead h;
+    if (!d::ReadRequestHead(in, inLen, h)) return 0;
     // No more records than the message can describe: 4 bytes at least for a
     // coded one, one received byte for a copied one.
-    const std::int64_t records = d::Records(count);
-    if (records > (coded ? (inLen - headLen) / 4 : inLen)) return 0;
-
-    const std::int64_t total = static_cast<std::int64_t>(count) * L.size + d::kReqHeadLen;
-    if (total > INT_MAX || total + d::kReqSpare < d::kReqHeadLen) return 0;
-    outLen = static_cast<int>(total);
-    char* buf = d::AllocZeroed(static_cast<std::uint64_t>(total + d::kReqSpare));
-    *out = buf;
-    if (buf == nullptr) return 0;
-    std::memcpy(buf, in, d::kReqHeadLen);
-    char* slots = buf + d::kReqHeadLen;
-    if (coded) {
-        std::int64_t cursor = headLen;
+    const std::int64_t records = d::Records(h.count);
+    if (records > (h.coded ? (inLen - h.headLen) / 4 : inLen)) return 0;
+    char* slots = d::OpenRestoredRequest(in, h, L.size, out, outLen);
+    if (slots == nullptr) return 0;
+    if (h.coded) {
+        std::int64_t cursor = h.headLen;
         DecodeRun<L>(in, inLen, cursor, records, slots, flag);
     } else {
-        d::CopyRawRecords(in, inLen, recordSize, L.size, records, slots);
+        d::CopyRawRecords(in, inLen, h.recordSize, L.size, records, slots);
     }
-    d::StoreI32(buf + d::kOffHeadLen, d::kReqHeadLen);
-    d::StoreI32(buf + d::kReqOffSize, static_cast<std::int32_t>(L.size));
+    d::CloseRestoredRequest(*out, L.size);
     return 1;
 }
 

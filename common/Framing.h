@@ -126,6 +126,47 @@ bool PackSections(const tagANS_Proc* proc, char* const arrays[5], const Run& run
     return true;
 }
 
+// The head of a received request, checked by ReadRequestHead.
+struct RequestHead {
+    std::int32_t headLen;
+    std::int32_t count;
+    std::int32_t recordSize;
+    bool coded;
+};
+
+// A request restore needs the whole head, refuses several record arrays
+// and takes the head length word as its read cursor.
+inline bool ReadRequestHead(const char* in, int inLen, RequestHead& h) {
+    if (in == nullptr || inLen < kReqHeadLen) return false;
+    const std::int32_t flags = LoadI32(in + kOffFlags);
+    if (flags & TRDCOMP_FLAG_SECTIONS) return false;
+    h.headLen = LoadI32(in + kOffHeadLen);
+    h.count = LoadI32(in + kReqOffCount);
+    h.recordSize = LoadI32(in + kReqOffSize);
+    h.coded = (flags & TRDCOMP_FLAG_CODED) != 0;
+    return h.headLen >= 0 && h.headLen <= inLen;
+}
+
+// Allocates a restored request: count * size + 76 bytes (outLen) and 1024
+// spare, all zero, with the received head copied to the start. Returns its
+// first record slot, or null (sizes not representable, allocation failed).
+inline char* OpenRestoredRequest(const char* in, const RequestHead& h, std::uint32_t size, char** out, int& outLen) {
+    const std::int64_t total = static_cast<std::int64_t>(h.count) * size + kReqHeadLen;
+    if (total > INT_MAX || total + kReqSpare < kReqHeadLen) return nullptr;
+    outLen = static_cast<int>(total);
+    char* buf = AllocZeroed(static_cast<std::uint64_t>(total + kReqSpare));
+    *out = buf;
+    if (buf == nullptr) return nullptr;
+    std::memcpy(buf, in, kReqHeadLen);
+    return buf + kReqHeadLen;
+}
+
+// The restored head states its own length and the layout size.
+inline void CloseRestoredRequest(char* buf, std::uint32_t size) {
+    StoreI32(buf + kOffHeadLen, kReqHeadLen);
+    StoreI32(buf + kReqOffSize, static_cast<std::int32_t>(size));
+}
+
 // Copies the records of a request that travelled raw: record i comes from
 // in + i * recordSize, counted from the start of the message, head included
 // (as senders expect), min(recordSize, size) bytes of it, while inside the message.

@@ -185,11 +185,12 @@ inline std::uint32_t EncodeRecord(const char* cur, const char* prev, byte* out) 
 }
 
 // Decodes the record of `len` bytes at in[at] into cur against prev (null:
-// the defaults). Reads outside the message see 0x80 and stop there.
-template <const auto& L>
+// the defaults). Reads outside the message see 0x80 and stop there. The
+// record is cleared first unless the caller hands in one already zero.
+template <const auto& L, bool kZeroed = false>
 inline void DecodeRecord(const BoundedSource& in, std::int64_t at, std::int64_t len, char* cur, const char* prev) {
     constexpr std::size_t P = kPresenceBytes<L>;
-    std::memset(cur, 0, L.size);
+    if constexpr (!kZeroed) std::memset(cur, 0, L.size);
     byte map[P > 0 ? P : 1] = {};
     std::int64_t mapLen = 0;
     for (std::int64_t j = 0; j < len; ++j) {
@@ -236,15 +237,16 @@ inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char
     return true;
 }
 
-// Decodes up to `count` records from in[cursor, ...) into consecutive slots,
-// each against the decoded one before; stops when the cursor reaches inLen.
+// Decodes up to `count` records from in[cursor, ...) into consecutive slots
+// of a freshly zeroed restore buffer, each against the decoded one before;
+// stops when the cursor reaches inLen.
 template <const auto& L>
 inline void DecodeRun(const BoundedSource& in, std::int64_t& cursor, std::int64_t count, char* slots) {
     const char* prev = nullptr;
     for (std::int64_t i = 0; i < count && cursor < in.size; ++i) {
         const std::int64_t len = static_cast<std::int64_t>(in[cursor]) | static_cast<std::int64_t>(in[cursor + 1]) << 8;
         char* rec = slots + i * L.size;
-        DecodeRecord<L>(in, cursor + 2, len, rec, prev);
+        DecodeRecord<L, true>(in, cursor + 2, len, rec, prev);
         prev = rec;
         cursor += 2 + len;
     }
@@ -276,41 +278,27 @@ int PackRequest(char* out, int& outLen, const char* data, int dataLen, int versi
 
 template <const auto& L>
 int RestoreRequest(char* in, int inLen, char** out, int& outLen, int version) {
-    if (in == nullptr || inLen < d::kReqHeadLen) return 0;
-    const std::int32_t flags = d::LoadI32(in + d::kOffFlags);
-    if (flags & TRDCOMP_FLAG_SECTIONS) return 0;
-    const std::int32_t headLen = d::LoadI32(in + d::kOffHeadLen);
-    if (headLen < 0 || headLen > inLen) return 0;
-    const std::int32_t count = d::LoadI32(in + d::kReqOffCount);
-    const std::int32_t recordSize = d::LoadI32(in + d::kReqOffSize);
-    const bool coded = (flags & TRDCOMP_FLAG_CODED) != 0;
-    const bool decode = coded && version >= 1;
+    d::RequestHead h;
+    if (!d::ReadRequestHead(in, inLen, h)) return 0;
+    const bool decode = h.coded && version >= 1;
     // The stream's count must be readable, and there are no more records
     // than the message can describe: a u16 length per coded record, one
     // received byte per copied one.
-    if (decode && inLen - headLen < 2) return 0;
-    const std::int64_t records = d::Records(count);
-    if (records > (decode ? (inLen - headLen - 2) / 2 : inLen)) return 0;
-
-    const std::int64_t total = static_cast<std::int64_t>(count) * L.size + d::kReqHeadLen;
-    if (total > INT_MAX || total + d::kReqSpare < d::kReqHeadLen) return 0;
-    outLen = static_cast<int>(total);
-    char* buf = d::AllocZeroed(static_cast<std::uint64_t>(total + d::kReqSpare));
-    *out = buf;
-    if (buf == nullptr) return 0;
-    std::memcpy(buf, in, d::kReqHeadLen);
-    char* slots = buf + d::kReqHeadLen;
-    if (!coded) {
-        d::CopyRawRecords(in, inLen, recordSize, L.size, records, slots);
+    if (decode && inLen - h.headLen < 2) return 0;
+    const std::int64_t records = d::Records(h.count);
+    if (records > (decode ? (inLen - h.headLen - 2) / 2 : inLen)) return 0;
+    char* slots = d::OpenRestoredRequest(in, h, L.size, out, outLen);
+    if (slots == nullptr) return 0;
+    if (!h.coded) {
+        d::CopyRawRecords(in, inLen, h.recordSize, L.size, records, slots);
     } else if (decode) {
         // The stream's count must equal the head's (the buffer stays in *out).
-        if (d::LoadU16(in + headLen) != count) return 0;
+        if (d::LoadU16(in + h.headLen) != h.count) return 0;
         const BoundedSource src{reinterpret_cast<const byte*>(in), inLen};
-        std::int64_t cursor = headLen + 2;
+        std::int64_t cursor = h.headLen + 2;
         DecodeRun<L>(src, cursor, records, slots);
     }
-    d::StoreI32(buf + d::kOffHeadLen, d::kReqHeadLen);
-    d::StoreI32(buf + d::kReqOffSize, static_cast<std::int32_t>(L.size));
+    d::CloseRestoredRequest(*out, L.size);
     return 1;
 }
 

@@ -16,6 +16,13 @@ using Bytes = std::vector<unsigned char>;
 
 namespace {
 
+// A text in a zero-padded field of `width` bytes, as records hold them.
+std::string Field(const char* text, std::size_t width) {
+    std::string f(text);
+    f.resize(width < f.size() ? f.size() : width, '\0');
+    return f;
+}
+
 template <class Fn>
 Bytes Written(Fn write) {
     Bytes buf(64, 0xEE);
@@ -126,8 +133,8 @@ TEST(FastPrimitives, NarrowReadersKeepTheirWidth) {
 }
 
 TEST(FastPrimitives, AsciiStrings) {
-    EXPECT_EQ(Written([](byte* p) { return FastPutAscii(p, "", 8); }), Bytes({0x80}));
-    EXPECT_EQ(Written([](byte* p) { return FastPutAscii(p, "AB", 8); }), Bytes({0x41, 0xc2}));
+    EXPECT_EQ(Written([](byte* p) { return FastPutAscii(p, Field("", 8).c_str(), 8); }), Bytes({0x80}));
+    EXPECT_EQ(Written([](byte* p) { return FastPutAscii(p, Field("AB", 8).c_str(), 8); }), Bytes({0x41, 0xc2}));
     EXPECT_EQ(Written([](byte* p) { return FastPutAscii(p, "ABCDEF", 3); }), Bytes({0x41, 0x42, 0xc3}));
 
     char s[32];
@@ -165,12 +172,12 @@ TEST(FastPrimitives, FullWidthAsciiKeepsMaxMinusOneAndSearchesFromMax) {
 }
 
 TEST(FastPrimitives, CountedStringsAndBlocks) {
-    EXPECT_EQ(Written([](byte* p) { return FastPutString(p, "", 8); }), Bytes({0x80}));
-    EXPECT_EQ(Written([](byte* p) { return FastPutString(p, "AB", 8); }), Bytes({0x82, 'A', 'B'}));
+    EXPECT_EQ(Written([](byte* p) { return FastPutString(p, Field("", 8).c_str(), 8); }), Bytes({0x80}));
+    EXPECT_EQ(Written([](byte* p) { return FastPutString(p, Field("AB", 8).c_str(), 8); }), Bytes({0x82, 'A', 'B'}));
     EXPECT_EQ(Written([](byte* p) { return FastPutString(p, "ABCDEF", 4); }), Bytes({0x84, 'A', 'B', 'C', 'D'}));
     EXPECT_EQ(Written([](byte* p) { return FastPutString(p, "AB", 0); }), Bytes({0x80}));
     // Bytes of 0x80 and above travel as they are.
-    EXPECT_EQ(Written([](byte* p) { return FastPutString(p, "\xC8\xFF", 8); }), Bytes({0x82, 0xC8, 0xFF}));
+    EXPECT_EQ(Written([](byte* p) { return FastPutString(p, Field("\xC8\xFF", 8).c_str(), 8); }), Bytes({0x82, 0xC8, 0xFF}));
 
     // 32 characters with max 32 are sent whole and read back as 31; the full length is skipped.
     const std::string full(32, 'Q');
