@@ -2,7 +2,7 @@ include(CMakePackageConfigHelpers)
 
 install(DIRECTORY interface/include/trdcomp/ codec2008/include/trdcomp/ ${TRDCOMP_GENERATED}/trdcomp/
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/trdcomp
-        FILES_MATCHING PATTERN "*.h" PATTERN "*.inc")
+        FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp" PATTERN "*.inc")
 install(TARGETS KXPfdk KXPfdk_static trdcomp trdcomp_static
         EXPORT TrdCompTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "support/CatalogueModel.h"
+#include "model/Samples.h"
 #include "support/Messages.h"
 
 using namespace testmsg;
@@ -18,14 +18,8 @@ using catalogue_model::Layout;
 
 namespace {
 
-std::vector<int> AllIds() {
-    std::vector<int> ids;
-    for (int id = 1000; id <= 1261; ++id) ids.push_back(id);
-    for (int id = 8996; id <= 8999; ++id) ids.push_back(id);
-    return ids;
-}
-
-bool IsCodec(const std::string& cell) { return !cell.empty() && cell[0] >= '0' && cell[0] <= '9'; }
+using catalogue_model::IsCodec;
+std::vector<int> AllIds() { return catalogue_model::RoutedIds(); }
 
 std::string Cell(const catalogue_model::Route* r, int column) { return r ? r->cell[column] : "RAW"; }
 

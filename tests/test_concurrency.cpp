@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/CatalogueModel.h"
+#include "model/CatalogueModel.h"
 #include "support/Messages.h"
 
 using namespace testmsg;

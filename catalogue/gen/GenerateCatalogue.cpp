@@ -192,7 +192,8 @@ std::string ShapeType(const Shape& s) {
 // The 2008 answer encoder of a codec packs the records of every id routed to
 // it; where those ids have different single layouts (that code the same kinds
 // of field), the encoder takes the layout whose size the caller's records have.
-std::string PackShapeType(int codec) {
+// Returns those layouts, own first (one layout: no family).
+std::vector<std::string> PackFamily(int codec) {
     const Shape& own = AnswerShape(codec);
     std::vector<std::string> family = {own.kind == "single" ? own.layouts[0] : ""};
     for (const Route& r : g_ans_routes) {
@@ -203,13 +204,49 @@ std::string PackShapeType(int codec) {
         for (const auto& l : family) seen |= l == s.layouts[0];
         if (!seen) family.push_back(s.layouts[0]);
     }
-    if (family.size() < 2) return ShapeType(own);
+    return family;
+}
+
+std::string PackShapeType(int codec) {
+    const std::vector<std::string> family = PackFamily(codec);
+    if (family.size() < 2) return ShapeType(AnswerShape(codec));
     std::string t = "::trdcomp::detail::SizeFamily<";
     for (std::size_t i = 0; i < family.size(); ++i) {
         t += i ? ", k" : "k";
         t += family[i];
     }
     return t + ">";
+}
+
+// The layouts an answer packer may code in each of its arrays.
+std::vector<std::vector<std::string>> PackSectionLayouts(int codec, bool fast) {
+    const Shape& own = AnswerShape(codec);
+    if (!fast && PackFamily(codec).size() > 1) return {PackFamily(codec)};
+    if (own.kind == "switched") return {own.layouts};
+    std::vector<std::vector<std::string>> sections;
+    for (const auto& l : own.layouts) sections.push_back({l});
+    return sections;
+}
+
+// C++ expression of the largest coded record among `layouts` in a coding.
+std::string MaxRecordOf(const std::vector<std::string>& layouts, bool fast) {
+    std::string e = "std::max<std::uint32_t>({";
+    for (std::size_t i = 0; i < layouts.size(); ++i)
+        e += (i ? ", " : "") + std::string(fast ? "ef" : "e8") + "::MaxRecord<k" + layouts[i] + ">()";
+    return e + "})";
+}
+
+// One row of a record-bound table: per coding, the largest coded record of
+// each array ({} where the coding packs no records).
+std::string BoundRowOf(int id, const std::vector<std::vector<std::string>> (&sections)[2]) {
+    std::string row = "        {" + std::to_string(id) + ", {";
+    for (int f = 0; f < 2; ++f) {
+        row += f ? ", {" : "{";
+        for (std::size_t j = 0; j < sections[f].size(); ++j)
+            row += (j ? ", " : "") + MaxRecordOf(sections[f][j], f == 1);
+        row += "}";
+    }
+    return row + ", " + std::to_string(sections[0].size()) + ", " + std::to_string(sections[1].size()) + "}},\n";
 }
 
 // ---- writers ----
@@ -289,6 +326,7 @@ void WriteOffsetChecks(std::ostream& o, const std::vector<Layout>& layouts) {
 
 const char* const kHeader =
     "// Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
+    "#include <algorithm>\n"
     "#include <cstddef>\n\n"
     "#include \"Routing.h\"\n"
     "#include \"codec2008/Engine2008.h\"\n"
@@ -339,7 +377,15 @@ void WriteRequests(std::ostream& o, const Members& m) {
         o << "}},\n";
     }
     o << "    };\n    static constexpr ReqTable kTable = Dense(kRows);\n};\n\n"
-         "const ReqTable kReqRouteTable = ReqCodecAccess::kTable;\n\n}  // namespace trdcomp::detail\n";
+         "const ReqTable kReqRouteTable = ReqCodecAccess::kTable;\n\n";
+    o << "constexpr BoundRow kReqBoundRows[] = {\n";
+    for (const Route& r : g_req_routes) {
+        std::vector<std::vector<std::string>> sections[2];
+        for (int f = 0; f < 2; ++f)
+            if (IsCodec(r.cell[f])) sections[f] = {{RequestLayout(std::stoi(r.cell[f]))}};
+        if (!sections[0].empty() || !sections[1].empty()) o << BoundRowOf(r.id, sections);
+    }
+    o << "};\nconst BoundTable kReqBoundTable = Dense(kReqBoundRows);\n\n}  // namespace trdcomp::detail\n";
 }
 
 void WriteAnswers(std::ostream& o, const Members& m) {
@@ -384,7 +430,15 @@ void WriteAnswers(std::ostream& o, const Members& m) {
         o << "}},\n";
     }
     o << "    };\n    static constexpr AnsTable kTable = Dense(kRows);\n};\n\n"
-         "const AnsTable kAnsRouteTable = AnsCodecAccess::kTable;\n\n}  // namespace trdcomp::detail\n";
+         "const AnsTable kAnsRouteTable = AnsCodecAccess::kTable;\n\n";
+    o << "constexpr BoundRow kAnsBoundRows[] = {\n";
+    for (const Route& r : g_ans_routes) {
+        std::vector<std::vector<std::string>> sections[2];
+        for (int f = 0; f < 2; ++f)
+            if (IsCodec(r.cell[f])) sections[f] = PackSectionLayouts(std::stoi(r.cell[f]), f == 1);
+        if (!sections[0].empty() || !sections[1].empty()) o << BoundRowOf(r.id, sections);
+    }
+    o << "};\nconst BoundTable kAnsBoundTable = Dense(kAnsBoundRows);\n\n}  // namespace trdcomp::detail\n";
 }
 
 // Writes a file only when its content changed, so builds stay incremental.

@@ -95,6 +95,29 @@ constexpr auto Dense(const Row (&rows)[N]) {
 extern const ReqTable kReqRouteTable;
 extern const AnsTable kAnsRouteTable;
 
+// The largest coded record of each array an id's packer may write, per
+// coding (framing excluded; 0 where the coding codes no records): what the
+// size bounds of the modern interface are computed from.
+struct RecordBounds {
+    std::array<std::uint32_t, 3> pack2008{};  // per array, in array order
+    std::array<std::uint32_t, 3> packFast{};
+    int arrays2008 = 0;  // arrays the packer codes
+    int arraysFast = 0;
+};
+struct BoundRow {
+    int id;
+    RecordBounds routes;
+};
+using BoundTable = std::array<RecordBounds, kRouteSlots>;
+extern const BoundTable kReqBoundTable;
+extern const BoundTable kAnsBoundTable;
+
+inline const RecordBounds& FindBounds(const BoundTable& table, int id) noexcept {
+    static constexpr RecordBounds none{};
+    const int slot = RouteSlot(id);
+    return slot < 0 ? none : table[static_cast<std::size_t>(slot)];
+}
+
 inline const ReqRoutes& FindReqRoutes(int id) noexcept {
     static constexpr ReqRoutes raw{};
     const int slot = RouteSlot(id);

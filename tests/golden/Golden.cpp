@@ -21,12 +21,11 @@
 #include <string>
 #include <vector>
 
-#include "support/CatalogueModel.h"
+#include "model/Samples.h"
 #include "trdcomp/TrdCompData.h"
 
 namespace fs = std::filesystem;
-using catalogue_model::Get;
-using catalogue_model::Layout;
+using catalogue_model::Coding;
 
 namespace {
 
@@ -35,51 +34,16 @@ struct Case {
     std::vector<char> input, wire, restored;
 };
 
-bool IsCodec(const std::string& cell) { return !cell.empty() && cell[0] >= '0' && cell[0] <= '9'; }
-
-std::vector<int> AllIds() {
-    std::vector<int> ids;
-    for (int id = 1000; id <= 1261; ++id) ids.push_back(id);
-    for (int id = 8996; id <= 8999; ++id) ids.push_back(id);
-    return ids;
-}
-
-// Records of one array: realistic, adjacent ones sharing some fields.
-std::vector<char> Records(const Layout& l, int count, std::mt19937& rng) {
-    std::vector<char> all, prev;
-    for (int i = 0; i < count; ++i) {
-        auto r = catalogue_model::MakeRecord(l, rng, i ? &prev : nullptr);
-        all.insert(all.end(), r.begin(), r.end());
-        prev = r;
-    }
-    return all;
-}
-
-int SampleCount(const Layout& l) { return l.size > 4096 ? 1 : 3; }
-
-void Request(int id, bool fast, std::vector<Case>& out) {
-    const auto& c = Get();
-    const auto* route = c.RequestRoute(id);
-    if (!route || !IsCodec(route->cell[fast ? 1 : 0])) return;
-    const Layout& l = c.At(c.requestLayoutOf.at(std::stoi(route->cell[fast ? 1 : 0])));
-    std::mt19937 rng(static_cast<unsigned>(id * 2 + fast));
-    const int count = SampleCount(l);
-    std::vector<char> data = Records(l, count, rng);
-    tagREQ_HEAD head{};
-    head.nHeadLen = 76;
-    head.nFuncId = id;
-    head.nFlags = fast ? 0x10 : 0;
-    for (int i = 0; i < 14; ++i) head.nUser[i] = 1000 * id + i;
-    head.nRecCount = count;
-    head.nRecSize = l.size;
-
+void Request(int id, Coding coding, std::vector<Case>& out) {
+    catalogue_model::RequestSample s;
+    if (!catalogue_model::SampleRequest(id, coding, s)) return;
     Case k;
-    k.name = "req_" + std::to_string(id) + (fast ? "_fast" : "_2008");
-    k.input.assign(reinterpret_cast<const char*>(&head), reinterpret_cast<const char*>(&head) + 76);
-    k.input.insert(k.input.end(), data.begin(), data.end());
+    k.name = "req_" + std::to_string(id) + (coding == Coding::kFast ? "_fast" : "_2008");
+    k.input.assign(reinterpret_cast<const char*>(&s.head), reinterpret_cast<const char*>(&s.head) + 76);
+    k.input.insert(k.input.end(), s.data.begin(), s.data.end());
     std::vector<char> wire(1 << 20);
     int len = 0;
-    CTrdCompData::PackReq2008(wire.data(), len, &head, data.data(), static_cast<int>(data.size()), 0);
+    CTrdCompData::PackReq2008(wire.data(), len, &s.head, s.data.data(), static_cast<int>(s.data.size()), 0);
     k.wire.assign(wire.begin(), wire.begin() + len);
     char* restored = nullptr;
     int restoredLen = 0;
@@ -89,41 +53,18 @@ void Request(int id, bool fast, std::vector<Case>& out) {
     out.push_back(k);
 }
 
-void Answer(int id, bool fast, std::vector<Case>& out) {
-    const auto& c = Get();
-    const auto* route = c.AnswerRoute(id);
-    if (!route || !IsCodec(route->cell[fast ? 1 : 0])) return;
-    const auto& shape = c.AnswerShape(id);
-    std::vector<std::vector<int>> variants;
-    if (shape.kind == "switched")
-        variants = {{1}, {2}};
-    else if (shape.kind == "sections")
-        variants = {shape.layouts.size() == 2 ? std::vector<int>{2, 3} : std::vector<int>{2, 3, 1}};
-    else
-        variants = {{SampleCount(c.At(shape.layouts[0]))}};
-    for (const auto& counts : variants) {
-        std::mt19937 rng(static_cast<unsigned>(id * 8 + fast * 4 + counts[0]));
-        tagANS_Proc proc{};
-        proc.nFuncId = id;
-        std::memcpy(proc.szShort, "OK", 2);
-        std::snprintf(proc.szLong, sizeof proc.szLong, "answer %d", id);
-        proc.nArrayCount = static_cast<int>(counts.size());
-        std::vector<std::vector<char>> arrays(5);
-        for (std::size_t j = 0; j < counts.size(); ++j) {
-            const std::string& name = shape.kind == "switched" ? shape.layouts[counts[0] < 2 ? 0 : 1] : shape.layouts[j];
-            proc.nRecCount[j] = counts[j];
-            proc.nRecSize[j] = c.At(name).size;
-            arrays[j] = Records(c.At(name), counts[j], rng);
-        }
+void Answer(int id, Coding coding, std::vector<Case>& out) {
+    const bool fast = coding == Coding::kFast;
+    for (auto& s : catalogue_model::SampleAnswers(id, coding)) {
         Case k;
-        k.name = "ans_" + std::to_string(id) + (fast ? "_fast" : "_2008");
-        if (shape.kind == "switched") k.name += "_n" + std::to_string(counts[0]);
-        k.input.assign(reinterpret_cast<const char*>(&proc), reinterpret_cast<const char*>(&proc) + sizeof proc);
-        for (const auto& a : arrays) k.input.insert(k.input.end(), a.begin(), a.end());
+        k.name = "ans_" + std::to_string(id) + (fast ? "_fast" : "_2008") + s.variant;
+        k.input.assign(reinterpret_cast<const char*>(&s.proc), reinterpret_cast<const char*>(&s.proc) + sizeof s.proc);
+        for (const auto& a : s.arrays) k.input.insert(k.input.end(), a.begin(), a.end());
         std::vector<char> wire(1 << 20, 0);
         int len = 0;
-        CTrdCompData::PackAns2008(wire.data(), static_cast<int>(wire.size()), len, &proc, arrays[0].data(), arrays[1].data(),
-                                  arrays[2].data(), arrays[3].data(), arrays[4].data(), 0, fast ? 0x10 : 0);
+        CTrdCompData::PackAns2008(wire.data(), static_cast<int>(wire.size()), len, &s.proc, s.arrays[0].data(),
+                                  s.arrays[1].data(), s.arrays[2].data(), s.arrays[3].data(), s.arrays[4].data(), 0,
+                                  fast ? 0x10 : 0);
         k.wire.assign(wire.begin(), wire.begin() + len);
         char* restored = nullptr;
         int restoredLen = 0;
@@ -136,10 +77,10 @@ void Answer(int id, bool fast, std::vector<Case>& out) {
 
 std::vector<Case> BuildCorpus() {
     std::vector<Case> cases;
-    for (int id : AllIds())
-        for (bool fast : {false, true}) {
-            Request(id, fast, cases);
-            Answer(id, fast, cases);
+    for (int id : catalogue_model::RoutedIds())
+        for (Coding coding : {Coding::k2008, Coding::kFast}) {
+            Request(id, coding, cases);
+            Answer(id, coding, cases);
         }
     return cases;
 }

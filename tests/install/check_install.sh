@@ -18,6 +18,19 @@ for h in "$prefix"/include/trdcomp/*.h; do
   "$CXX" -std=c++11 -Wall -Wextra -Werror -pedantic -fsyntax-only -I"$prefix/include" "$work/one.cpp"
 done
 
+echo "-- the modern header as C++17, and its example linked against the installed library"
+echo "#include <trdcomp/trdcomp.hpp>" > "$work/modern.cpp"
+"$CXX" -std=c++17 -Wall -Wextra -Werror -pedantic -fsyntax-only -I"$prefix/include" "$work/modern.cpp"
+libdir_of_lib=$(dirname "$(find "$prefix" -name 'libtrdcomp.so' | head -n 1)")
+"$CXX" -std=c++17 -Wall -Wextra -Werror -I"$prefix/include" "$consumer_src/../../../examples/modern.cpp" \
+  -L"$libdir_of_lib" -Wl,-rpath,"$libdir_of_lib" -ltrdcomp -lKXPfdk -o "$work/modern"
+"$work/modern" >/dev/null
+
+if [ -x "$prefix/bin/trdcomp" ]; then
+  echo "-- the installed tool"
+  "$prefix/bin/trdcomp" demo --quiet | tail -n 1
+fi
+
 echo "-- find_package(TrdComp)"
 cmake -S "$consumer_src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$work/cmake-build" >/dev/null

@@ -1,4 +1,4 @@
-#include "support/CatalogueModel.h"
+#include "model/CatalogueModel.h"
 
 #include <cmath>
 #include <cstring>

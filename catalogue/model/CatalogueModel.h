@@ -1,7 +1,7 @@
-// The catalogue as plain run-time data for the tests (read from the same
-// .def files the library is generated from), a generator of realistic
-// records, and the model of what each coding gives back: the documented
-// losses only, not a second codec.
+// The catalogue as plain run-time data (read from the same .def files the
+// library is generated from) for the tools and the tests: a generator of
+// realistic records, and the model of what each coding gives back: the
+// documented losses only, not a second codec.
 #pragma once
 
 #include <cstdint>

@@ -1,0 +1,363 @@
+// trdcomp: the modern interface (C++17 or later) beside CTrdCompData.
+//
+// Every function here calls the classic members; nothing is coded twice.
+// What this layer adds is what callers of the classic interface write by
+// hand: packing into a buffer of known capacity (an error instead of an
+// overrun), an upper bound of a message's packed size, a restored message
+// that owns its buffer and releases it through ReleaseAnsData, and typed,
+// bounds-checked access to the restored head and records.
+//
+//     trdcomp::Coding coding = trdcomp::Coding::Fast();
+//     trdcomp::span<const tagREQ_1002> records(orders, n);
+//     std::vector<char> wire(trdcomp::RequestSizeBound(head, records, coding));
+//     trdcomp::PackResult packed = trdcomp::PackRequest(wire, head, records, coding);
+//     trdcomp::Restored back = trdcomp::RestoreRequest({wire.data(), packed.size});
+//     for (const tagREQ_1002& r : back.Records<tagREQ_1002>()) use(r);
+#ifndef TRDCOMP_TRDCOMP_HPP
+#define TRDCOMP_TRDCOMP_HPP
+
+#if (defined(_MSVC_LANG) ? _MSVC_LANG : __cplusplus) < 201703L
+#error "trdcomp.hpp needs C++17 or later; TrdCompData.h serves C++11 callers"
+#endif
+
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <new>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#if __has_include(<span>)
+#include <span>
+#endif
+
+#include "TrdCompData.h"
+#include "TrdCompRecords.h"
+
+namespace trdcomp {
+
+#if defined(__cpp_lib_span)
+template <class T>
+using span = std::span<T>;
+#else
+// A view of contiguous elements, for C++17 callers (std::span from C++20 on).
+template <class T>
+class span {
+public:
+    constexpr span() noexcept = default;
+    constexpr span(T* data, std::size_t size) noexcept : data_(data), size_(size) {}
+    template <std::size_t N>
+    constexpr span(T (&a)[N]) noexcept : data_(a), size_(N) {}
+    template <class C, class = decltype(std::declval<C&>().data()), class = decltype(std::declval<C&>().size())>
+    constexpr span(C& c) noexcept : data_(c.data()), size_(c.size()) {}
+    template <class U, class = std::enable_if_t<std::is_convertible_v<U (*)[], T (*)[]>>>
+    constexpr span(const span<U>& s) noexcept : data_(s.data()), size_(s.size()) {}
+    constexpr T* data() const noexcept { return data_; }
+    constexpr std::size_t size() const noexcept { return size_; }
+    constexpr bool empty() const noexcept { return size_ == 0; }
+    constexpr T* begin() const noexcept { return data_; }
+    constexpr T* end() const noexcept { return data_ + size_; }
+    constexpr T& operator[](std::size_t i) const noexcept { return data_[i]; }
+
+private:
+    T* data_ = nullptr;
+    std::size_t size_ = 0;
+};
+#endif
+
+enum class Errc {
+    ok = 0,
+    null_argument,     // a required buffer or description is missing
+    buffer_too_small,  // the packed message needs more room; PackResult::needed says how much
+    refused,           // the library refused the message (see docs/hostile-input.md)
+    too_large,         // a length that the classic interface cannot represent (int)
+    out_of_memory,     // an allocation failed
+};
+
+inline const char* Message(Errc e) noexcept {
+    switch (e) {
+        case Errc::ok: return "ok";
+        case Errc::null_argument: return "a required buffer or description is missing";
+        case Errc::buffer_too_small: return "the output buffer is too small for the packed message";
+        case Errc::refused: return "the library refused the message";
+        case Errc::too_large: return "a length does not fit the classic interface's int";
+        case Errc::out_of_memory: return "an allocation failed";
+    }
+    return "unknown error";
+}
+
+// The coding of a message: the 2008 coding with its flag, or the Fast coding
+// with a version from 1 to 15.
+struct Coding {
+    int fastVersion = 0;  // 0: the 2008 coding
+    char flag = 0;        // handed to the 2008 codecs
+
+    static constexpr Coding C2008(char flag = 0) noexcept { return Coding{0, flag}; }
+    static constexpr Coding Fast(int version = 1) noexcept { return Coding{version & 0xF ? version & 0xF : 1, 0}; }
+    constexpr bool IsFast() const noexcept { return fastVersion != 0; }
+};
+
+struct PackResult {
+    std::size_t size = 0;    // bytes written, on success
+    Errc error = Errc::ok;
+    std::size_t needed = 0;  // with buffer_too_small: the exact packed length
+    explicit operator bool() const noexcept { return error == Errc::ok; }
+};
+
+// One record array of an answer: `count` records of `size` bytes at `data`.
+struct Array {
+    const char* data = nullptr;
+    std::int32_t count = 0;
+    std::int32_t size = 0;
+
+    Array() = default;
+    Array(const void* d, std::int32_t n, std::int32_t s) noexcept : data(static_cast<const char*>(d)), count(n), size(s) {}
+    template <class R>
+    Array(span<const R> records) noexcept  // NOLINT: an array of typed records converts implicitly
+        : data(reinterpret_cast<const char*>(records.data())),
+          count(records.size() > INT_MAX ? INT_MAX : static_cast<std::int32_t>(records.size())),
+          size(static_cast<std::int32_t>(sizeof(R))) {}
+};
+
+// Upper bounds of the packed size, computed from the catalogue's largest
+// coded record of each layout: never below what PackRequest / PackAnswer
+// write for the same arguments.
+TRDCOMP_API std::uint64_t RequestSizeBound(const tagREQ_HEAD& head, std::size_t dataLen, Coding coding) noexcept;
+TRDCOMP_API std::uint64_t AnswerSizeBound(const tagANS_Proc& proc, Coding coding) noexcept;
+
+// The bound of a request of typed records (count and size from `records`).
+template <class R>
+std::uint64_t RequestSizeBound(tagREQ_HEAD head, span<const R> records, Coding coding) noexcept {
+    head.nRecCount = records.size() > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(records.size());
+    head.nRecSize = static_cast<int>(sizeof(R));
+    return RequestSizeBound(head, records.size() * sizeof(R), coding);
+}
+
+namespace detail {
+
+struct Scratch {
+    char* p = nullptr;
+    explicit Scratch(std::uint64_t n) noexcept : p(n <= static_cast<std::uint64_t>(INT_MAX) ? new (std::nothrow) char[n] : nullptr) {}
+    ~Scratch() { delete[] p; }
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+};
+
+inline int Capacity(std::size_t n) noexcept { return n > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(n); }
+
+}  // namespace detail
+
+// Packs a request into `out`: the head as given (its coding bits replaced by
+// `coding`), then `data`. Never writes past out.size().
+inline PackResult PackRequest(span<char> out, tagREQ_HEAD head, span<const char> data, Coding coding) noexcept {
+    if (out.data() == nullptr) return {0, Errc::null_argument, 0};
+    if (data.size() > static_cast<std::size_t>(INT_MAX)) return {0, Errc::too_large, 0};
+    head.nFlags = (head.nFlags & ~TRDCOMP_FLAG_FAST_MASK) | ((coding.fastVersion & 0xF) << TRDCOMP_FLAG_FAST_SHIFT);
+    const std::uint64_t bound = RequestSizeBound(head, data.size(), coding);
+    char* const records = const_cast<char*>(data.data());
+    const int dataLen = static_cast<int>(data.size());
+    int len = 0;
+    if (bound <= out.size()) {
+        CTrdCompData::PackReq2008(out.data(), len, &head, records, dataLen, coding.flag);
+        return {static_cast<std::size_t>(len), Errc::ok, 0};
+    }
+    // The classic packer has no capacity: pack into a block of the bound and
+    // copy what fits.
+    if (bound > static_cast<std::uint64_t>(INT_MAX)) return {0, Errc::too_large, 0};
+    detail::Scratch scratch(bound);
+    if (scratch.p == nullptr) return {0, Errc::out_of_memory, 0};
+    CTrdCompData::PackReq2008(scratch.p, len, &head, records, dataLen, coding.flag);
+    if (static_cast<std::size_t>(len) > out.size()) return {0, Errc::buffer_too_small, static_cast<std::size_t>(len)};
+    std::memcpy(out.data(), scratch.p, static_cast<std::size_t>(len));
+    return {static_cast<std::size_t>(len), Errc::ok, 0};
+}
+
+// Typed records: the head's count and record size are taken from `records`.
+template <class R>
+PackResult PackRequest(span<char> out, tagREQ_HEAD head, span<const R> records, Coding coding) noexcept {
+    static_assert(std::is_trivially_copyable_v<R>, "records are packed structs");
+    if (records.size() > static_cast<std::size_t>(INT_MAX) / sizeof(R)) return {0, Errc::too_large, 0};
+    head.nRecCount = static_cast<int>(records.size());
+    head.nRecSize = static_cast<int>(sizeof(R));
+    return PackRequest(out, head, span<const char>(reinterpret_cast<const char*>(records.data()), records.size() * sizeof(R)),
+                       coding);
+}
+
+// Packs an answer of up to five record arrays described by `proc` (its
+// array table is filled from `arrays`). Never writes past out.size().
+inline PackResult PackAnswer(span<char> out, tagANS_Proc proc, std::initializer_list<Array> arrays, Coding coding) noexcept {
+    if (out.data() == nullptr) return {0, Errc::null_argument, 0};
+    if (arrays.size() > 5) return {0, Errc::too_large, 0};
+    char* a[5] = {};
+    proc.nArrayCount = static_cast<int>(arrays.size());
+    int j = 0;
+    for (const Array& x : arrays) {
+        a[j] = const_cast<char*>(x.data);
+        proc.nRecCount[j] = x.count;
+        proc.nRecSize[j] = x.size;
+        ++j;
+    }
+    const int codingWord = (coding.fastVersion & 0xF) << TRDCOMP_FLAG_FAST_SHIFT;
+    const std::uint64_t bound = AnswerSizeBound(proc, coding);
+    auto pack = [&](char* dst, int cap) {
+        std::memset(dst, 0, 20);  // the flags word is or-ed into; bytes 12..19 are not written
+        int len = 0;
+        CTrdCompData::PackAns2008(dst, cap, len, &proc, a[0], a[1], a[2], a[3], a[4], coding.flag, codingWord);
+        return len;
+    };
+    if (out.size() < static_cast<std::size_t>(TRDCOMP_ANS_HEAD_LEN)) return {0, Errc::buffer_too_small, TRDCOMP_ANS_HEAD_LEN};
+    const int len = pack(out.data(), detail::Capacity(out.size()));
+    if (len > 0) return {static_cast<std::size_t>(len), Errc::ok, 0};
+    if (bound <= out.size() || bound > static_cast<std::uint64_t>(INT_MAX)) return {0, Errc::refused, 0};
+    // Refused within the caller's capacity: find out whether more room helps.
+    detail::Scratch scratch(bound);
+    if (scratch.p == nullptr) return {0, Errc::out_of_memory, 0};
+    const int needed = pack(scratch.p, static_cast<int>(bound));
+    if (needed > 0) return {0, Errc::buffer_too_small, static_cast<std::size_t>(needed)};
+    return {0, Errc::refused, 0};
+}
+
+// A restored request or answer. Owns the buffer the library allocated and
+// releases it with CTrdCompData::ReleaseAnsData. Move-only.
+class Restored {
+public:
+    // One record array of the restored message.
+    struct Section {
+        std::int32_t count = 0;  // as the message states it (0 or less: none)
+        std::int32_t size = 0;   // bytes per record
+        const char* data = nullptr;
+    };
+
+    Restored() = default;
+    Restored(Restored&& o) noexcept : p_(std::exchange(o.p_, nullptr)), len_(o.len_), request_(o.request_), error_(o.error_) {}
+    Restored& operator=(Restored&& o) noexcept {
+        if (this != &o) {
+            CTrdCompData::ReleaseAnsData(p_);
+            p_ = std::exchange(o.p_, nullptr);
+            len_ = o.len_;
+            request_ = o.request_;
+            error_ = o.error_;
+        }
+        return *this;
+    }
+    Restored(const Restored&) = delete;
+    Restored& operator=(const Restored&) = delete;
+    ~Restored() { CTrdCompData::ReleaseAnsData(p_); }
+
+    explicit operator bool() const noexcept { return error_ == Errc::ok; }
+    Errc Error() const noexcept { return error_; }
+    bool IsRequest() const noexcept { return request_; }
+
+    // The restored bytes (outLen of the classic restore). Empty for an id
+    // whose restore keeps nothing.
+    const char* Data() const noexcept { return p_; }
+    std::size_t Size() const noexcept { return p_ ? static_cast<std::size_t>(len_) : 0; }
+    span<const char> Bytes() const noexcept { return span<const char>(p_, Size()); }
+
+    const tagREQ_HEAD* RequestHead() const noexcept {
+        return request_ && Size() >= sizeof(tagREQ_HEAD) ? reinterpret_cast<const tagREQ_HEAD*>(p_) : nullptr;
+    }
+    const tagANS_HEAD* AnswerHead() const noexcept {
+        return !request_ && Size() >= sizeof(tagANS_HEAD) ? reinterpret_cast<const tagANS_HEAD*>(p_) : nullptr;
+    }
+
+    // Number of record arrays: 1 for a request, the section table's entries
+    // (at most five) or 1 for an answer, 0 when nothing was restored.
+    int Sections() const noexcept {
+        if (request_) return RequestHead() ? 1 : 0;
+        if (!AnswerHead()) return 0;
+        if (!(AnswerHead()->nFlags & TRDCOMP_FLAG_SECTIONS)) return 1;
+        if (Size() < TRDCOMP_ANS_HEAD_LEN + 4u) return 0;
+        const std::int32_t table = Word(TRDCOMP_ANS_HEAD_LEN);
+        if (table < 4 || static_cast<std::size_t>(table) > Size() - TRDCOMP_ANS_HEAD_LEN) return 0;
+        const int n = (table - 4) / 8;
+        return n < 5 ? n : 5;
+    }
+
+    // Section j, with its records checked to lie inside the restored bytes;
+    // an empty section (count 0, data null) otherwise.
+    Section GetSection(int j) const noexcept {
+        if (j < 0 || j >= Sections()) return {};
+        std::int64_t at = 0;
+        Section s;
+        if (request_) {
+            s = {RequestHead()->nRecCount, RequestHead()->nRecSize, nullptr};
+            at = TRDCOMP_REQ_HEAD_LEN;
+        } else if (!(AnswerHead()->nFlags & TRDCOMP_FLAG_SECTIONS)) {
+            s = {AnswerHead()->nRecCount, AnswerHead()->nRecSize, nullptr};
+            at = TRDCOMP_ANS_HEAD_LEN;
+        } else {
+            at = TRDCOMP_ANS_HEAD_LEN + static_cast<std::int64_t>(Word(TRDCOMP_ANS_HEAD_LEN));
+            for (int i = 0; i < j; ++i) at += Records(i);
+            s = {Word(TRDCOMP_ANS_HEAD_LEN + 4 + 8 * j), Word(TRDCOMP_ANS_HEAD_LEN + 8 + 8 * j), nullptr};
+        }
+        const std::int64_t bytes = static_cast<std::int64_t>(s.count > 0 ? s.count : 0) * (s.size > 0 ? s.size : 0);
+        if (s.size < 0 || at < 0 || at > static_cast<std::int64_t>(Size()) || bytes > static_cast<std::int64_t>(Size()) - at)
+            return {};
+        s.data = p_ + at;
+        return s;
+    }
+
+    // The records of section j as R, or an empty span when R is not the
+    // section's record size.
+    template <class R>
+    span<const R> Records(int j = 0) const noexcept {
+        static_assert(std::is_trivially_copyable_v<R> && alignof(R) == 1, "records are packed structs");
+        const Section s = GetSection(j);
+        if (s.data == nullptr || s.size != static_cast<std::int32_t>(sizeof(R)) || s.count <= 0) return {};
+        return span<const R>(reinterpret_cast<const R*>(s.data), static_cast<std::size_t>(s.count));
+    }
+
+private:
+    friend Restored RestoreRequest(span<const char>, char) noexcept;
+    friend Restored RestoreAnswer(span<const char>, char) noexcept;
+
+    std::int32_t Word(std::size_t off) const noexcept {
+        std::int32_t v = 0;
+        if (off + 4 <= Size()) std::memcpy(&v, p_ + off, 4);
+        return v;
+    }
+    std::int64_t Records(int j) const noexcept {
+        const std::int64_t n = Word(TRDCOMP_ANS_HEAD_LEN + 4 + 8 * static_cast<std::size_t>(j));
+        const std::int64_t s = Word(TRDCOMP_ANS_HEAD_LEN + 8 + 8 * static_cast<std::size_t>(j));
+        return n > 0 && s > 0 ? n * s : 0;
+    }
+
+    char* p_ = nullptr;
+    int len_ = 0;
+    bool request_ = false;
+    Errc error_ = Errc::refused;
+};
+
+// Restores received bytes; the result tells refusal apart from success.
+inline Restored RestoreRequest(span<const char> in, char flag = 0) noexcept {
+    Restored r;
+    r.request_ = true;
+    if (in.data() == nullptr || in.size() > static_cast<std::size_t>(INT_MAX)) {
+        r.error_ = in.data() == nullptr ? Errc::null_argument : Errc::too_large;
+        return r;
+    }
+    const int rc = CTrdCompData::RestoreReq2008(const_cast<char*>(in.data()), static_cast<int>(in.size()), &r.p_, r.len_, flag);
+    // The raw path reports success with no buffer when its allocation failed.
+    r.error_ = rc != 1 ? Errc::refused : (r.p_ == nullptr && r.len_ > 0 ? Errc::out_of_memory : Errc::ok);
+    return r;
+}
+
+inline Restored RestoreAnswer(span<const char> in, char flag = 0) noexcept {
+    Restored r;
+    r.request_ = false;
+    if (in.data() == nullptr || in.size() > static_cast<std::size_t>(INT_MAX)) {
+        r.error_ = in.data() == nullptr ? Errc::null_argument : Errc::too_large;
+        return r;
+    }
+    const int rc = CTrdCompData::RestoreAns2008(const_cast<char*>(in.data()), static_cast<int>(in.size()), &r.p_, r.len_, flag);
+    r.error_ = rc == 1 ? Errc::ok : Errc::refused;
+    return r;
+}
+
+}  // namespace trdcomp
+
+#endif

@@ -1,0 +1,79 @@
+// Upper bounds of a packed message's size, for the modern interface: the
+// framing of each coding around the largest coded record of each array
+// (from the catalogue), or the raw bytes where the records travel raw.
+#include <algorithm>
+#include <cstdint>
+
+#include "Routing.h"
+#include "trdcomp/trdcomp.hpp"
+
+namespace trdcomp {
+
+namespace {
+
+using detail::Cell;
+
+std::uint64_t Positive(std::int64_t v) { return v > 0 ? static_cast<std::uint64_t>(v) : 0; }
+
+// Records a packer codes from an array that states `count`: the Fast
+// framing counts in 16 bits.
+std::uint64_t CodedRecords(std::int32_t count, bool fast) {
+    return fast ? static_cast<std::uint16_t>(count) : Positive(count);
+}
+
+}  // namespace
+
+std::uint64_t RequestSizeBound(const tagREQ_HEAD& head, std::size_t dataLen, Coding coding) noexcept {
+    const bool fast = coding.fastVersion != 0;
+    const auto& routes = detail::FindReqRoutes(head.nFuncId);
+    const Cell cell = fast ? routes.packFast.cell : routes.pack2008.cell;
+    const std::uint64_t headOnly = TRDCOMP_REQ_HEAD_LEN;
+    // A codec sends fewer bytes than one record raw, so its bound covers both.
+    const std::uint64_t raw = headOnly + dataLen;
+    switch (cell) {
+        case Cell::NoRecords:
+        case Cell::HeadOnly:
+        case Cell::Nothing:
+            return headOnly;
+        case Cell::Raw:
+            return raw;
+        case Cell::Codec:
+            break;
+    }
+    const auto& bounds = detail::FindBounds(detail::kReqBoundTable, head.nFuncId);
+    const std::uint64_t record = fast ? bounds.packFast[0] + 2u : bounds.pack2008[0] + 4u;
+    const std::uint64_t coded = headOnly + (fast ? 2 : 0) + CodedRecords(head.nRecCount, fast) * record;
+    return std::max(raw, coded);
+}
+
+std::uint64_t AnswerSizeBound(const tagANS_Proc& proc, Coding coding) noexcept {
+    const bool fast = coding.fastVersion != 0;
+    const std::int32_t n = proc.nArrayCount;
+    const std::uint64_t table = n > 1 && !fast ? 8 * static_cast<std::uint64_t>(n) + 4 : 0;
+    const std::uint64_t head = TRDCOMP_ANS_HEAD_LEN + table;
+    const auto& routes = detail::FindAnsRoutes(proc.nFuncId);
+    switch (fast ? routes.packFast.cell : routes.pack2008.cell) {
+        case Cell::NoRecords:
+        case Cell::HeadOnly:
+        case Cell::Nothing:
+            return head;
+        case Cell::Raw: {
+            std::uint64_t bytes = head;
+            for (int i = 0; i < std::min(n, 5); ++i)
+                bytes += Positive(static_cast<std::int64_t>(proc.nRecCount[i]) * proc.nRecSize[i]);
+            return bytes;
+        }
+        case Cell::Codec:
+            break;
+    }
+    const auto& bounds = detail::FindBounds(detail::kAnsBoundTable, proc.nFuncId);
+    const int arrays = fast ? bounds.arraysFast : bounds.arrays2008;
+    std::uint64_t bytes = head + (fast ? 2 * static_cast<std::uint64_t>(arrays) : 0);
+    for (int j = 0; j < arrays; ++j) {
+        const std::uint64_t record = fast ? bounds.packFast[j] + 2u : bounds.pack2008[j] + 4u;
+        bytes += CodedRecords(proc.nRecCount[j], fast) * record;
+    }
+    return bytes;
+}
+
+}  // namespace trdcomp

@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# The trdcomp command line: help on every subcommand, exit codes, errors that
+# say what was wrong, and decode --json | encode reproducing golden messages.
+set -uo pipefail
+tool=$1 corpus=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+failures=0
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+
+for sub in "" demo decode encode catalogue; do
+  # shellcheck disable=SC2086
+  "$tool" $sub --help > "$work/help" 2>&1 || fail "trdcomp $sub --help exits non-zero"
+  grep -q "Usage" "$work/help" || fail "trdcomp $sub --help prints no usage"
+done
+
+"$tool" > /dev/null 2>&1 && fail "no subcommand should exit non-zero"
+"$tool" decode "$work/missing" 2> "$work/err" && fail "a missing file should exit non-zero"
+grep -q "cannot open" "$work/err" || fail "missing file: $(cat "$work/err")"
+printf 'not a message' > "$work/bad"
+"$tool" decode "$work/bad" 2> "$work/err" && fail "garbage should exit non-zero"
+grep -q "head word 0" "$work/err" || fail "garbage: $(cat "$work/err")"
+head -c 100 "$corpus/ans_1110_2008.wire" > "$work/cut"
+"$tool" decode "$work/cut" 2> "$work/err" && fail "a cut message should exit non-zero"
+grep -q "refused" "$work/err" || fail "cut message: $(cat "$work/err")"
+echo '{"direction": "request"}' | "$tool" encode --id 1002 --coding fast:16 --out "$work/x" 2> "$work/err" && fail "coding fast:16 accepted"
+grep -q "fast:V with V from 1 to 15" "$work/err" || fail "bad coding: $(cat "$work/err")"
+
+# decode | encode, both through the command line, binary and hex input.
+for name in req_1002_2008 ans_1002_2008 ans_1110_2008 ans_1003_fast ans_1053_fast; do
+  [ -f "$corpus/$name.wire" ] || { fail "no golden $name"; continue; }
+  "$tool" decode --json "$corpus/$name.wire" | "$tool" encode --out "$work/$name.bin" || fail "$name: pipe failed"
+  cmp -s "$work/$name.bin" "$corpus/$name.wire" || fail "$name: decode --json | encode differs"
+  xxd -p "$corpus/$name.wire" | "$tool" decode --hex - > "$work/$name.txt" || fail "$name: --hex input failed"
+  grep -q "^section 1\|keeps no records" "$work/$name.txt" || fail "$name: no section printed"
+done
+"$tool" catalogue 1110 | grep -q "ANS_1110, 193 bytes" || fail "catalogue 1110 shows no layout"
+
+echo "$failures failures"
+[ "$failures" -eq 0 ]

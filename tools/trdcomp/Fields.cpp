@@ -1,0 +1,287 @@
+#include "Fields.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+
+namespace tool {
+
+namespace {
+
+bool Printable(char c) { return c >= 0x20 && c < 0x7F; }
+
+template <class T>
+T Load(const char* p) {
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+template <class T>
+void Store(char* p, T v) {
+    std::memcpy(p, &v, sizeof v);
+}
+
+std::string Shortest(double v) {
+    char buf[64];
+    const auto r = std::to_chars(buf, buf + sizeof buf, v);
+    return std::string(buf, r.ptr);
+}
+
+// Hex of a block without its trailing zero bytes (they come back as zeros).
+std::string TrimmedHex(const char* p, int width) {
+    int n = width;
+    while (n > 0 && p[n - 1] == 0) --n;
+    return Hex(p, static_cast<std::size_t>(n));
+}
+
+std::string Quoted(const char* p, int width) {
+    const std::size_t n = ::strnlen(p, static_cast<std::size_t>(width));
+    bool plain = true;
+    for (std::size_t i = 0; i < n; ++i) plain &= Printable(p[i]);
+    for (std::size_t i = n; i < static_cast<std::size_t>(width); ++i) plain &= p[i] == 0;
+    std::string q;
+    if (plain) {
+        q.push_back('"');
+        q.append(p, n);
+        q.push_back('"');
+    } else {
+        q = "hex ";
+        q += TrimmedHex(p, width);
+    }
+    return q;
+}
+
+std::string Abbreviated(const std::string& hex) {
+    if (hex.empty()) return "(zeros)";
+    if (hex.size() <= 64) return hex;
+    return hex.substr(0, 64) + "... (" + std::to_string(hex.size() / 2) + " bytes before the trailing zeros)";
+}
+
+// A field's JSON key: "f" and its offset, as in the generated record types.
+std::string Key(const Field& f) {
+    std::string k = "f";
+    k += std::to_string(f.offset);
+    return k;
+}
+
+std::string Where(const Field& f) { return "field f" + std::to_string(f.offset) + " (" + f.kind + ", " + std::to_string(f.width) + " bytes)"; }
+
+void HexInto(const Json& v, char* p, int width, const std::string& what) {
+    std::vector<char> bytes;
+    if (!v.is_string() || !ParseHex(v.get<std::string>(), bytes))
+        throw std::runtime_error(what + ": expected a string of hex digits");
+    if (bytes.size() > static_cast<std::size_t>(width))
+        throw std::runtime_error(what + ": " + std::to_string(bytes.size()) + " bytes do not fit in " + std::to_string(width));
+    std::memcpy(p, bytes.data(), bytes.size());
+}
+
+template <class T>
+T Integer(const Json& v, const std::string& what) {
+    if (!v.is_number_integer()) throw std::runtime_error(what + ": expected an integer");
+    if (v.is_number_unsigned()) {
+        const auto u = v.get<std::uint64_t>();
+        if (u > static_cast<std::uint64_t>(std::numeric_limits<T>::max()))
+            throw std::runtime_error(what + ": " + std::to_string(u) + " is out of range");
+        return static_cast<T>(u);
+    }
+    const auto s = v.get<std::int64_t>();
+    if (s < std::numeric_limits<T>::min() || s > std::numeric_limits<T>::max())
+        throw std::runtime_error(what + ": " + std::to_string(s) + " is out of range");
+    return static_cast<T>(s);
+}
+
+// The double a sender packs so that the coding restores `restored`. The
+// Fast coding sends trunc(v * 1000 + 0.00005) and the 2008 coding
+// trunc((v + 0.00005) * 10000), both truncating toward zero with the half
+// unit added whatever the sign: a restored negative value packed as it
+// stands would come back one unit nearer zero. The result lies in the
+// middle of the interval of doubles that code to the restored unit.
+double SenderDouble(double restored, bool fast) {
+    const double scale = fast ? 1000.0 : 10000.0;
+    const double units = restored * scale;
+    if (!std::isfinite(units) || std::fabs(units) > 4.0e18) return restored;
+    const double n = static_cast<double>(std::llround(units));
+    if (fast) return (n < 0 ? n - 0.5 : n + 0.5) / scale;
+    return (n < 0 ? n - 1.0 : n) / scale;
+}
+
+void AddRows(const Layout& l, const char* rec, int base, const std::string& prefix, std::vector<Row>& rows) {
+    for (const Field& f : l.fields) {
+        const char* p = rec + f.offset;
+        Row r{base + f.offset, prefix + f.kind, f.width, ""};
+        if (f.kind == "char") {
+            const unsigned char c = static_cast<unsigned char>(*p);
+            r.value = std::to_string(c);
+            if (Printable(*p)) {
+                std::string quoted = "'";
+                quoted += *p;
+                quoted += "' (";
+                r.value = quoted + r.value + ")";
+            }
+        } else if (f.kind == "text" || f.kind == "ascii") {
+            r.value = Quoted(p, f.width);
+        } else if (f.kind == "bytes" || f.kind == "uncoded") {
+            r.value = Abbreviated(TrimmedHex(p, f.width));
+        } else if (f.kind == "int32") {
+            r.value = std::to_string(Load<std::int32_t>(p));
+        } else if (f.kind == "int64") {
+            r.value = std::to_string(Load<std::int64_t>(p));
+        } else if (f.kind == "double") {
+            r.value = Shortest(Load<double>(p));
+        } else if (f.kind == "sized") {
+            r.width = f.width + 4;
+            r.value = "length " + std::to_string(Load<std::int32_t>(p + f.width)) + ", " + Abbreviated(TrimmedHex(p, f.width));
+        } else if (f.kind == "array") {
+            const Layout& e = catalogue_model::Get().At(f.entry);
+            r.value = std::to_string(f.entries) + " entries of " + e.name;
+            rows.push_back(r);
+            for (int k = 0; k < f.entries; ++k)
+                AddRows(e, p + k * e.size, base + f.offset + k * e.size, prefix + "[" + std::to_string(k) + "] ", rows);
+            continue;
+        }
+        rows.push_back(r);
+    }
+}
+
+}  // namespace
+
+std::string Hex(const char* p, std::size_t n) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string s(2 * n, '0');
+    for (std::size_t i = 0; i < n; ++i) {
+        s[2 * i] = kDigits[static_cast<unsigned char>(p[i]) >> 4];
+        s[2 * i + 1] = kDigits[static_cast<unsigned char>(p[i]) & 15];
+    }
+    return s;
+}
+
+bool ParseHex(const std::string& text, std::vector<char>& out) {
+    out.clear();
+    int half = -1;
+    for (char c : text) {
+        if (c == ' ' || c == '\n' || c == '\r' || c == '\t') {
+            if (half >= 0) return false;  // a byte split by white space
+            continue;
+        }
+        int v;
+        if (c >= '0' && c <= '9') v = c - '0';
+        else if (c >= 'a' && c <= 'f') v = c - 'a' + 10;
+        else if (c >= 'A' && c <= 'F') v = c - 'A' + 10;
+        else return false;
+        if (half < 0) {
+            half = v;
+        } else {
+            out.push_back(static_cast<char>(half << 4 | v));
+            half = -1;
+        }
+    }
+    return half < 0;
+}
+
+Json TextJson(const char* p, int width) {
+    const std::size_t n = ::strnlen(p, static_cast<std::size_t>(width));
+    bool plain = true;
+    for (std::size_t i = 0; i < n; ++i) plain &= Printable(p[i]);
+    for (std::size_t i = n; i < static_cast<std::size_t>(width); ++i) plain &= p[i] == 0;
+    if (plain) return std::string(p, n);
+    return Json{{"hex", TrimmedHex(p, width)}};
+}
+
+void TextFromJson(const Json& v, char* p, int width, const std::string& what) {
+    if (v.is_object() && v.contains("hex")) return HexInto(v.at("hex"), p, width, what);
+    if (!v.is_string()) throw std::runtime_error(what + ": expected a string or {\"hex\": ...}");
+    const std::string s = v.get<std::string>();
+    if (s.size() > static_cast<std::size_t>(width))
+        throw std::runtime_error(what + ": a text of " + std::to_string(s.size()) + " bytes does not fit in " +
+                                 std::to_string(width));
+    std::memcpy(p, s.data(), s.size());
+}
+
+std::vector<Row> RecordRows(const Layout& l, const char* rec) {
+    std::vector<Row> rows;
+    AddRows(l, rec, 0, "", rows);
+    return rows;
+}
+
+Json RecordJson(const Layout& l, const char* rec) {
+    Json j = Json::object();
+    for (const Field& f : l.fields) {
+        const char* p = rec + f.offset;
+        const std::string key = Key(f);
+        if (f.kind == "char") {
+            j[key] = Printable(*p) ? Json(std::string(1, *p)) : Json(static_cast<unsigned char>(*p));
+        } else if (f.kind == "text" || f.kind == "ascii") {
+            j[key] = TextJson(p, f.width);
+        } else if (f.kind == "bytes" || f.kind == "uncoded") {
+            j[key] = TrimmedHex(p, f.width);
+        } else if (f.kind == "int32") {
+            j[key] = Load<std::int32_t>(p);
+        } else if (f.kind == "int64") {
+            j[key] = Load<std::int64_t>(p);
+        } else if (f.kind == "double") {
+            const double v = Load<double>(p);
+            j[key] = std::isfinite(v) ? Json(v) : Json{{"hex", Hex(p, 8)}};
+        } else if (f.kind == "sized") {
+            j[key] = Json{{"length", Load<std::int32_t>(p + f.width)}, {"hex", TrimmedHex(p, f.width)}};
+        } else if (f.kind == "array") {
+            const Layout& e = catalogue_model::Get().At(f.entry);
+            Json entries = Json::array();
+            for (int k = 0; k < f.entries; ++k) entries.push_back(RecordJson(e, p + k * e.size));
+            j[key] = entries;
+        }
+    }
+    return j;
+}
+
+void RecordFromJson(const Layout& l, const Json& j, char* rec, bool fast) {
+    if (!j.is_object()) throw std::runtime_error("a record of " + l.name + " must be a JSON object");
+    for (const auto& [key, v] : j.items()) {
+        const Field* f = nullptr;
+        for (const Field& g : l.fields)
+            if (key == Key(g)) f = &g;
+        if (f == nullptr) throw std::runtime_error("\"" + key + "\" is no field of " + l.name);
+        char* p = rec + f->offset;
+        const std::string what = l.name + " " + Where(*f);
+        if (f->kind == "char") {
+            if (v.is_string()) {
+                const std::string s = v.get<std::string>();
+                if (s.size() > 1) throw std::runtime_error(what + ": a char takes one character or a number 0..255");
+                *p = s.empty() ? 0 : s[0];
+            } else {
+                const auto n = Integer<std::int32_t>(v, what);
+                if (n < -128 || n > 255) throw std::runtime_error(what + ": " + std::to_string(n) + " is out of range");
+                *p = static_cast<char>(n);
+            }
+        } else if (f->kind == "text" || f->kind == "ascii") {
+            TextFromJson(v, p, f->width, what);
+        } else if (f->kind == "bytes" || f->kind == "uncoded") {
+            HexInto(v, p, f->width, what);
+        } else if (f->kind == "int32") {
+            Store(p, Integer<std::int32_t>(v, what));
+        } else if (f->kind == "int64") {
+            Store(p, Integer<std::int64_t>(v, what));
+        } else if (f->kind == "double") {
+            if (v.is_object() && v.contains("hex")) {
+                HexInto(v.at("hex"), p, 8, what);
+            } else {
+                if (!v.is_number()) throw std::runtime_error(what + ": expected a number or {\"hex\": ...}");
+                Store(p, SenderDouble(v.get<double>(), fast));
+            }
+        } else if (f->kind == "sized") {
+            if (!v.is_object() || !v.contains("length")) throw std::runtime_error(what + ": expected {\"length\": N, \"hex\": ...}");
+            Store(p + f->width, Integer<std::int32_t>(v.at("length"), what + " length"));
+            if (v.contains("hex")) HexInto(v.at("hex"), p, f->width, what);
+        } else if (f->kind == "array") {
+            const Layout& e = catalogue_model::Get().At(f->entry);
+            if (!v.is_array() || v.size() > static_cast<std::size_t>(f->entries))
+                throw std::runtime_error(what + ": expected a list of at most " + std::to_string(f->entries) + " entries");
+            for (std::size_t k = 0; k < v.size(); ++k) RecordFromJson(e, v[k], p + k * static_cast<std::size_t>(e.size), fast);
+        }
+    }
+}
+
+}  // namespace tool

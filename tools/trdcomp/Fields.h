@@ -1,0 +1,52 @@
+// Field by field views of records for the trdcomp tool: as rows of a text
+// table and as JSON, and back from JSON into record bytes. The layouts come
+// from the catalogue (offsets, kinds and widths); a record without a layout
+// is one block of bytes.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <vector>
+
+#include "model/CatalogueModel.h"
+
+namespace tool {
+
+using Json = nlohmann::ordered_json;
+using catalogue_model::Field;
+using catalogue_model::Layout;
+
+std::string Hex(const char* p, std::size_t n);
+// Parses hex digits (spaces and newlines between bytes allowed). False on
+// anything else.
+bool ParseHex(const std::string& text, std::vector<char>& out);
+
+// One line of a record's table: its absolute offset, kind, width and value.
+struct Row {
+    int offset;
+    std::string kind;
+    int width;
+    std::string value;
+};
+
+// The rows of a record; counted arrays are expanded entry by entry.
+std::vector<Row> RecordRows(const Layout& l, const char* rec);
+
+// The record as a JSON object keyed "f<offset>", in offset order.
+Json RecordJson(const Layout& l, const char* rec);
+
+// Writes the fields the object names into rec (l.size bytes, zeroed by the
+// caller). Throws std::runtime_error naming the field on a value that does
+// not fit its kind or width, or on a key that is no field of the layout.
+// Doubles are values as a restore in the coding gives them back (`fast`
+// selects the Fast coding's thousandths, else the 2008 coding's ten
+// thousandths): each is written as the double whose coding restores to the
+// nearest such value, so that a decoded message packs to the same bytes.
+void RecordFromJson(const Layout& l, const Json& j, char* rec, bool fast);
+
+// Texts as JSON: a string when printable ASCII padded with zeros, else {"hex"}.
+Json TextJson(const char* p, int width);
+void TextFromJson(const Json& v, char* p, int width, const std::string& what);
+
+}  // namespace tool

@@ -1,0 +1,62 @@
+// trdcomp: look inside, build and check messages of the trdcomp codecs.
+#include <CLI/CLI.hpp>
+
+#include <iostream>
+#include <stdexcept>
+
+#include "Commands.h"
+#include "Message.h"
+
+int main(int argc, char** argv) {
+    CLI::App app{"trdcomp: pack, restore and inspect trading messages in the 2008 and Fast codings"};
+    app.require_subcommand(1);
+
+    tool::DemoOptions demo;
+    auto* demoCmd = app.add_subcommand(
+        "demo", "Pack and restore a realistic request and answer of every function id with a codec, in both codings, "
+                "and print a table of sizes and checks (exit status 1 on any mismatch)");
+    demoCmd->add_option("--id", demo.id, "Only this function id");
+    demoCmd->add_flag("--quiet", demo.quiet, "Print only mismatches and the totals");
+
+    tool::DecodeOptions decode;
+    auto* decodeCmd = app.add_subcommand(
+        "decode", "Restore a message (request: head word 0 = 76, answer: 96) through the library and print its head and "
+                  "every record field by field");
+    decodeCmd->add_option("file", decode.file, "The message, or - for standard input")->capture_default_str();
+    decodeCmd->add_flag("--hex", decode.hex, "The input is hex text (white space between bytes allowed)");
+    decodeCmd->add_flag("--json", decode.json, "Print JSON (the input of `trdcomp encode`) instead of a table");
+    decodeCmd->add_option("--flag", decode.flag, "The 2008 coding's flag to restore with (0, 1, ...)")
+        ->check(CLI::Range(-128, 127))
+        ->capture_default_str();
+
+    tool::EncodeCommandOptions encode;
+    auto* encodeCmd = app.add_subcommand(
+        "encode", "Pack a message from JSON (the shape `trdcomp decode --json` prints) and write its bytes");
+    auto* req = encodeCmd->add_flag("--request", encode.request, "Pack a request (default: the JSON's direction)");
+    encodeCmd->add_flag("--answer", encode.answer, "Pack an answer")->excludes(req);
+    encodeCmd->add_option("--id", encode.id, "Function id (default: the JSON head's nFuncId)")->check(CLI::Range(0LL, 2147483647LL));
+    encodeCmd->add_option("--coding", encode.coding, "2008, fast or fast:V with V from 1 to 15 (default: the JSON's coding)");
+    encodeCmd->add_option("--flag", encode.flag, "The 2008 coding's flag (default: the JSON's flag)")->check(CLI::Range(-128, 127));
+    encodeCmd->add_option("--in", encode.in, "JSON input file, or - for standard input")->capture_default_str();
+    encodeCmd->add_option("--out", encode.out, "Output file, or - for standard output")->capture_default_str();
+    encodeCmd->add_flag("--hex", encode.hex, "Write the message as hex text");
+
+    int catalogueId = 0;
+    auto* catalogueCmd = app.add_subcommand(
+        "catalogue", "List the function ids with the codec each direction and coding uses, or one id's layouts field by field");
+    catalogueCmd->add_option("id", catalogueId, "Show this function id in detail")->check(CLI::Range(1, 2147483647));
+
+    CLI11_PARSE(app, argc, argv);
+    const std::string name = app.get_subcommands().front()->get_name();
+    try {
+        if (*demoCmd) return tool::RunDemo(demo);
+        if (*decodeCmd) return tool::RunDecode(decode);
+        if (*encodeCmd) return tool::RunEncode(encode);
+        return tool::RunCatalogue(catalogueId);
+    } catch (const tool::Refused& e) {
+        std::cerr << "trdcomp " << name << ": the library refused the message: " << e.what() << "\n";
+    } catch (const std::exception& e) {
+        std::cerr << "trdcomp " << name << ": " << e.what() << "\n";
+    }
+    return 1;
+}

@@ -1,0 +1,68 @@
+// Whole messages for the trdcomp tool: a received message restored through
+// the library and described section by section, its JSON form, and the
+// inverse, a message packed from that JSON.
+#pragma once
+
+#include <iosfwd>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Fields.h"
+
+namespace tool {
+
+// What the caller chose: 0 for the 2008 coding, else the Fast version.
+struct CodingChoice {
+    int fastVersion = 0;
+    char flag = 0;  // the 2008 coding's flag
+};
+
+// "2008", "fast" or "fast:V" (V from 1 to 15); throws on anything else.
+int ParseCoding(const std::string& text);
+std::string CodingName(int fastVersion);
+
+struct Section {
+    const Layout* layout = nullptr;  // null: the records travelled raw
+    int count = 0;                   // as the restored message states it
+    int size = 0;                    // record size the sender stated (the caller's array)
+    int slot = 0;                    // bytes per record in the restored buffer
+    std::vector<char> records;       // the restored records, slot bytes each
+};
+
+struct Decoded {
+    bool request = false;
+    int fastVersion = 0;  // from the head's flags
+    char flag = 0;
+    std::vector<char> wire;
+    bool restoredNothing = false;  // the id's restore keeps nothing
+    int arrayCount = 1;            // arrays the sender described (answers)
+    std::vector<Section> sections;
+    std::vector<char> trailing;    // restored bytes behind the last whole record (raw messages)
+};
+
+// A message the library refused, with the check that failed.
+struct Refused : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Restores `wire` through the classic interface and splits the result into
+// sections. Throws Refused naming the failed check when the library refuses,
+// std::runtime_error when the bytes are no message at all.
+Decoded Decode(const std::vector<char>& wire, char flag);
+
+Json ToJson(const Decoded& m);
+void PrintText(const Decoded& m, std::ostream& out);
+
+struct EncodeOptions {
+    int direction = 0;   // 0: from the JSON, 1: request, 2: answer
+    long long id = -1;   // -1: from the JSON's head
+    int fastVersion = -1;  // -1: from the JSON's coding
+    int flag = -1;         // -1: from the JSON
+};
+
+// Packs the message the JSON describes (the shape ToJson prints). Throws
+// std::runtime_error naming what is wrong.
+std::vector<char> Encode(const Json& message, const EncodeOptions& options);
+
+}  // namespace tool

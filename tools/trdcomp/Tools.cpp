@@ -1,0 +1,177 @@
+// trdcomp decode, encode and catalogue.
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <stdexcept>
+#include <unistd.h>
+
+#include "Commands.h"
+#include "Message.h"
+#include "model/Samples.h"
+
+namespace tool {
+
+namespace {
+
+using catalogue_model::Get;
+using catalogue_model::IsCodec;
+
+std::vector<char> ReadAll(const std::string& file) {
+    if (file == "-") {
+        std::cin >> std::noskipws;
+        return std::vector<char>(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    }
+    std::ifstream in(file, std::ios::binary);
+    if (!in) throw std::runtime_error("cannot open " + file);
+    return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void WriteAll(const std::string& file, const std::vector<char>& bytes) {
+    if (file == "-") {
+        std::cout.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        std::cout.flush();
+        if (!std::cout) throw std::runtime_error("cannot write to standard output");
+        return;
+    }
+    std::ofstream out(file, std::ios::binary);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    if (!out) throw std::runtime_error("cannot write " + file);
+}
+
+std::string CellText(const std::string& cell, int id) {
+    if (cell == "RAW") return "raw";
+    if (cell == "NO_RECORDS") return "no records";
+    if (cell == "HEAD_ONLY") return "head only";
+    if (cell == "NOTHING") return "nothing";
+    return cell == std::to_string(id) ? "codec" : "codec " + cell;
+}
+
+std::string ShapeText(int codec) {
+    const auto& s = Get().AnswerShape(codec);
+    std::string t = s.kind == "switched" ? "switched " : s.kind == "sections" ? "sections " : "";
+    for (std::size_t i = 0; i < s.layouts.size(); ++i) t += (i ? s.kind == "switched" ? " / " : " + " : "") + s.layouts[i];
+    return t;
+}
+
+void PrintLayout(const catalogue_model::Layout& l, const std::string& indent) {
+    std::cout << indent << l.name << ", " << l.size << " bytes\n";
+    std::cout << indent << "  " << std::left << std::setw(8) << "offset" << std::setw(9) << "kind" << std::setw(7) << "width"
+              << "notes\n";
+    for (const auto& f : l.fields) {
+        std::string note;
+        if (f.kind == "char" && f.def) note = "Fast first-record default " + std::to_string(f.def);
+        if (f.kind == "sized") note = "length: int32 at " + std::to_string(f.offset + f.width);
+        if (f.kind == "array")
+            note = std::to_string(f.entries) + " entries of " + f.entry + ", count at " + std::to_string(f.countOffset);
+        if (f.kind == "uncoded") note = "never coded";
+        std::cout << indent << "  " << std::left << std::setw(8) << f.offset << std::setw(9) << f.kind << std::setw(7)
+                  << f.width << note << "\n";
+    }
+    for (const auto& f : l.fields)
+        if (f.kind == "array") PrintLayout(Get().At(f.entry), indent + "  ");
+}
+
+}  // namespace
+
+int RunDecode(const DecodeOptions& o) {
+    std::vector<char> bytes = ReadAll(o.file);
+    if (o.hex) {
+        std::vector<char> parsed;
+        if (!ParseHex(std::string(bytes.begin(), bytes.end()), parsed))
+            throw std::runtime_error("the input is not hex: expected pairs of hex digits, white space between bytes only");
+        bytes.swap(parsed);
+    }
+    const Decoded m = Decode(bytes, static_cast<char>(o.flag));
+    if (o.json)
+        std::cout << ToJson(m).dump(2) << "\n";
+    else
+        PrintText(m, std::cout);
+    return 0;
+}
+
+int RunEncode(const EncodeCommandOptions& o) {
+    const std::vector<char> text = ReadAll(o.in);
+    const Json message = Json::parse(text.begin(), text.end(), nullptr, false);
+    if (message.is_discarded()) throw std::runtime_error("the input is not valid JSON");
+    EncodeOptions e;
+    e.direction = o.request ? 1 : o.answer ? 2 : 0;
+    e.id = o.id;
+    e.fastVersion = o.coding.empty() ? -1 : ParseCoding(o.coding);
+    e.flag = o.flag;
+    const std::vector<char> wire = Encode(message, e);
+    if (o.hex) {
+        const std::string h = Hex(wire.data(), wire.size()) + "\n";
+        WriteAll(o.out, std::vector<char>(h.begin(), h.end()));
+    } else {
+        if (o.out == "-" && isatty(STDOUT_FILENO))
+            throw std::runtime_error("refusing to write a binary message to a terminal: redirect it, or use --hex or --out FILE");
+        WriteAll(o.out, wire);
+    }
+    return 0;
+}
+
+int RunCatalogue(int id) {
+    const auto& c = Get();
+    if (id == 0) {
+        std::cout << std::left << std::setw(6) << "id" << std::setw(14) << "request" << std::setw(48)
+                  << "request pack 2008 / fast, restore 2008 / fast" << "answer pack 2008 / fast, restore 2008 / fast\n";
+        for (int i : catalogue_model::RoutedIds()) {
+            const auto* rq = c.RequestRoute(i);
+            const auto* an = c.AnswerRoute(i);
+            if (!rq && !an) continue;
+            auto cells = [&](const catalogue_model::Route* r) {
+                if (!r) return std::string("raw");
+                std::string s;
+                for (int k = 0; k < 4; ++k) s += (k ? k == 2 ? " | " : " / " : "") + CellText(r->cell[k], i);
+                return s;
+            };
+            const auto layout = c.requestLayoutOf.find(i);
+            std::cout << std::left << std::setw(6) << i << std::setw(14) << (layout != c.requestLayoutOf.end() ? layout->second : "-")
+                      << std::setw(48) << cells(rq) << cells(an) << "\n";
+        }
+        std::cout << "\nOther ids travel raw in both directions. `trdcomp catalogue ID` shows an id's layouts field by field.\n";
+        return 0;
+    }
+    const auto* rq = c.RequestRoute(id);
+    const auto* an = c.AnswerRoute(id);
+    if (!rq && !an) {
+        std::cout << "function id " << id << " has no codec: requests and answers travel raw\n";
+        return 0;
+    }
+    const char* const column[4] = {"pack 2008", "pack fast", "restore 2008", "restore fast"};
+    for (int dir = 0; dir < 2; ++dir) {
+        const auto* r = dir == 0 ? rq : an;
+        std::cout << (dir == 0 ? "request" : "answer") << " " << id << "\n";
+        if (!r) {
+            std::cout << "  raw in both codings\n\n";
+            continue;
+        }
+        std::vector<std::string> shown;
+        for (int k = 0; k < 4; ++k) {
+            std::cout << "  " << std::left << std::setw(14) << column[k] << CellText(r->cell[k], id);
+            if (IsCodec(r->cell[k])) {
+                const int codec = std::stoi(r->cell[k]);
+                const std::string what = dir == 0 ? c.requestLayoutOf.at(codec) : ShapeText(codec);
+                std::cout << ": " << what;
+                if (dir == 0) shown.push_back(what);
+                else
+                    for (const auto& l : c.AnswerShape(codec).layouts) shown.push_back(l);
+            }
+            std::cout << "\n";
+        }
+        std::sort(shown.begin(), shown.end());
+        shown.erase(std::unique(shown.begin(), shown.end()), shown.end());
+        for (const auto& l : shown) {
+            std::cout << "\n";
+            PrintLayout(c.At(l), "  ");
+        }
+        std::cout << "\n";
+    }
+    return 0;
+}
+
+}  // namespace tool
