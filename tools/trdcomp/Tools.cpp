@@ -68,8 +68,12 @@ void PrintLayout(const catalogue_model::Layout& l, const std::string& indent) {
         if (f.kind == "array")
             note = std::to_string(f.entries) + " entries of " + f.entry + ", count at " + std::to_string(f.countOffset);
         if (f.kind == "uncoded") note = "never coded";
-        std::cout << indent << "  " << std::left << std::setw(8) << f.offset << std::setw(9) << f.kind << std::setw(7)
-                  << f.width << note << "\n";
+        std::ostringstream row;
+        row << indent << "  " << std::left << std::setw(8) << f.offset << std::setw(9) << f.kind << std::setw(7) << f.width
+            << note;
+        std::string line = row.str();
+        line.erase(line.find_last_not_of(' ') + 1);
+        std::cout << line << "\n";
     }
     for (const auto& f : l.fields)
         if (f.kind == "array") PrintLayout(Get().At(f.entry), indent + "  ");
@@ -117,8 +121,8 @@ int RunEncode(const EncodeCommandOptions& o) {
 int RunCatalogue(int id) {
     const auto& c = Get();
     if (id == 0) {
-        std::cout << std::left << std::setw(6) << "id" << std::setw(14) << "request" << std::setw(48)
-                  << "request pack 2008 / fast, restore 2008 / fast" << "answer pack 2008 / fast, restore 2008 / fast\n";
+        std::cout << std::left << std::setw(6) << "id" << std::setw(14) << "request" << std::setw(58)
+                  << "request: pack 2008 / fast | restore 2008 / fast" << "answer: pack 2008 / fast | restore 2008 / fast\n";
         for (int i : catalogue_model::RoutedIds()) {
             const auto* rq = c.RequestRoute(i);
             const auto* an = c.AnswerRoute(i);
@@ -131,7 +135,7 @@ int RunCatalogue(int id) {
             };
             const auto layout = c.requestLayoutOf.find(i);
             std::cout << std::left << std::setw(6) << i << std::setw(14) << (layout != c.requestLayoutOf.end() ? layout->second : "-")
-                      << std::setw(48) << cells(rq) << cells(an) << "\n";
+                      << std::setw(58) << cells(rq) + "  " << cells(an) << "\n";
         }
         std::cout << "\nOther ids travel raw in both directions. `trdcomp catalogue ID` shows an id's layouts field by field.\n";
         return 0;
