@@ -184,3 +184,23 @@ TEST(ModernInterface, AnswerSectionsAndRefusals) {
     EXPECT_EQ(trdcomp::PackRequest(trdcomp::span<char>(), testmsg::ReqHead(1002), trdcomp::span<const char>(), trdcomp::Coding::C2008()).error,
               trdcomp::Errc::null_argument);
 }
+
+TEST(ModernInterface, ANegativeRestoredLengthGivesNoBytes) {
+    // A head with a negative record count restores to 76 + count * size
+    // bytes, below the head itself: nothing of it is handed out as bytes.
+    tagREQ_1002 order = {};
+    tagREQ_HEAD head = testmsg::ReqHead(1002, 0, -1, sizeof order);
+    for (trdcomp::Coding c : {trdcomp::Coding::C2008(), trdcomp::Coding::Fast()}) {
+        std::vector<char> wire(1024);
+        const trdcomp::PackResult packed =
+            trdcomp::PackRequest(wire, head, trdcomp::span<const char>(reinterpret_cast<const char*>(&order), sizeof order), c);
+        ASSERT_TRUE(packed);
+        const trdcomp::Restored r = trdcomp::RestoreRequest({wire.data(), packed.size});
+        // The Fast stream counts 65535 (the count's low 16 bits), unlike the
+        // head: refused, its zeroed buffer still released by the destructor.
+        EXPECT_EQ(static_cast<bool>(r), !c.IsFast());
+        EXPECT_EQ(r.Size(), 0u);
+        EXPECT_EQ(r.Sections(), 0);
+        EXPECT_TRUE(r.Records<tagREQ_1002>().empty());
+    }
+}

@@ -301,7 +301,7 @@ Json ToJson(const Decoded& m) {
     }
     j["sections"] = sections;
     if (!m.trailing.empty()) j["trailing"] = Hex(m.trailing.data(), m.trailing.size());
-    if (m.restoredNothing) j["restored"] = "nothing: this id's restore keeps no records";
+    if (m.restoredNothing) j["restored"] = "nothing: the restore handed back no records";
     return j;
 }
 
@@ -312,7 +312,7 @@ void PrintText(const Decoded& m, std::ostream& out) {
         << CodingName(m.fastVersion) << (m.fastVersion == 0 ? " (flag " + std::to_string(static_cast<int>(m.flag)) + ")" : "")
         << "\n\nhead\n";
     for (const auto& [key, v] : head.items()) out << "  " << std::left << std::setw(10) << key << " " << v.dump() << "\n";
-    if (m.restoredNothing) out << "\nthe restore of this id keeps no records\n";
+    if (m.restoredNothing) out << "\nthe restore handed back no records\n";
     for (std::size_t j = 0; j < m.sections.size(); ++j) {
         const Section& s = m.sections[j];
         out << "\nsection " << j + 1 << ": " << (s.layout ? s.layout->name : std::string("raw records")) << ", "

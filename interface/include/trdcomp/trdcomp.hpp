@@ -252,9 +252,10 @@ public:
     bool IsRequest() const noexcept { return request_; }
 
     // The restored bytes (outLen of the classic restore). Empty for an id
-    // whose restore keeps nothing.
+    // whose restore keeps nothing, and when outLen is below zero (a request
+    // head with a negative record count restores to 76 + count * size).
     const char* Data() const noexcept { return p_; }
-    std::size_t Size() const noexcept { return p_ ? static_cast<std::size_t>(len_) : 0; }
+    std::size_t Size() const noexcept { return p_ && len_ > 0 ? static_cast<std::size_t>(len_) : 0; }
     span<const char> Bytes() const noexcept { return span<const char>(p_, Size()); }
 
     const tagREQ_HEAD* RequestHead() const noexcept {
