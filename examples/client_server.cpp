@@ -72,7 +72,9 @@ void Serve(int fd, int coding) {
     }
     for (int i = 0; i < 3; ++i) {
         positions[i].f0 = 'B';
-        std::snprintf(positions[i].f4, sizeof positions[i].f4, "60000%d", i);
+        char code[] = "60000?";
+        code[5] = static_cast<char>('0' + i);
+        Text(positions[i].f4, sizeof positions[i].f4, code);
         Text(positions[i].f12, sizeof positions[i].f12, "BANK OF EXAMPLE");
     }
     status[0].f0 = head->nRecCount;

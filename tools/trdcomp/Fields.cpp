@@ -76,7 +76,7 @@ void HexInto(const Json& v, char* p, int width, const std::string& what) {
         throw std::runtime_error(what + ": expected a string of hex digits");
     if (bytes.size() > static_cast<std::size_t>(width))
         throw std::runtime_error(what + ": " + std::to_string(bytes.size()) + " bytes do not fit in " + std::to_string(width));
-    std::memcpy(p, bytes.data(), bytes.size());
+    if (!bytes.empty()) std::memcpy(p, bytes.data(), bytes.size());
 }
 
 template <class T>
