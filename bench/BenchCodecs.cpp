@@ -12,6 +12,9 @@
 #include <lz4.h>
 #include <zstd.h>
 
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -30,55 +33,109 @@ void Text(char* dst, std::size_t width, const std::string& s) {
     std::memcpy(dst, s.data(), s.size() < width ? s.size() : width);
 }
 
+// A fixed linear congruential generator: the same data on every run and
+// every machine, and the same raw array for every codec.
+struct Lcg {
+    std::uint32_t state;
+    std::uint32_t Next() { return state = state * 1103515245u + 12345u; }
+    // 0 .. n-1 from the high bits (the low bits of an LCG cycle quickly).
+    std::uint32_t Below(std::uint32_t n) { return (Next() >> 8) % n; }
+};
+
+// A security's short name: two or three syllables, as listed on a board.
+std::string Name(Lcg& r) {
+    static const char* const kSyllables[] = {"HUA", "XIN", "ZHONG", "GUO", "TONG", "DA", "JIN", "HAI",
+                                             "AN", "KE", "JI", "YUAN", "SHI", "YE", "DONG", "FANG"};
+    std::string s;
+    const int n = 2 + static_cast<int>(r.Below(2));
+    for (int k = 0; k < n; ++k) s += kSyllables[r.Below(16)];
+    return s;
+}
+
+// Quote snapshots of consecutive stock codes (a board sorted by code). Each
+// stock has its own price level; the record holds, as doubles: previous
+// close, open, high, low, last (2 decimals, within a few percent of each
+// other), volume in round lots of 100, turnover, five bid and five ask
+// levels one tick (0.01) apart around the last price, and the average
+// price (3 decimals). Market '1', code, short name; the status text is
+// empty on most stocks. Unused bytes are zero.
 std::vector<char> Quotes(int n) {
     std::vector<char> out(sizeof(tagANS_1110) * static_cast<std::size_t>(n));
-    unsigned seed = 12345;
-    auto next = [&] { return seed = seed * 1103515245u + 12345u; };
+    Lcg r{20261122u};
     for (int i = 0; i < n; ++i) {
         tagANS_1110 q{};
         q.f0 = '1';
-        Text(q.f1, sizeof q.f1, std::to_string(600000 + 3 * i));
-        Text(q.f17, sizeof q.f17, "STOCK" + std::to_string(i % 97));
-        const double base = 5.0 + (next() % 5000) / 100.0;
-        double values[18];
-        values[0] = base;                                   // last close
-        values[1] = base + ((next() % 21) - 10) / 100.0;    // open
-        values[2] = values[1] + (next() % 30) / 100.0;      // high
-        values[3] = values[1] - (next() % 30) / 100.0;      // low
-        values[4] = values[1] + ((next() % 21) - 10) / 100.0;  // last
-        values[5] = static_cast<double>(next() % 5000000);     // volume
-        values[6] = values[5] * values[4];                  // turnover
-        for (int k = 7; k < 18; ++k) values[k] = values[4] + ((k % 2) ? 1 : -1) * (k - 6) / 100.0;
-        std::memcpy(reinterpret_cast<char*>(&q) + 33, values, sizeof values);  // f33..f169, one after the other
-        Text(q.f177, sizeof q.f177, (i % 3) ? "" : "SUSPENDED");
+        Text(q.f1, sizeof q.f1, std::to_string(600000 + i));
+        Text(q.f17, sizeof q.f17, Name(r));
+        // Prices in ticks of 0.01.
+        const int close = 300 + static_cast<int>(r.Below(6000));  // 3.00 .. 62.99
+        const int swing = close / 50 + 1;                            // about 2 %
+        auto near = [&](int base) { return base + static_cast<int>(r.Below(2 * swing + 1)) - swing; };
+        const int open = near(close);
+        const int last = near(open);
+        const int high = std::max(open, last) + static_cast<int>(r.Below(swing + 1));
+        const int low = std::min(open, last) - static_cast<int>(r.Below(swing + 1));
+        const double lots = 100.0 * (100 + r.Below(200000));         // round lots
+        const double avg = std::round((low + r.Below(high - low + 1) + r.Below(10) / 10.0) * 10.0) / 1000.0;
+        double v[18];
+        v[0] = close / 100.0;
+        v[1] = open / 100.0;
+        v[2] = high / 100.0;
+        v[3] = low / 100.0;
+        v[4] = last / 100.0;
+        v[5] = lots;
+        v[6] = std::round(lots * avg * 100.0) / 100.0;                // turnover, cents
+        for (int k = 0; k < 5; ++k) {
+            v[7 + k] = (last - k) / 100.0;                           // bids, best first
+            v[12 + k] = (last + 1 + k) / 100.0;                      // asks, best first
+        }
+        v[17] = avg;
+        std::memcpy(reinterpret_cast<char*>(&q) + 33, v, sizeof v);  // f33..f169, one after the other
+        if (r.Below(20) == 0) Text(q.f177, sizeof q.f177, "HALTED");
         std::memcpy(out.data() + i * sizeof q, &q, sizeof q);
     }
     return out;
 }
 
+// Orders of one trading session as a branch front end sends them: a handful
+// of accounts of one branch, the operator and station of the terminal, the
+// date and a time of day that moves on by a few seconds, stock codes from a
+// list, limit prices with 2 decimals carried as int (price * 1000), round-lot
+// quantities, the side, the market, the order type, a client order number
+// and short remarks. Unused bytes are zero.
 std::vector<char> Orders(int n) {
     std::vector<char> out(sizeof(tagREQ_1011) * static_cast<std::size_t>(n));
+    Lcg r{7011u};
+    int seconds = 9 * 3600 + 30 * 60;
     for (int i = 0; i < n; ++i) {
         tagREQ_1011 o{};
-        o.f0 = 'N';
-        Text(o.f1, sizeof o.f1, "BRANCH01");
-        Text(o.f17, sizeof o.f17, "ACCT" + std::to_string(100000 + i % 7));
-        Text(o.f33, sizeof o.f33, "TRADER7");
-        Text(o.f49, sizeof o.f49, "PWD");
-        Text(o.f121, sizeof o.f121, "10.1.2.3");
-        o.f145 = 20261122;
-        o.f149 = 93000 + i;
-        Text(o.f153, sizeof o.f153, std::to_string(600000 + (i * 7) % 900));
-        Text(o.f165, sizeof o.f165, "ORDER REF " + std::to_string(i));
-        o.f193 = (i % 2) ? 'B' : 'S';
-        Text(o.f194, sizeof o.f194, "SHA");
-        Text(o.f210, sizeof o.f210, "LIMIT");
-        o.f218 = 100 * (1 + i % 50);
-        o.f222 = 1000 + i % 300;
+        o.f0 = '1';
+        Text(o.f1, sizeof o.f1, "3301");                                            // branch
+        Text(o.f17, sizeof o.f17, "0330" + std::to_string(100200 + 17 * r.Below(8)));  // account
+        Text(o.f33, sizeof o.f33, "OP0027");                                         // operator
+        Text(o.f49, sizeof o.f49, "a7Kq2m");                                         // session key
+        Text(o.f57, 12, "MAC00163E5A");                                              // station block
+        Text(o.f121, sizeof o.f121, "10.18.4.27");
+        o.f145 = 20261123;
+        seconds += static_cast<int>(r.Below(6));
+        o.f149 = (seconds / 3600) * 10000 + (seconds / 60 % 60) * 100 + seconds % 60;
+        const bool sh = r.Below(2) == 0;
+        const int code = sh ? 600000 + static_cast<int>(r.Below(1800)) : static_cast<int>(r.Below(3000)) + 1;
+        char codeText[8];
+        std::snprintf(codeText, sizeof codeText, "%06d", code);
+        Text(o.f153, sizeof o.f153, codeText);
+        Text(o.f165, sizeof o.f165, r.Below(4) == 0 ? "basket rebalance" : "");      // remark
+        o.f193 = r.Below(2) ? 'B' : 'S';
+        Text(o.f194, sizeof o.f194, sh ? "SH" : "SZ");
+        Text(o.f210, sizeof o.f210, "0");                                            // limit order
+        o.f218 = (300 + static_cast<int>(r.Below(6000))) * 10;                       // price * 1000
+        o.f222 = 100 * (1 + static_cast<int>(r.Below(50)));                          // quantity
         o.f226 = '0';
         o.f227 = '1';
         o.f228 = '0';
         o.f229 = '0';
+        Text(o.f230, sizeof o.f230, "CNY");
+        Text(o.f238, sizeof o.f238, std::to_string(81000000 + i));                   // client order number
         std::memcpy(out.data() + i * sizeof o, &o, sizeof o);
     }
     return out;

@@ -23,14 +23,38 @@
 #include "common/Bytes.h"
 #include "common/Framing.h"
 #include "common/Layout.h"
+#include "codec2008/src/KXCoding.h"
+#include "common/Text.h"
 #include "trdcomp/KXNetCompressHelper.h"
 
 namespace trdcomp::codec2008 {
 
 using model::Field;
 using model::Kind;
-using Nch = CKXNetCompressHelper;
 namespace d = trdcomp::detail;
+
+// The CKXNetCompressHelper primitives as the engine calls them: the same
+// names, arguments and bytes as the exported members, inlined from their one
+// definition in the KXPfdk sources (KXCoding.h). The string coder also takes
+// the text's length (at most the field's width W) when the engine has
+// already measured it.
+struct NchInline {
+    static int NCH_compress_int(char* out, int value) { return kx::CompressInt(out, value); }
+    static int NCH_decompress_int(char* in, int& value) { return kx::DecompressInt(in, value); }
+    static int NCH_compress_int64(char* out, long long value) { return kx::CompressInt64(out, value); }
+    static int NCH_decompress_int64(char* in, long long& value) { return kx::DecompressInt64(in, value); }
+    static int NCH_compress_string(char* out, const char* text) { return kx::CompressString(out, text); }
+    template <std::size_t W>
+    static int NCH_compress_string(char* out, const char* text, std::size_t len) {
+        return kx::CompressField<W>(out, text, len);
+    }
+    static int NCH_decompress_string(char* in, char* dest, int max) { return kx::DecompressString(in, dest, max); }
+    static int NCH_compress_binData(char* out, char* data, int len) { return kx::CompressBinData(out, data, len); }
+    static int NCH_decompress_binData(char* in, char* dest, int max, int& len) {
+        return kx::DecompressBinData(in, dest, max, len);
+    }
+};
+using Nch = NchInline;
 
 // Worst-case coded bytes of one field (KXPfdk format: 5 bytes of length).
 constexpr std::uint32_t MaxCoded(const Field& f) {
@@ -81,18 +105,8 @@ inline int CompressInt32(char* out, std::int32_t v, char flag) {
     return 0;
 }
 
-// A text that fills its field has no terminator inside it: code it from a
-// terminated copy, so that nothing past the field is read.
-template <std::uint32_t W>
-[[gnu::noinline]] int CompressFullText(char* out, const char* text) {
-    char copy[W + 1];
-    std::memcpy(copy, text, W);
-    copy[W] = '\0';
-    return Nch::NCH_compress_string(out, copy);
-}
-
 template <Field F>
-inline void EncodeField(const char* rec, char* out, std::uint32_t& n, char flag, std::int32_t active) {
+[[gnu::always_inline]] inline void EncodeField(const char* rec, char* out, std::uint32_t& n, char flag, std::int32_t active) {
     if constexpr (F.entry >= 0) {
         if (F.entry >= active) return;
     }
@@ -100,10 +114,9 @@ inline void EncodeField(const char* rec, char* out, std::uint32_t& n, char flag,
     if constexpr (F.kind == Kind::Char) {
         out[n++] = *p;
     } else if constexpr (F.kind == Kind::Text) {
-        if (::strnlen(p, F.width) < F.width)
-            n += static_cast<std::uint32_t>(Nch::NCH_compress_string(out + n, p));
-        else
-            n += static_cast<std::uint32_t>(CompressFullText<F.width>(out + n, p));
+        // The text up to its zero, or the whole field when it fills it (no
+        // byte past the field is read).
+        n += static_cast<std::uint32_t>(Nch::template NCH_compress_string<F.width>(out + n, p, d::TextLength<F.width>(p)));
     } else if constexpr (F.kind == Kind::Bytes) {
         n += static_cast<std::uint32_t>(Nch::NCH_compress_binData(out + n, const_cast<char*>(p), F.width));
     } else if constexpr (F.kind == Kind::Int32) {
@@ -128,7 +141,7 @@ inline void EncodeField(const char* rec, char* out, std::uint32_t& n, char flag,
 }
 
 template <Field F>
-inline std::int64_t DecodeValue(char* in, char* rec, char flag) {
+[[gnu::always_inline]] inline std::int64_t DecodeValue(char* in, char* rec, char flag) {
     char* p = rec + F.offset;
     if constexpr (F.kind == Kind::Char) {
         *p = in[0];
@@ -175,31 +188,47 @@ inline std::int64_t DecodeValue(char* in, char* rec, char flag) {
 // decoded from a zero-padded copy of what is left.
 template <Field F>
 [[gnu::noinline]] std::int64_t DecodePadded(const char* in, std::int64_t left, char* rec, char flag) {
-    char pad[MaxRead(F)] = {};
+    char pad[MaxRead(F) + 32] = {};  // 32 more: the coders copy short texts by words
     std::memcpy(pad, in, static_cast<std::size_t>(left));
     return DecodeValue<F>(pad, rec, flag);
 }
 
+// Decodes a field at in[used]: the record has `len` bytes, and `avail`
+// (>= len) bytes from `in` lie inside the message. Where the worst case would
+// pass the record's end but not the message's, the field is decoded in place
+// and kept if it consumed no byte past the record (then it read none, and the
+// padded copy would give the same); a field confined to its own width is
+// cleared again before the padded retry.
 template <Field F>
-inline std::int64_t DecodeAt(const char* in, std::int64_t len, std::int64_t used, char* rec, char flag) {
+[[gnu::always_inline]] inline std::int64_t DecodeAt(const char* in, std::int64_t len, std::int64_t avail,
+                                                    std::int64_t used, char* rec, char flag) {
+    constexpr auto kMaxRead = static_cast<std::int64_t>(MaxRead(F));
     const std::int64_t left = len - used;
-    if (left >= static_cast<std::int64_t>(MaxRead(F))) return DecodeValue<F>(const_cast<char*>(in + used), rec, flag);
+    if (left >= kMaxRead) return DecodeValue<F>(const_cast<char*>(in + used), rec, flag);
+    if constexpr (F.limit == F.width && F.kind != Kind::SizedBlock) {
+        if (avail - used >= kMaxRead) {
+            const std::int64_t k = DecodeValue<F>(const_cast<char*>(in + used), rec, flag);
+            if (k <= left) return k;
+            std::memset(rec + F.offset, 0, F.width);
+        }
+    }
     return DecodePadded<F>(in + used, left, rec, flag);
 }
 
 // Decodes one field while bytes remain; false ends the record.
 template <Field F, const auto& L>
-inline bool DecodeField(const char* in, std::int64_t len, std::int64_t& used, char* rec, char flag) {
+[[gnu::always_inline]] inline bool DecodeField(const char* in, std::int64_t len, std::int64_t avail,
+                                               std::int64_t& used, char* rec, char flag) {
     if (used >= len) return false;
     if constexpr (F.entry >= 0) {
         if (F.entry >= ActiveEntries<L>(rec)) return true;
     }
     if constexpr (F.kind == Kind::SizedBlock) {
         constexpr Field lengthField{Kind::BlockLength, {}, F.offset + F.width, 4, 4, 0, false, -1};
-        used += DecodeAt<lengthField>(in, len, used, rec, flag);
+        used += DecodeAt<lengthField>(in, len, avail, used, rec, flag);
         if (used >= len) return false;
     }
-    if constexpr (F.kind != Kind::BlockLength) used += DecodeAt<F>(in, len, used, rec, flag);
+    if constexpr (F.kind != Kind::BlockLength) used += DecodeAt<F>(in, len, avail, used, rec, flag);
     return true;
 }
 
@@ -210,19 +239,21 @@ template <const auto& L>
 inline std::uint32_t EncodeRecord(const char* rec, char* out, char flag) {
     std::uint32_t n = 0;
     const std::int32_t active = ActiveEntries<L>(rec);
-    [&]<std::size_t... I>(std::index_sequence<I...>) {
+    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
         (internal::EncodeField<L.fields[I]>(rec, out, n, flag, active), ...);
     }(std::make_index_sequence<L.fields.size()>{});
     return n;
 }
 
-// Decodes the `len` bytes at `in` (all of them readable) into the zeroed record.
-template <const auto& L>
-inline void DecodeRecord(const char* in, std::int64_t len, char* rec, char flag) {
-    std::memset(rec, 0, L.size);
+// Decodes the `len` bytes at `in` into the record; `avail` (>= len) bytes
+// from `in` are readable. The record is cleared first unless the caller
+// hands in one already zero.
+template <const auto& L, bool kZeroed = false>
+inline void DecodeRecord(const char* in, std::int64_t len, std::int64_t avail, char* rec, char flag) {
+    if constexpr (!kZeroed) std::memset(rec, 0, L.size);
     std::int64_t used = 0;
-    [&]<std::size_t... I>(std::index_sequence<I...>) {
-        static_cast<void>((internal::DecodeField<L.fields[I], L>(in, len, used, rec, flag) && ...));
+    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
+        static_cast<void>((internal::DecodeField<L.fields[I], L>(in, len, avail, used, rec, flag) && ...));
     }(std::make_index_sequence<L.fields.size()>{});
 }
 
@@ -240,7 +271,7 @@ inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char
         if (room < 0) return false;
         const std::int64_t n = d::EncodeBounded<kMax>(
             [&](char* dst) { return static_cast<std::int64_t>(EncodeRecord<L>(rec, dst, flag)); }, out + pos + 4,
-            room);
+            room, cap != d::kUnbounded);
         if (n < 0) return false;
         d::StoreI32(out + pos, static_cast<std::int32_t>(n));
         pos += 4 + n;
@@ -262,7 +293,11 @@ inline void DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor, 
         std::memcpy(&len, in + cursor, 4);
         const std::int64_t avail = inLen - cursor - 4;
         const std::int64_t take = static_cast<std::int64_t>(len) < avail ? static_cast<std::int64_t>(len) : avail;
-        DecodeRecord<L>(in + cursor + 4, take, slots + i * L.size, flag);
+        // The slots come zeroed; only a layout whose decode limits write past
+        // a record's end must clear the next record again, and the first slot
+        // is cleared as a record of the section before may have written there.
+        if (i == 0) std::memset(slots, 0, L.size);
+        DecodeRecord<L, model::MaxDecodeEnd(L) == L.size>(in + cursor + 4, take, avail, slots + i * L.size, flag);
         cursor += 4 + static_cast<std::int64_t>(len);
     }
 }

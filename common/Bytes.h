@@ -9,6 +9,10 @@
 #include <cstring>
 #include <new>
 
+#if defined(__x86_64__) || defined(_M_X64)
+#include <emmintrin.h>
+#endif
+
 namespace trdcomp::detail {
 
 static_assert(std::endian::native == std::endian::little,
@@ -43,10 +47,15 @@ inline char* AllocZeroed(std::uint64_t bytes) noexcept {
 
 // Converts a double to a 64-bit integer by truncation toward zero. NaN,
 // infinities and values outside the int64 range give INT64_MIN, as the x86
-// conversion instruction does, instead of undefined behaviour.
-inline std::int64_t TruncToInt64(double d) noexcept {
+// conversion instruction does, instead of undefined behaviour (on x86-64 the
+// instruction itself is used: one instruction, no range tests).
+[[gnu::always_inline]] inline std::int64_t TruncToInt64(double d) noexcept {
+#if defined(__x86_64__) || defined(_M_X64)
+    return _mm_cvttsd_si64(_mm_set_sd(d));
+#else
     if (!(d >= -9223372036854775808.0 && d < 9223372036854775808.0)) return INT64_MIN;
     return static_cast<std::int64_t>(d);
+#endif
 }
 
 }  // namespace trdcomp::detail

@@ -41,14 +41,18 @@ inline const char* RecordAt(const char* data, std::int64_t extent, std::int64_t 
     return data + start;
 }
 
-// Encodes one record of at most Max bytes at dst when the worst case fits
-// `room`, else into a scratch copy that is kept only if the real bytes fit.
-// Returns the bytes encoded, or -1 (no room). One call site, so each
-// layout's encoder is instantiated once.
-template <std::size_t Max, class Encode>
-inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t room) {
-    char scratch[Max > 0 ? Max : 1];
-    const bool direct = room >= static_cast<std::int64_t>(Max);
+// Encodes one record of at most Max bytes at dst when the worst case and
+// Slack bytes behind it (which an encoder may use as scratch) fit `room`,
+// else into a scratch copy that is kept only if the real bytes fit. A room
+// that is not known (kUnbounded: the classic members, which are not told the
+// size of the caller's buffer) is trusted only by an encoder without slack,
+// which writes no byte that is not part of the record. Returns the bytes
+// encoded, or -1 (no room). One call site, so each layout's encoder is
+// instantiated once.
+template <std::size_t Max, std::size_t Slack = 0, class Encode>
+inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t room, bool roomKnown) {
+    char scratch[Max + Slack > 0 ? Max + Slack : 1];
+    const bool direct = (roomKnown || Slack == 0) && room >= static_cast<std::int64_t>(Max + Slack);
     const std::int64_t n = encode(direct ? dst : scratch);
     if (direct) return n;
     if (n > room) return -1;

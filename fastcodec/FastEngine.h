@@ -20,6 +20,7 @@
 #include "common/Bytes.h"
 #include "common/Framing.h"
 #include "common/Layout.h"
+#include "common/Text.h"
 #include "fastcodec/FastPrimitives.h"
 
 namespace trdcomp::fast {
@@ -50,60 +51,80 @@ constexpr std::uint32_t MaxRecord() {
     return n;
 }
 
+// Bytes a record encoder may write behind its worst case: values are stored
+// as whole 8-byte words and texts as their whole field, and the count of
+// bytes that belong to the value decides where the next one starts.
+inline constexpr std::uint32_t kEncodeSlack = 16;
+
 namespace internal {
 
 template <Field F>
-inline std::int32_t I32(const char* rec) {
+[[gnu::always_inline]] inline std::int32_t I32(const char* rec) {
     return d::LoadI32(rec + F.offset);
 }
 
-// Is the field sent? Against prev when there is one, else against the default.
-template <Field F, const auto& L>
-inline bool Sent(const char* cur, const char* prev) {
+// Is the field sent? Against prev when kFirst is false, else against the
+// default.
+template <Field F, const auto& L, bool kFirst>
+[[gnu::always_inline]] inline bool Sent(const char* cur, const char* prev) {
     const char* c = cur + F.offset;
     if constexpr (F.fast == FastKind::Char) {
-        const int value = static_cast<unsigned char>(*c);
-        return prev ? *c != prev[F.offset] : value != F.fastDefault;
+        if constexpr (kFirst) return static_cast<unsigned char>(*c) != F.fastDefault;
+        else return *c != prev[F.offset];
     } else if constexpr (F.fast == FastKind::Int) {
-        return I32<F>(cur) != (prev ? I32<F>(prev) : F.fastDefault);
+        if constexpr (kFirst) return I32<F>(cur) != F.fastDefault;
+        else return I32<F>(cur) != I32<F>(prev);
     } else if constexpr (F.fast == FastKind::Int64) {
-        return prev ? std::memcmp(c, prev + F.offset, 8) != 0 : std::memcmp(c, "\0\0\0\0\0\0\0\0", 8) != 0;
+        std::int64_t v, w = 0;
+        std::memcpy(&v, c, 8);
+        if constexpr (!kFirst) std::memcpy(&w, prev + F.offset, 8);
+        return v != w;
     } else if constexpr (F.fast == FastKind::Double) {
         double v, w = 0.0;
         std::memcpy(&v, c, 8);
-        if (prev) std::memcpy(&w, prev + F.offset, 8);
+        if constexpr (!kFirst) std::memcpy(&w, prev + F.offset, 8);
         return v != w;  // a NaN always counts as changed
     } else if constexpr (F.fast == FastKind::String || F.fast == FastKind::Ascii) {
         // strcmp semantics: a full text compares on into the bytes behind it,
         // but never past the end of the record.
-        return prev == nullptr || std::strncmp(c, prev + F.offset, L.size - F.offset) != 0;
+        if constexpr (kFirst) return true;
+        else return d::TextDiffers<F.width>(c, prev + F.offset, L.size - F.offset);
     } else if constexpr (F.fast == FastKind::Bytes) {
-        if (prev) return std::memcmp(c, prev + F.offset, F.width) != 0;
-        for (std::uint32_t i = 0; i < F.width; ++i)
-            if (c[i] != 0) return true;
-        return false;
+        if constexpr (kFirst) return d::AnyNonZero<F.width>(c);
+        else return d::BlockDiffers<F.width>(c, prev + F.offset);
     } else {
         return true;  // the sized block and its length are always sent
     }
 }
 
+// Writes the field's value at out, where MaxCoded(F) + kEncodeSlack bytes
+// may be written; returns the bytes of the value.
 template <Field F>
-inline std::uint32_t Put(byte* out, const char* cur) {
+[[gnu::always_inline]] inline std::uint32_t Put(byte* out, const char* cur) {
     const char* c = cur + F.offset;
     if constexpr (F.fast == FastKind::Char) {
-        return FastPutInt8(out, static_cast<signed char>(*c));
+        return PutInt64Wide(out, static_cast<signed char>(*c));
     } else if constexpr (F.fast == FastKind::Int || F.fast == FastKind::BlockLength) {
-        return FastPutInt32(out, I32<F>(cur));
+        return PutInt64Wide(out, I32<F>(cur));
     } else if constexpr (F.fast == FastKind::Int64) {
         std::int64_t v;
         std::memcpy(&v, c, 8);
-        return FastPutInt64(out, v);
+        return PutInt64Wide(out, v);
     } else if constexpr (F.fast == FastKind::Double) {
         double v;
         std::memcpy(&v, c, 8);
-        return FastPutPrice(out, v);
+        return PutInt64Wide(out, d::TruncToInt64(v * 1000.0 + 0.00005));
     } else if constexpr (F.fast == FastKind::String) {
-        return FastPutString(out, c, static_cast<int>(F.width));
+        // The length, then the text: the whole field is copied when it is
+        // short, only the text's bytes count.
+        const std::uint32_t n = d::TextLength<F.width>(c);
+        const std::uint32_t k = PutInt64Wide(out, static_cast<std::int32_t>(n));
+        if constexpr (F.width <= 64) {
+            std::memcpy(out + k, c, F.width);
+        } else {
+            std::memcpy(out + k, c, n);
+        }
+        return k + n;
     } else if constexpr (F.fast == FastKind::Ascii) {
         return FastPutAscii(out, c, static_cast<int>(F.width));
     } else if constexpr (F.fast == FastKind::Bytes) {
@@ -115,6 +136,11 @@ inline std::uint32_t Put(byte* out, const char* cur) {
         return FastPutBytes(out, c, n);
     }
 }
+
+// Is the value always written, sent or not (cheap to code, no branch)?
+template <Field F>
+inline constexpr bool kAlwaysWritten = F.fast == FastKind::Char || F.fast == FastKind::Int ||
+                                       F.fast == FastKind::Int64 || F.fast == FastKind::Double;
 
 template <Field F>
 inline std::int64_t Get(const BoundedSource& in, std::int64_t at, char* cur) {
@@ -148,9 +174,81 @@ inline std::int64_t Get(const BoundedSource& in, std::int64_t at, char* cur) {
     }
 }
 
+// Bytes from the cursor that the unchecked reader of a field may read: one
+// word for a number, a word of length and the kept bytes for a text or
+// block. The ascii kind searches for its stop byte and is always checked.
+template <Field F>
+constexpr std::int64_t Window() {
+    switch (F.fast) {
+        case FastKind::Char:
+        case FastKind::Int:
+        case FastKind::BlockLength:
+        case FastKind::Int64:
+        case FastKind::Double: return 8;
+        case FastKind::Ascii: return -1;
+        default: return 8 + static_cast<std::int64_t>(F.width);
+    }
+}
+
+// Reads a field at in[at]: unchecked when its window lies inside the
+// message, else through the bounded source (same values, same count).
+template <Field F>
+[[gnu::always_inline]] inline std::int64_t GetField(const BoundedSource& in, std::int64_t at, char* cur) {
+    constexpr std::int64_t kWindow = Window<F>();
+    if constexpr (kWindow > 0) {
+        if (at >= 0 && at <= in.size - kWindow) [[likely]] {
+            const byte* p = in.p + at;
+            char* c = cur + F.offset;
+            if constexpr (F.fast == FastKind::Char) {
+                signed char v;
+                if (const std::int64_t k = GetWord(p, &v)) {
+                    *c = static_cast<char>(v);
+                    return k;
+                }
+            } else if constexpr (F.fast == FastKind::Int || F.fast == FastKind::BlockLength) {
+                std::int32_t v;
+                if (const std::int64_t k = GetWord(p, &v)) {
+                    d::StoreI32(c, v);
+                    return k;
+                }
+            } else if constexpr (F.fast == FastKind::Int64) {
+                std::int64_t v;
+                if (const std::int64_t k = GetWord(p, &v)) {
+                    std::memcpy(c, &v, 8);
+                    return k;
+                }
+            } else if constexpr (F.fast == FastKind::Double) {
+                std::int64_t v;
+                if (const std::int64_t k = GetWord(p, &v)) {
+                    const double x = static_cast<double>(v) / 1000.0;
+                    std::memcpy(c, &x, 8);
+                    return k;
+                }
+            } else {
+                // Counted string (keeps L or max-1 bytes and a terminator) or
+                // block (keeps L or max bytes); the full length is skipped.
+                std::int32_t len;
+                if (const std::int64_t k = GetWord(p, &len)) {
+                    if (len < 1) {
+                        if constexpr (F.fast == FastKind::String) c[0] = '\0';
+                        return k + len;
+                    }
+                    constexpr std::int32_t kMaxKeep =
+                        F.fast == FastKind::String ? static_cast<std::int32_t>(F.width) - 1 : F.width;
+                    const std::int32_t keep = len < kMaxKeep ? len : kMaxKeep;
+                    if (keep > 0) d::CopyShort(c, p + k, static_cast<std::size_t>(keep));
+                    if constexpr (F.fast == FastKind::String) c[keep > 0 ? keep : 0] = '\0';
+                    return k + len;
+                }
+            }
+        }
+    }
+    return Get<F>(in, at, cur);
+}
+
 // A field that was not sent: from prev as it stands, else its default.
 template <Field F>
-inline void Fill(char* cur, const char* prev) {
+[[gnu::always_inline]] inline void Fill(char* cur, const char* prev) {
     if (prev) {
         std::memcpy(cur + F.offset, prev + F.offset, F.width);
     } else if constexpr (F.fast == FastKind::Char) {
@@ -161,26 +259,49 @@ inline void Fill(char* cur, const char* prev) {
     // Everything else defaults to zero, which the cleared record holds.
 }
 
+// One field of the encoder: numbers are written whether sent or not and
+// kept by advancing the cursor, so that a change costs no branch; the
+// presence bits gather in `map`.
+template <std::size_t I, const auto& L, bool kFirst>
+[[gnu::always_inline]] inline void EncodeField(const char* cur, const char* prev, byte* out, std::uint32_t& n,
+                                               byte* map) {
+    constexpr Field F = L.fields[I];
+    const bool sent = Sent<F, L, kFirst>(cur, prev);
+    if constexpr (kAlwaysWritten<F>) {
+        const std::uint32_t k = Put<F>(out + n, cur);
+        n += sent ? k : 0u;
+        map[I / 7] |= static_cast<byte>(static_cast<unsigned>(sent) << (6 - I % 7));
+    } else if (sent) {
+        n += Put<F>(out + n, cur);
+        map[I / 7] |= static_cast<byte>(0x40u >> (I % 7));
+    }
+}
+
+template <const auto& L, bool kFirst>
+[[gnu::always_inline]] inline std::uint32_t EncodeFields(const char* cur, const char* prev, byte* out) {
+    constexpr std::size_t P = kPresenceBytes<L>;
+    byte map[P] = {};
+    std::uint32_t n = P;
+    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
+        (EncodeField<I, L, kFirst>(cur, prev, out, n, map), ...);
+    }(std::make_index_sequence<L.fields.size()>{});
+    map[P - 1] |= 0x80u;
+    std::memcpy(out, map, P);
+    return n;
+}
+
 }  // namespace internal
 
-// Codes one record against prev (null: the defaults) at out; returns its length.
+// Codes one record against prev (null: the defaults) at out, where
+// MaxRecord<L>() + kEncodeSlack bytes may be written; returns its length.
 template <const auto& L>
 inline std::uint32_t EncodeRecord(const char* cur, const char* prev, byte* out) {
-    constexpr std::size_t P = kPresenceBytes<L>;
-    if constexpr (P == 0) {
+    if constexpr (kPresenceBytes<L> == 0) {
         return 0;
+    } else if (prev != nullptr) {
+        return internal::EncodeFields<L, false>(cur, prev, out);
     } else {
-        byte map[P] = {};
-        std::uint32_t n = P;
-        [&]<std::size_t... I>(std::index_sequence<I...>) {
-            (((internal::Sent<L.fields[I], L>(cur, prev))
-                  ? (n += internal::Put<L.fields[I]>(out + n, cur), map[I / 7] |= byte(0x40u >> (I % 7)), 0)
-                  : 0),
-             ...);
-        }(std::make_index_sequence<L.fields.size()>{});
-        map[P - 1] |= 0x80u;
-        std::memcpy(out, map, P);
-        return n;
+        return internal::EncodeFields<L, true>(cur, nullptr, out);
     }
 }
 
@@ -193,19 +314,31 @@ inline void DecodeRecord(const BoundedSource& in, std::int64_t at, std::int64_t 
     if constexpr (!kZeroed) std::memset(cur, 0, L.size);
     byte map[P > 0 ? P : 1] = {};
     std::int64_t mapLen = 0;
-    for (std::int64_t j = 0; j < len; ++j) {
-        const byte b = in[at + j];
-        if (j < static_cast<std::int64_t>(P)) map[j] = b;
-        if (b & 0x80u) {
-            mapLen = j + 1;
-            break;
+    if (at >= 0 && len <= in.size - at) [[likely]] {
+        const byte* p = in.p + at;
+        for (std::int64_t j = 0; j < len; ++j) {
+            const byte b = p[j];
+            if (j < static_cast<std::int64_t>(P)) map[j] = b;
+            if (b & 0x80u) {
+                mapLen = j + 1;
+                break;
+            }
+        }
+    } else {
+        for (std::int64_t j = 0; j < len; ++j) {
+            const byte b = in[at + j];
+            if (j < static_cast<std::int64_t>(P)) map[j] = b;
+            if (b & 0x80u) {
+                mapLen = j + 1;
+                break;
+            }
         }
     }
     // No stop bit within the record: nothing was sent.
     if (mapLen == 0) std::memset(map, 0, sizeof map);
     std::int64_t cursor = at + mapLen;
-    [&]<std::size_t... I>(std::index_sequence<I...>) {
-        ((map[I / 7] & (0x40u >> (I % 7)) ? (void)(cursor += internal::Get<L.fields[I]>(in, cursor, cur))
+    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
+        ((map[I / 7] & (0x40u >> (I % 7)) ? (void)(cursor += internal::GetField<L.fields[I]>(in, cursor, cur))
                                            : internal::Fill<L.fields[I]>(cur, prev)),
          ...);
     }(std::make_index_sequence<L.fields.size()>{});
@@ -226,9 +359,9 @@ inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char
         if (rec == nullptr) break;
         const std::int64_t room = cap - pos - 2;
         if (room < 0) return false;
-        const std::int64_t n = d::EncodeBounded<kMax>(
+        const std::int64_t n = d::EncodeBounded<kMax, kEncodeSlack>(
             [&](char* dst) { return static_cast<std::int64_t>(EncodeRecord<L>(rec, prev, reinterpret_cast<byte*>(dst))); },
-            out + pos + 2, room);
+            out + pos + 2, room, cap != d::kUnbounded);
         if (n < 0) return false;
         d::StoreU16(out + pos, static_cast<std::uint16_t>(n));
         pos += 2 + n;

@@ -14,6 +14,7 @@
 // (see FastEngine). The kept quirks are marked where they occur.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
@@ -24,47 +25,39 @@ namespace trdcomp::fast {
 
 using byte = unsigned char;
 
-// Bytes the unsigned writer uses for v: the smallest n in 1..9 with
-// v < 2^(7n), else 10. Mask tests on the two 32-bit halves, no loop.
-inline std::uint32_t FastSizeUInt64(std::uint64_t v) {
-    const auto hi = static_cast<std::uint32_t>(v >> 32);
-    const auto lo = static_cast<std::uint32_t>(v);
-    if (hi == 0) {
-        if ((lo & 0xFFFFFF80u) == 0) return 1;
-        if ((lo & 0xFFFFC000u) == 0) return 2;
-        if ((lo & 0xFFE00000u) == 0) return 3;
-        if ((lo & 0xF0000000u) == 0) return 4;
-        return 5;
+namespace internal {
+// Byte counts by bit width (0..64) of the value or magnitude: signed
+// smallest n with |v| < 2^(7n-1), unsigned smallest n with v < 2^(7n), both
+// at least 1 and at most 10.
+struct SizeTables {
+    std::uint8_t signedBytes[65];
+    std::uint8_t unsignedBytes[65];
+};
+inline constexpr SizeTables kSizes = [] {
+    SizeTables t{};
+    for (unsigned bits = 0; bits <= 64; ++bits) {
+        t.signedBytes[bits] = static_cast<std::uint8_t>((bits + 7) / 7);
+        t.unsignedBytes[bits] = static_cast<std::uint8_t>(bits == 0 ? 1 : (bits + 6) / 7);
     }
-    if ((hi & 0xFFFFFFF8u) == 0) return 5;
-    if ((hi & 0xFFFFFC00u) == 0) return 6;
-    if ((hi & 0xFFFE0000u) == 0) return 7;
-    if ((hi & 0xFF000000u) == 0) return 8;
-    if ((hi & 0x80000000u) == 0) return 9;
-    return 10;
+    return t;
+}();
+}  // namespace internal
+
+// Bytes the unsigned writer uses for v: the smallest n in 1..9 with
+// v < 2^(7n), else 10. The position of the highest set bit (one instruction)
+// indexes a table, so there is no loop and no chain of tests.
+[[gnu::always_inline]] inline std::uint32_t FastSizeUInt64(std::uint64_t v) {
+    return internal::kSizes.unsignedBytes[std::bit_width(v)];
 }
 
 // Bytes the signed writer uses for v: the smallest n in 1..9 with
 // |v| < 2^(7n-1), else 10. The magnitude is tested, so -64, -8192, ... take
 // one byte more than the shortest coding would; readers accept both.
-inline std::uint32_t FastSizeInt64(std::int64_t v) {
+// (m | 1 has the same table entry as m and spares the zero test.)
+[[gnu::always_inline]] inline std::uint32_t FastSizeInt64(std::int64_t v) {
     const std::uint64_t m =
         v < 0 ? ~static_cast<std::uint64_t>(v) + 1u : static_cast<std::uint64_t>(v);
-    const auto hi = static_cast<std::uint32_t>(m >> 32);
-    const auto lo = static_cast<std::uint32_t>(m);
-    if (hi == 0) {
-        if ((lo & 0xFFFFFFC0u) == 0) return 1;
-        if ((lo & 0xFFFFE000u) == 0) return 2;
-        if ((lo & 0xFFF00000u) == 0) return 3;
-        if ((lo & 0xF8000000u) == 0) return 4;
-        return 5;
-    }
-    if ((hi & 0xFFFFFFFCu) == 0) return 5;
-    if ((hi & 0xFFFFFE00u) == 0) return 6;
-    if ((hi & 0xFFFF0000u) == 0) return 7;
-    if ((hi & 0xFF800000u) == 0) return 8;
-    if ((hi & 0xC0000000u) == 0) return 9;
-    return 10;
+    return internal::kSizes.signedBytes[std::bit_width(m | 1u)];
 }
 
 namespace internal {
@@ -77,7 +70,80 @@ inline void PutGroups(byte* out, std::uint64_t v, std::uint32_t n) {
         *--p = static_cast<byte>(v & 0x7Fu);
     }
 }
+
+// Word-at-a-time forms of the same coding, for the record engine. The 7-bit
+// groups of up to 56 bits are spread over (Spread7) or gathered from
+// (Gather7) the bytes of one 64-bit word, group k in byte k.
+[[gnu::always_inline]] inline std::uint64_t Spread7(std::uint64_t v) {
+    v &= 0x00FFFFFFFFFFFFFFull;
+    v = (v & 0x000000000FFFFFFFull) | ((v & 0x00FFFFFFF0000000ull) << 4);
+    v = (v & 0x00003FFF00003FFFull) | ((v & 0x0FFFC0000FFFC000ull) << 2);
+    return (v & 0x007F007F007F007Full) | ((v & 0x3F803F803F803F80ull) << 1);
+}
+[[gnu::always_inline]] inline std::uint64_t Gather7(std::uint64_t v) {
+    v &= 0x7F7F7F7F7F7F7F7Full;
+    v = (v & 0x007F007F007F007Full) | ((v & 0x7F007F007F007F00ull) >> 1);
+    v = (v & 0x00003FFF00003FFFull) | ((v & 0x3FFF00003FFF0000ull) >> 2);
+    return (v & 0x000000000FFFFFFFull) | ((v & 0x0FFFFFFF00000000ull) >> 4);
+}
+[[gnu::always_inline]] inline std::uint64_t Load64(const void* p) {
+    std::uint64_t v;
+    std::memcpy(&v, p, 8);
+    return v;
+}
+[[gnu::always_inline]] inline void Store64(void* p, std::uint64_t v) { std::memcpy(p, &v, 8); }
+
+// The n (1..8) bytes of a value, first group first, with the stop bit on the
+// last byte and `sign` (0 or 0x40) in the first, as one 8-byte store: the
+// bytes after the n-th are scratch that the caller allows to be written.
+[[gnu::always_inline]] inline void PutWord(byte* out, std::uint64_t v, std::uint32_t n, std::uint64_t sign) {
+    const std::uint32_t shift = 8 * (8 - n);
+    const std::uint64_t w = (Spread7(v) << shift) | (std::uint64_t{0x80} << shift) | (sign << 56);
+    Store64(out, __builtin_bswap64(w));
+}
 }  // namespace internal
+
+// Writers that may write up to 8 bytes at out whatever the value's length
+// (the engine leaves room for this); same bytes as FastPutUInt64 / FastPutInt64
+// within the returned count.
+[[gnu::always_inline]] inline std::uint32_t PutUInt64Wide(byte* out, std::uint64_t v) {
+    const std::uint32_t n = FastSizeUInt64(v);
+    if (n <= 8) [[likely]] {
+        internal::PutWord(out, v, n, 0);
+    } else {
+        internal::PutGroups(out, v, n);
+    }
+    return n;
+}
+[[gnu::always_inline]] inline std::uint32_t PutInt64Wide(byte* out, std::int64_t v) {
+    const std::uint32_t n = FastSizeInt64(v);
+    const std::uint64_t bits = static_cast<std::uint64_t>(v) & 0x7FFFFFFFFFFFFFFFull;
+    if (n <= 8) [[likely]] {
+        internal::PutWord(out, bits, n, v < 0 ? 0x40u : 0u);
+    } else {
+        internal::PutGroups(out, bits, n);
+        if (v < 0) out[0] |= 0x40u;
+    }
+    return n;
+}
+
+// Signed reader over 8 readable bytes at p: the value when its stop byte is
+// among them (returns its byte count), else 0 and the caller reads it byte
+// by byte. Same result as GetSignedAt, computed in the width of T.
+template <class T, bool kSigned = true>
+[[gnu::always_inline]] inline std::int64_t GetWord(const byte* p, T* v) {
+    const std::uint64_t w = internal::Load64(p);
+    const std::uint64_t stops = w & 0x8080808080808080ull;
+    if (stops == 0) [[unlikely]]
+        return 0;
+    const auto n = static_cast<std::uint32_t>(std::countr_zero(stops)) / 8 + 1;
+    std::uint64_t x = internal::Gather7(__builtin_bswap64(w) >> (8 * (8 - n)));
+    if constexpr (kSigned) {
+        if (p[0] & 0x40u) x |= ~std::uint64_t{0} << (7 * n);
+    }
+    *v = static_cast<T>(static_cast<std::make_unsigned_t<T>>(x));
+    return n;
+}
 
 inline std::uint32_t FastPutUInt64(byte* out, std::uint64_t v) {
     const std::uint32_t n = FastSizeUInt64(v);

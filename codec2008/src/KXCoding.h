@@ -1,0 +1,159 @@
+// The value coders of KXPfdk, defined once and inline: the exported members
+// of CKXNetCompressHelper (KXNetCompressHelper.cpp) are these functions, and
+// the 2008 record engine calls them through NchInline, with the same names
+// and arguments, so that a field costs no call across the library boundary.
+//
+//   int, int64   zigzag, then LEB128: 7 bits a byte, least significant group
+//                first, 0x80 set on every byte but the last. A decoder stops
+//                after 5 (int) or 10 (int64) bytes whatever the last byte says.
+//   string       unsigned LEB128 length n (at most 5 bytes), then n bytes.
+//   binData      unsigned LEB128 length n, then n bytes; the encoder drops the
+//                block's trailing zero bytes (the decoders of the record
+//                codecs zero-fill every record first, so nothing is lost).
+//
+// A length of more than INT_MAX - 5 is read as INT_MAX - 5, so that every
+// count returned fits an int. Encoders write exactly the bytes they return.
+#pragma once
+
+#include <climits>
+#include <cstdint>
+#include <cstring>
+
+#include "common/Text.h"
+
+namespace trdcomp::kx {
+
+using u8 = unsigned char;
+
+[[gnu::always_inline]] inline int PutVarint(char* out, std::uint64_t v) {
+    if (v < 0x80u) [[likely]] {
+        out[0] = static_cast<char>(v);
+        return 1;
+    }
+    int n = 0;
+    while (v >= 0x80u) {
+        out[n++] = static_cast<char>(static_cast<u8>(v) | 0x80u);
+        v >>= 7;
+    }
+    out[n++] = static_cast<char>(v);
+    return n;
+}
+
+[[gnu::always_inline]] inline int GetVarint(const char* in, std::uint64_t& v, int maxBytes) {
+    const u8 first = static_cast<u8>(in[0]);
+    if (!(first & 0x80u)) [[likely]] {
+        v = first;
+        return 1;
+    }
+    std::uint64_t value = first & 0x7Fu;
+    int n = 1;
+    while (n < maxBytes) {
+        const u8 b = static_cast<u8>(in[n]);
+        value |= static_cast<std::uint64_t>(b & 0x7Fu) << (7 * n);
+        ++n;
+        if (!(b & 0x80u)) break;
+    }
+    v = value;
+    return n;
+}
+
+inline constexpr std::uint64_t kMaxLength = INT_MAX - 5;
+
+// Reads a string or block length and clamps it so that header + length fits an int.
+[[gnu::always_inline]] inline int GetLength(const char* in, std::int64_t& len) {
+    std::uint64_t raw;
+    const int k = GetVarint(in, raw, 5);
+    len = static_cast<std::int64_t>(raw > kMaxLength ? kMaxLength : raw);
+    return k;
+}
+
+[[gnu::always_inline]] inline int CompressInt(char* out, int value) {
+    const auto u = static_cast<std::uint32_t>(value);
+    const std::uint32_t zz = (u << 1) ^ (value < 0 ? 0xFFFFFFFFu : 0u);
+    return PutVarint(out, zz);
+}
+
+[[gnu::always_inline]] inline int DecompressInt(const char* in, int& value) {
+    std::uint64_t zz;
+    const int k = GetVarint(in, zz, 5);
+    const auto z = static_cast<std::uint32_t>(zz);
+    value = static_cast<int>((z >> 1) ^ (0u - (z & 1u)));
+    return k;
+}
+
+[[gnu::always_inline]] inline int CompressInt64(char* out, long long value) {
+    const auto u = static_cast<std::uint64_t>(value);
+    const std::uint64_t zz = (u << 1) ^ (value < 0 ? ~std::uint64_t{0} : 0u);
+    return PutVarint(out, zz);
+}
+
+[[gnu::always_inline]] inline int DecompressInt64(const char* in, long long& value) {
+    std::uint64_t zz;
+    const int k = GetVarint(in, zz, 10);
+    value = static_cast<long long>((zz >> 1) ^ (std::uint64_t{0} - (zz & 1u)));
+    return k;
+}
+
+// The string coding of a text of n bytes (n = strlen when the caller knows it).
+[[gnu::always_inline]] inline int CompressText(char* out, const char* text, std::size_t n) {
+    const int k = PutVarint(out, n);
+    trdcomp::detail::CopyShort(out + k, text, n);
+    return k + static_cast<int>(n);
+}
+
+// The same for a text read from a field of W bytes (n <= W).
+template <std::size_t W>
+[[gnu::always_inline]] inline int CompressField(char* out, const char* text, std::size_t n) {
+    const int k = PutVarint(out, n);
+    trdcomp::detail::CopyAtMost<W>(out + k, text, n);
+    return k + static_cast<int>(n);
+}
+
+[[gnu::always_inline]] inline int CompressString(char* out, const char* text) {
+    return CompressText(out, text, std::strlen(text));
+}
+
+[[gnu::always_inline]] inline int DecompressString(const char* in, char* dest, int max) {
+    std::int64_t n;
+    const int k = GetLength(in, n);
+    if (max > 0) {
+        if (n < max) {
+            trdcomp::detail::CopyShort(dest, in + k, static_cast<std::size_t>(n));
+            dest[n] = '\0';
+        } else {
+            std::memcpy(dest, in + k, static_cast<std::size_t>(max));
+        }
+    }
+    return k + static_cast<int>(n);
+}
+
+// Bytes of the block up to its last non-zero byte: whole zero words are
+// dropped eight bytes at a time from the end.
+[[gnu::always_inline]] inline std::size_t TrimmedLength(const char* data, std::size_t n) {
+    while (n >= 8) {
+        std::uint64_t w;
+        std::memcpy(&w, data + n - 8, 8);
+        if (w != 0) break;
+        n -= 8;
+    }
+    while (n > 0 && data[n - 1] == 0) --n;
+    return n;
+}
+
+[[gnu::always_inline]] inline int CompressBinData(char* out, const char* data, int len) {
+    const std::size_t n = TrimmedLength(data, len > 0 ? static_cast<std::size_t>(len) : 0);
+    const int k = PutVarint(out, n);
+    trdcomp::detail::CopyShort(out + k, data, n);
+    return k + static_cast<int>(n);
+}
+
+[[gnu::always_inline]] inline int DecompressBinData(const char* in, char* dest, int max, int& len) {
+    std::int64_t n;
+    const int k = GetLength(in, n);
+    len = static_cast<int>(n);
+    const std::int64_t keep = n < max ? n : max;
+    if (keep > 0) trdcomp::detail::CopyShort(dest, in + k, static_cast<std::size_t>(keep));
+    return k + static_cast<int>(n);
+}
+
+}  // namespace trdcomp::kx

@@ -1,0 +1,164 @@
+// Fixed-width text fields read eight bytes at a time: the length of a text
+// inside its field, whether two texts compare equal the way strcmp would,
+// and short copies. Every load stays inside the W bytes of the field (the
+// last word overlaps the one before when W is not a multiple of 8), so
+// nothing outside the record is read.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+namespace trdcomp::detail {
+
+inline std::uint64_t LoadWord(const void* p) {
+    std::uint64_t v;
+    std::memcpy(&v, p, 8);
+    return v;
+}
+
+// High bit of every byte of w that is zero. Only the lowest set bit is exact
+// (a borrow can mark a byte above it too), which is all the callers use.
+inline std::uint64_t ZeroBytes(std::uint64_t w) {
+    return (w - 0x0101010101010101ull) & ~w & 0x8080808080808080ull;
+}
+
+// Offsets of the words that cover a field of W >= 8 bytes: 0, 8, ... and a
+// last one at W - 8.
+template <std::uint32_t W>
+inline constexpr std::uint32_t kWords = (W + 7) / 8;
+template <std::uint32_t W>
+constexpr std::uint32_t WordAt(std::uint32_t k) {
+    return 8 * k + 8 <= W ? 8 * k : W - 8;
+}
+
+// strnlen(p, W).
+template <std::uint32_t W>
+[[gnu::always_inline]] inline std::uint32_t TextLength(const char* p) {
+    if constexpr (W < 8 || W > 64) {
+        return static_cast<std::uint32_t>(::strnlen(p, W));
+    } else {
+        std::uint32_t len = W;
+        [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) __attribute__((always_inline)) {
+            static_cast<void>(((len == W ? [&]() __attribute__((always_inline)) {
+                const std::uint64_t z = ZeroBytes(LoadWord(p + WordAt<W>(K)));
+                if (z) len = WordAt<W>(K) + static_cast<std::uint32_t>(std::countr_zero(z)) / 8;
+                return 0;
+            }() : 0), ...));
+        }(std::make_integer_sequence<std::uint32_t, kWords<W>>{});
+        return len;
+    }
+}
+
+// strncmp(a, b, limit) != 0 for a text field of W bytes at a and b, with
+// limit >= W the bytes of the record from the field on: decided inside the
+// field unless the two fields are equal and hold no zero byte, and then by
+// the bytes behind them (up to limit).
+template <std::uint32_t W>
+[[gnu::always_inline]] inline bool TextDiffers(const char* a, const char* b, std::size_t limit) {
+    if constexpr (W < 8 || W > 64) {
+        return std::strncmp(a, b, limit) != 0;
+    } else {
+        int state = 0;  // 0 undecided, 1 equal, 2 different
+        [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) __attribute__((always_inline)) {
+            static_cast<void>(((state == 0 ? [&]() __attribute__((always_inline)) {
+                const std::uint64_t x = LoadWord(a + WordAt<W>(K));
+                const std::uint64_t diff = x ^ LoadWord(b + WordAt<W>(K));
+                const std::uint64_t z = ZeroBytes(x);
+                // Bytes up to and including a's first zero decide; without a
+                // zero, any difference does.
+                if (z) state = (diff & (z ^ (z - 1))) ? 2 : 1;
+                else if (diff) state = 2;
+                return 0;
+            }() : 0), ...));
+        }(std::make_integer_sequence<std::uint32_t, kWords<W>>{});
+        if (state != 0) return state == 2;
+        return limit > W && std::strncmp(a + W, b + W, limit - W) != 0;
+    }
+}
+
+// Is any of the W bytes at p non-zero? Are the W bytes at a and b different?
+template <std::uint32_t W>
+[[gnu::always_inline]] inline bool AnyNonZero(const char* p) {
+    if constexpr (W < 8 || W > 256) {
+        for (std::uint32_t i = 0; i < W; ++i)
+            if (p[i] != 0) return true;
+        return false;
+    } else {
+        std::uint64_t any = 0;
+        [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) __attribute__((always_inline)) {
+            ((any |= LoadWord(p + WordAt<W>(K))), ...);
+        }(std::make_integer_sequence<std::uint32_t, kWords<W>>{});
+        return any != 0;
+    }
+}
+template <std::uint32_t W>
+[[gnu::always_inline]] inline bool BlockDiffers(const char* a, const char* b) {
+    if constexpr (W < 8 || W > 256) {
+        return std::memcmp(a, b, W) != 0;
+    } else {
+        std::uint64_t any = 0;
+        [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) __attribute__((always_inline)) {
+            ((any |= LoadWord(a + WordAt<W>(K)) ^ LoadWord(b + WordAt<W>(K))), ...);
+        }(std::make_integer_sequence<std::uint32_t, kWords<W>>{});
+        return any != 0;
+    }
+}
+
+// memcpy(dst, src, n) for the short copies of texts: overlapping word moves
+// up to 32 bytes, the library call beyond.
+[[gnu::always_inline]] inline void CopyShort(void* dst, const void* src, std::size_t n) {
+    auto* d = static_cast<unsigned char*>(dst);
+    const auto* s = static_cast<const unsigned char*>(src);
+    if (n >= 8) {
+        if (n > 32) {
+            std::memcpy(d, s, n);
+        } else if (n > 16) {
+            std::uint64_t a, b, c, e;
+            std::memcpy(&a, s, 8);
+            std::memcpy(&b, s + 8, 8);
+            std::memcpy(&c, s + n - 16, 8);
+            std::memcpy(&e, s + n - 8, 8);
+            std::memcpy(d, &a, 8);
+            std::memcpy(d + 8, &b, 8);
+            std::memcpy(d + n - 16, &c, 8);
+            std::memcpy(d + n - 8, &e, 8);
+        } else {
+            std::uint64_t a, b;
+            std::memcpy(&a, s, 8);
+            std::memcpy(&b, s + n - 8, 8);
+            std::memcpy(d, &a, 8);
+            std::memcpy(d + n - 8, &b, 8);
+        }
+    } else if (n >= 4) {
+        std::uint32_t a, b;
+        std::memcpy(&a, s, 4);
+        std::memcpy(&b, s + n - 4, 4);
+        std::memcpy(d, &a, 4);
+        std::memcpy(d + n - 4, &b, 4);
+    } else if (n > 0) {
+        d[0] = s[0];
+        d[n / 2] = s[n / 2];
+        d[n - 1] = s[n - 1];
+    }
+}
+
+// CopyShort of at most W bytes (n is clamped to W), for a copy out of or
+// into a field of W bytes: only the moves such a length can take are built.
+template <std::size_t W>
+[[gnu::always_inline]] inline void CopyAtMost(void* dst, const void* src, std::size_t n) {
+    n = n < W ? n : W;
+    if constexpr (W < 8) {
+        auto* d = static_cast<unsigned char*>(dst);
+        const auto* s = static_cast<const unsigned char*>(src);
+        for (std::size_t i = 0; i < n; ++i) d[i] = s[i];
+    } else if constexpr (W <= 32) {
+        CopyShort(dst, src, n);
+    } else {
+        std::memcpy(dst, src, n);
+    }
+}
+
+}  // namespace trdcomp::detail
