@@ -23,7 +23,6 @@
 #include "common/Bytes.h"
 #include "common/Framing.h"
 #include "common/Layout.h"
-#include "codec2008/src/KXCoding.h"
 #include "common/Text.h"
 #include "trdcomp/KXNetCompressHelper.h"
 
@@ -33,28 +32,23 @@ using model::Field;
 using model::Kind;
 namespace d = trdcomp::detail;
 
-// The CKXNetCompressHelper primitives as the engine calls them: the same
-// names, arguments and bytes as the exported members, inlined from their one
-// definition in the KXPfdk sources (KXCoding.h). The string coder also takes
-// the text's length (at most the field's width W) when the engine has
-// already measured it.
-struct NchInline {
-    static int NCH_compress_int(char* out, int value) { return kx::CompressInt(out, value); }
-    static int NCH_decompress_int(char* in, int& value) { return kx::DecompressInt(in, value); }
-    static int NCH_compress_int64(char* out, long long value) { return kx::CompressInt64(out, value); }
-    static int NCH_decompress_int64(char* in, long long& value) { return kx::DecompressInt64(in, value); }
-    static int NCH_compress_string(char* out, const char* text) { return kx::CompressString(out, text); }
+// The engine codes every value through the exported CKXNetCompressHelper
+// members of KXPfdk: the value format belongs to that library, and a KXPfdk
+// with another format (that of a peer) changes the 2008 bytes without a
+// change here. The one addition is a string coder for a fixed field whose
+// text the engine has measured (len <= W): a text that fills its field has
+// no terminator, so it is handed over as a terminated copy.
+struct Nch : CKXNetCompressHelper {
+    using CKXNetCompressHelper::NCH_compress_string;
     template <std::size_t W>
     static int NCH_compress_string(char* out, const char* text, std::size_t len) {
-        return kx::CompressField<W>(out, text, len);
-    }
-    static int NCH_decompress_string(char* in, char* dest, int max) { return kx::DecompressString(in, dest, max); }
-    static int NCH_compress_binData(char* out, char* data, int len) { return kx::CompressBinData(out, data, len); }
-    static int NCH_decompress_binData(char* in, char* dest, int max, int& len) {
-        return kx::DecompressBinData(in, dest, max, len);
+        if (len < W) return CKXNetCompressHelper::NCH_compress_string(out, text);
+        char copy[W + 1];
+        std::memcpy(copy, text, W);
+        copy[W] = '\0';
+        return CKXNetCompressHelper::NCH_compress_string(out, copy);
     }
 };
-using Nch = NchInline;
 
 // Worst-case coded bytes of one field (KXPfdk format: 5 bytes of length).
 constexpr std::uint32_t MaxCoded(const Field& f) {

@@ -1,7 +1,6 @@
-// The value coders of KXPfdk, defined once and inline: the exported members
-// of CKXNetCompressHelper (KXNetCompressHelper.cpp) are these functions, and
-// the 2008 record engine calls them through NchInline, with the same names
-// and arguments, so that a field costs no call across the library boundary.
+// The value coders of KXPfdk, defined once: the exported members of
+// CKXNetCompressHelper (KXNetCompressHelper.cpp) are these functions. The
+// 2008 record engine calls them only through those members.
 //
 //   int, int64   zigzag, then LEB128: 7 bits a byte, least significant group
 //                first, 0x80 set on every byte but the last. A decoder stops

@@ -1,6 +1,5 @@
 // Value coders of the 2008 record coding: the exported members of
-// CKXNetCompressHelper. The format and its coders are defined in KXCoding.h,
-// which the record engine also inlines.
+// CKXNetCompressHelper. The format and its coders are defined in KXCoding.h.
 #include "trdcomp/KXNetCompressHelper.h"
 
 #include "KXCoding.h"
