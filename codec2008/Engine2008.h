@@ -22,6 +22,7 @@
 
 #include "common/Bytes.h"
 #include "common/Framing.h"
+#include "common/Inline.h"
 #include "common/Layout.h"
 #include "common/Text.h"
 #include "trdcomp/KXNetCompressHelper.h"
@@ -100,7 +101,7 @@ inline int CompressInt32(char* out, std::int32_t v, char flag) {
 }
 
 template <Field F>
-[[gnu::always_inline]] inline void EncodeField(const char* rec, char* out, std::uint32_t& n, char flag, std::int32_t active) {
+TRDCOMP_FORCE_INLINE void EncodeField(const char* rec, char* out, std::uint32_t& n, char flag, std::int32_t active) {
     if constexpr (F.entry >= 0) {
         if (F.entry >= active) return;
     }
@@ -135,7 +136,7 @@ template <Field F>
 }
 
 template <Field F>
-[[gnu::always_inline]] inline std::int64_t DecodeValue(char* in, char* rec, char flag) {
+TRDCOMP_FORCE_INLINE std::int64_t DecodeValue(char* in, char* rec, char flag) {
     char* p = rec + F.offset;
     if constexpr (F.kind == Kind::Char) {
         *p = in[0];
@@ -194,7 +195,7 @@ template <Field F>
 // padded copy would give the same); a field confined to its own width is
 // cleared again before the padded retry.
 template <Field F>
-[[gnu::always_inline]] inline std::int64_t DecodeAt(const char* in, std::int64_t len, std::int64_t avail,
+TRDCOMP_FORCE_INLINE std::int64_t DecodeAt(const char* in, std::int64_t len, std::int64_t avail,
                                                     std::int64_t used, char* rec, char flag) {
     constexpr auto kMaxRead = static_cast<std::int64_t>(MaxRead(F));
     const std::int64_t left = len - used;
@@ -211,7 +212,7 @@ template <Field F>
 
 // Decodes one field while bytes remain; false ends the record.
 template <Field F, const auto& L>
-[[gnu::always_inline]] inline bool DecodeField(const char* in, std::int64_t len, std::int64_t avail,
+TRDCOMP_FORCE_INLINE bool DecodeField(const char* in, std::int64_t len, std::int64_t avail,
                                                std::int64_t& used, char* rec, char flag) {
     if (used >= len) return false;
     if constexpr (F.entry >= 0) {
@@ -233,7 +234,7 @@ template <const auto& L>
 inline std::uint32_t EncodeRecord(const char* rec, char* out, char flag) {
     std::uint32_t n = 0;
     const std::int32_t active = ActiveEntries<L>(rec);
-    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
+    [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
         (internal::EncodeField<L.fields[I]>(rec, out, n, flag, active), ...);
     }(std::make_index_sequence<L.fields.size()>{});
     return n;
@@ -246,7 +247,7 @@ template <const auto& L, bool kZeroed = false>
 inline void DecodeRecord(const char* in, std::int64_t len, std::int64_t avail, char* rec, char flag) {
     if constexpr (!kZeroed) std::memset(rec, 0, L.size);
     std::int64_t used = 0;
-    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
+    [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
         static_cast<void>((internal::DecodeField<L.fields[I], L>(in, len, avail, used, rec, flag) && ...));
     }(std::make_index_sequence<L.fields.size()>{});
 }

@@ -13,6 +13,8 @@
 #include <emmintrin.h>
 #endif
 
+#include "common/Inline.h"
+
 namespace trdcomp::detail {
 
 static_assert(std::endian::native == std::endian::little,
@@ -49,7 +51,7 @@ inline char* AllocZeroed(std::uint64_t bytes) noexcept {
 // infinities and values outside the int64 range give INT64_MIN, as the x86
 // conversion instruction does, instead of undefined behaviour (on x86-64 the
 // instruction itself is used: one instruction, no range tests).
-[[gnu::always_inline]] inline std::int64_t TruncToInt64(double d) noexcept {
+TRDCOMP_FORCE_INLINE std::int64_t TruncToInt64(double d) noexcept {
 #if defined(__x86_64__) || defined(_M_X64)
     return _mm_cvttsd_si64(_mm_set_sd(d));
 #else

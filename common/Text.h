@@ -11,6 +11,8 @@
 #include <cstring>
 #include <utility>
 
+#include "common/Inline.h"
+
 namespace trdcomp::detail {
 
 inline std::uint64_t LoadWord(const void* p) {
@@ -36,13 +38,13 @@ constexpr std::uint32_t WordAt(std::uint32_t k) {
 
 // strnlen(p, W).
 template <std::uint32_t W>
-[[gnu::always_inline]] inline std::uint32_t TextLength(const char* p) {
+TRDCOMP_FORCE_INLINE std::uint32_t TextLength(const char* p) {
     if constexpr (W < 8 || W > 64) {
         return static_cast<std::uint32_t>(::strnlen(p, W));
     } else {
         std::uint32_t len = W;
-        [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) __attribute__((always_inline)) {
-            static_cast<void>(((len == W ? [&]() __attribute__((always_inline)) {
+        [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) TRDCOMP_LAMBDA_INLINE {
+            static_cast<void>(((len == W ? [&]() TRDCOMP_LAMBDA_INLINE {
                 const std::uint64_t z = ZeroBytes(LoadWord(p + WordAt<W>(K)));
                 if (z) len = WordAt<W>(K) + static_cast<std::uint32_t>(std::countr_zero(z)) / 8;
                 return 0;
@@ -57,13 +59,13 @@ template <std::uint32_t W>
 // field unless the two fields are equal and hold no zero byte, and then by
 // the bytes behind them (up to limit).
 template <std::uint32_t W>
-[[gnu::always_inline]] inline bool TextDiffers(const char* a, const char* b, std::size_t limit) {
+TRDCOMP_FORCE_INLINE bool TextDiffers(const char* a, const char* b, std::size_t limit) {
     if constexpr (W < 8 || W > 64) {
         return std::strncmp(a, b, limit) != 0;
     } else {
         int state = 0;  // 0 undecided, 1 equal, 2 different
-        [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) __attribute__((always_inline)) {
-            static_cast<void>(((state == 0 ? [&]() __attribute__((always_inline)) {
+        [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) TRDCOMP_LAMBDA_INLINE {
+            static_cast<void>(((state == 0 ? [&]() TRDCOMP_LAMBDA_INLINE {
                 const std::uint64_t x = LoadWord(a + WordAt<W>(K));
                 const std::uint64_t diff = x ^ LoadWord(b + WordAt<W>(K));
                 const std::uint64_t z = ZeroBytes(x);
@@ -81,26 +83,26 @@ template <std::uint32_t W>
 
 // Is any of the W bytes at p non-zero? Are the W bytes at a and b different?
 template <std::uint32_t W>
-[[gnu::always_inline]] inline bool AnyNonZero(const char* p) {
+TRDCOMP_FORCE_INLINE bool AnyNonZero(const char* p) {
     if constexpr (W < 8 || W > 256) {
         for (std::uint32_t i = 0; i < W; ++i)
             if (p[i] != 0) return true;
         return false;
     } else {
         std::uint64_t any = 0;
-        [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) __attribute__((always_inline)) {
+        [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) TRDCOMP_LAMBDA_INLINE {
             ((any |= LoadWord(p + WordAt<W>(K))), ...);
         }(std::make_integer_sequence<std::uint32_t, kWords<W>>{});
         return any != 0;
     }
 }
 template <std::uint32_t W>
-[[gnu::always_inline]] inline bool BlockDiffers(const char* a, const char* b) {
+TRDCOMP_FORCE_INLINE bool BlockDiffers(const char* a, const char* b) {
     if constexpr (W < 8 || W > 256) {
         return std::memcmp(a, b, W) != 0;
     } else {
         std::uint64_t any = 0;
-        [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) __attribute__((always_inline)) {
+        [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) TRDCOMP_LAMBDA_INLINE {
             ((any |= LoadWord(a + WordAt<W>(K)) ^ LoadWord(b + WordAt<W>(K))), ...);
         }(std::make_integer_sequence<std::uint32_t, kWords<W>>{});
         return any != 0;
@@ -109,7 +111,7 @@ template <std::uint32_t W>
 
 // memcpy(dst, src, n) for the short copies of texts: overlapping word moves
 // up to 32 bytes, the library call beyond.
-[[gnu::always_inline]] inline void CopyShort(void* dst, const void* src, std::size_t n) {
+TRDCOMP_FORCE_INLINE void CopyShort(void* dst, const void* src, std::size_t n) {
     auto* d = static_cast<unsigned char*>(dst);
     const auto* s = static_cast<const unsigned char*>(src);
     if (n >= 8) {
@@ -148,7 +150,7 @@ template <std::uint32_t W>
 // CopyShort of at most W bytes (n is clamped to W), for a copy out of or
 // into a field of W bytes: only the moves such a length can take are built.
 template <std::size_t W>
-[[gnu::always_inline]] inline void CopyAtMost(void* dst, const void* src, std::size_t n) {
+TRDCOMP_FORCE_INLINE void CopyAtMost(void* dst, const void* src, std::size_t n) {
     n = n < W ? n : W;
     if constexpr (W < 8) {
         auto* d = static_cast<unsigned char*>(dst);

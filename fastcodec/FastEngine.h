@@ -19,6 +19,7 @@
 
 #include "common/Bytes.h"
 #include "common/Framing.h"
+#include "common/Inline.h"
 #include "common/Layout.h"
 #include "common/Text.h"
 #include "fastcodec/FastPrimitives.h"
@@ -59,14 +60,14 @@ inline constexpr std::uint32_t kEncodeSlack = 16;
 namespace internal {
 
 template <Field F>
-[[gnu::always_inline]] inline std::int32_t I32(const char* rec) {
+TRDCOMP_FORCE_INLINE std::int32_t I32(const char* rec) {
     return d::LoadI32(rec + F.offset);
 }
 
 // Is the field sent? Against prev when kFirst is false, else against the
 // default.
 template <Field F, const auto& L, bool kFirst>
-[[gnu::always_inline]] inline bool Sent(const char* cur, const char* prev) {
+TRDCOMP_FORCE_INLINE bool Sent(const char* cur, const char* prev) {
     const char* c = cur + F.offset;
     if constexpr (F.fast == FastKind::Char) {
         if constexpr (kFirst) return static_cast<unsigned char>(*c) != F.fastDefault;
@@ -100,7 +101,7 @@ template <Field F, const auto& L, bool kFirst>
 // Writes the field's value at out, where MaxCoded(F) + kEncodeSlack bytes
 // may be written; returns the bytes of the value.
 template <Field F>
-[[gnu::always_inline]] inline std::uint32_t Put(byte* out, const char* cur) {
+TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* cur) {
     const char* c = cur + F.offset;
     if constexpr (F.fast == FastKind::Char) {
         return PutInt64Wide(out, static_cast<signed char>(*c));
@@ -193,7 +194,7 @@ constexpr std::int64_t Window() {
 // Reads a field at in[at]: unchecked when its window lies inside the
 // message, else through the bounded source (same values, same count).
 template <Field F>
-[[gnu::always_inline]] inline std::int64_t GetField(const BoundedSource& in, std::int64_t at, char* cur) {
+TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t at, char* cur) {
     constexpr std::int64_t kWindow = Window<F>();
     if constexpr (kWindow > 0) {
         if (at >= 0 && at <= in.size - kWindow) [[likely]] {
@@ -248,7 +249,7 @@ template <Field F>
 
 // A field that was not sent: from prev as it stands, else its default.
 template <Field F>
-[[gnu::always_inline]] inline void Fill(char* cur, const char* prev) {
+TRDCOMP_FORCE_INLINE void Fill(char* cur, const char* prev) {
     if (prev) {
         std::memcpy(cur + F.offset, prev + F.offset, F.width);
     } else if constexpr (F.fast == FastKind::Char) {
@@ -263,7 +264,7 @@ template <Field F>
 // kept by advancing the cursor, so that a change costs no branch; the
 // presence bits gather in `map`.
 template <std::size_t I, const auto& L, bool kFirst>
-[[gnu::always_inline]] inline void EncodeField(const char* cur, const char* prev, byte* out, std::uint32_t& n,
+TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* prev, byte* out, std::uint32_t& n,
                                                byte* map) {
     constexpr Field F = L.fields[I];
     const bool sent = Sent<F, L, kFirst>(cur, prev);
@@ -278,11 +279,11 @@ template <std::size_t I, const auto& L, bool kFirst>
 }
 
 template <const auto& L, bool kFirst>
-[[gnu::always_inline]] inline std::uint32_t EncodeFields(const char* cur, const char* prev, byte* out) {
+TRDCOMP_FORCE_INLINE std::uint32_t EncodeFields(const char* cur, const char* prev, byte* out) {
     constexpr std::size_t P = kPresenceBytes<L>;
     byte map[P] = {};
     std::uint32_t n = P;
-    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
+    [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
         (EncodeField<I, L, kFirst>(cur, prev, out, n, map), ...);
     }(std::make_index_sequence<L.fields.size()>{});
     map[P - 1] |= 0x80u;
@@ -337,7 +338,7 @@ inline void DecodeRecord(const BoundedSource& in, std::int64_t at, std::int64_t 
     // No stop bit within the record: nothing was sent.
     if (mapLen == 0) std::memset(map, 0, sizeof map);
     std::int64_t cursor = at + mapLen;
-    [&]<std::size_t... I>(std::index_sequence<I...>) __attribute__((always_inline)) {
+    [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
         ((map[I / 7] & (0x40u >> (I % 7)) ? (void)(cursor += internal::GetField<L.fields[I]>(in, cursor, cur))
                                            : internal::Fill<L.fields[I]>(cur, prev)),
          ...);

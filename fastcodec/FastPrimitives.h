@@ -20,6 +20,7 @@
 #include <type_traits>
 
 #include "common/Bytes.h"
+#include "common/Inline.h"
 
 namespace trdcomp::fast {
 
@@ -46,7 +47,7 @@ inline constexpr SizeTables kSizes = [] {
 // Bytes the unsigned writer uses for v: the smallest n in 1..9 with
 // v < 2^(7n), else 10. The position of the highest set bit (one instruction)
 // indexes a table, so there is no loop and no chain of tests.
-[[gnu::always_inline]] inline std::uint32_t FastSizeUInt64(std::uint64_t v) {
+TRDCOMP_FORCE_INLINE std::uint32_t FastSizeUInt64(std::uint64_t v) {
     return internal::kSizes.unsignedBytes[std::bit_width(v)];
 }
 
@@ -54,7 +55,7 @@ inline constexpr SizeTables kSizes = [] {
 // |v| < 2^(7n-1), else 10. The magnitude is tested, so -64, -8192, ... take
 // one byte more than the shortest coding would; readers accept both.
 // (m | 1 has the same table entry as m and spares the zero test.)
-[[gnu::always_inline]] inline std::uint32_t FastSizeInt64(std::int64_t v) {
+TRDCOMP_FORCE_INLINE std::uint32_t FastSizeInt64(std::int64_t v) {
     const std::uint64_t m =
         v < 0 ? ~static_cast<std::uint64_t>(v) + 1u : static_cast<std::uint64_t>(v);
     return internal::kSizes.signedBytes[std::bit_width(m | 1u)];
@@ -74,29 +75,29 @@ inline void PutGroups(byte* out, std::uint64_t v, std::uint32_t n) {
 // Word-at-a-time forms of the same coding, for the record engine. The 7-bit
 // groups of up to 56 bits are spread over (Spread7) or gathered from
 // (Gather7) the bytes of one 64-bit word, group k in byte k.
-[[gnu::always_inline]] inline std::uint64_t Spread7(std::uint64_t v) {
+TRDCOMP_FORCE_INLINE std::uint64_t Spread7(std::uint64_t v) {
     v &= 0x00FFFFFFFFFFFFFFull;
     v = (v & 0x000000000FFFFFFFull) | ((v & 0x00FFFFFFF0000000ull) << 4);
     v = (v & 0x00003FFF00003FFFull) | ((v & 0x0FFFC0000FFFC000ull) << 2);
     return (v & 0x007F007F007F007Full) | ((v & 0x3F803F803F803F80ull) << 1);
 }
-[[gnu::always_inline]] inline std::uint64_t Gather7(std::uint64_t v) {
+TRDCOMP_FORCE_INLINE std::uint64_t Gather7(std::uint64_t v) {
     v &= 0x7F7F7F7F7F7F7F7Full;
     v = (v & 0x007F007F007F007Full) | ((v & 0x7F007F007F007F00ull) >> 1);
     v = (v & 0x00003FFF00003FFFull) | ((v & 0x3FFF00003FFF0000ull) >> 2);
     return (v & 0x000000000FFFFFFFull) | ((v & 0x0FFFFFFF00000000ull) >> 4);
 }
-[[gnu::always_inline]] inline std::uint64_t Load64(const void* p) {
+TRDCOMP_FORCE_INLINE std::uint64_t Load64(const void* p) {
     std::uint64_t v;
     std::memcpy(&v, p, 8);
     return v;
 }
-[[gnu::always_inline]] inline void Store64(void* p, std::uint64_t v) { std::memcpy(p, &v, 8); }
+TRDCOMP_FORCE_INLINE void Store64(void* p, std::uint64_t v) { std::memcpy(p, &v, 8); }
 
 // The n (1..8) bytes of a value, first group first, with the stop bit on the
 // last byte and `sign` (0 or 0x40) in the first, as one 8-byte store: the
 // bytes after the n-th are scratch that the caller allows to be written.
-[[gnu::always_inline]] inline void PutWord(byte* out, std::uint64_t v, std::uint32_t n, std::uint64_t sign) {
+TRDCOMP_FORCE_INLINE void PutWord(byte* out, std::uint64_t v, std::uint32_t n, std::uint64_t sign) {
     const std::uint32_t shift = 8 * (8 - n);
     const std::uint64_t w = (Spread7(v) << shift) | (std::uint64_t{0x80} << shift) | (sign << 56);
     Store64(out, __builtin_bswap64(w));
@@ -106,7 +107,7 @@ inline void PutGroups(byte* out, std::uint64_t v, std::uint32_t n) {
 // Writers that may write up to 8 bytes at out whatever the value's length
 // (the engine leaves room for this); same bytes as FastPutUInt64 / FastPutInt64
 // within the returned count.
-[[gnu::always_inline]] inline std::uint32_t PutUInt64Wide(byte* out, std::uint64_t v) {
+TRDCOMP_FORCE_INLINE std::uint32_t PutUInt64Wide(byte* out, std::uint64_t v) {
     const std::uint32_t n = FastSizeUInt64(v);
     if (n <= 8) [[likely]] {
         internal::PutWord(out, v, n, 0);
@@ -115,7 +116,7 @@ inline void PutGroups(byte* out, std::uint64_t v, std::uint32_t n) {
     }
     return n;
 }
-[[gnu::always_inline]] inline std::uint32_t PutInt64Wide(byte* out, std::int64_t v) {
+TRDCOMP_FORCE_INLINE std::uint32_t PutInt64Wide(byte* out, std::int64_t v) {
     const std::uint32_t n = FastSizeInt64(v);
     const std::uint64_t bits = static_cast<std::uint64_t>(v) & 0x7FFFFFFFFFFFFFFFull;
     if (n <= 8) [[likely]] {
@@ -131,7 +132,7 @@ inline void PutGroups(byte* out, std::uint64_t v, std::uint32_t n) {
 // among them (returns its byte count), else 0 and the caller reads it byte
 // by byte. Same result as GetSignedAt, computed in the width of T.
 template <class T, bool kSigned = true>
-[[gnu::always_inline]] inline std::int64_t GetWord(const byte* p, T* v) {
+TRDCOMP_FORCE_INLINE std::int64_t GetWord(const byte* p, T* v) {
     const std::uint64_t w = internal::Load64(p);
     const std::uint64_t stops = w & 0x8080808080808080ull;
     if (stops == 0) [[unlikely]]

@@ -18,13 +18,14 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/Inline.h"
 #include "common/Text.h"
 
 namespace trdcomp::kx {
 
 using u8 = unsigned char;
 
-[[gnu::always_inline]] inline int PutVarint(char* out, std::uint64_t v) {
+TRDCOMP_FORCE_INLINE int PutVarint(char* out, std::uint64_t v) {
     if (v < 0x80u) [[likely]] {
         out[0] = static_cast<char>(v);
         return 1;
@@ -38,7 +39,7 @@ using u8 = unsigned char;
     return n;
 }
 
-[[gnu::always_inline]] inline int GetVarint(const char* in, std::uint64_t& v, int maxBytes) {
+TRDCOMP_FORCE_INLINE int GetVarint(const char* in, std::uint64_t& v, int maxBytes) {
     const u8 first = static_cast<u8>(in[0]);
     if (!(first & 0x80u)) [[likely]] {
         v = first;
@@ -59,20 +60,20 @@ using u8 = unsigned char;
 inline constexpr std::uint64_t kMaxLength = INT_MAX - 5;
 
 // Reads a string or block length and clamps it so that header + length fits an int.
-[[gnu::always_inline]] inline int GetLength(const char* in, std::int64_t& len) {
+TRDCOMP_FORCE_INLINE int GetLength(const char* in, std::int64_t& len) {
     std::uint64_t raw;
     const int k = GetVarint(in, raw, 5);
     len = static_cast<std::int64_t>(raw > kMaxLength ? kMaxLength : raw);
     return k;
 }
 
-[[gnu::always_inline]] inline int CompressInt(char* out, int value) {
+TRDCOMP_FORCE_INLINE int CompressInt(char* out, int value) {
     const auto u = static_cast<std::uint32_t>(value);
     const std::uint32_t zz = (u << 1) ^ (value < 0 ? 0xFFFFFFFFu : 0u);
     return PutVarint(out, zz);
 }
 
-[[gnu::always_inline]] inline int DecompressInt(const char* in, int& value) {
+TRDCOMP_FORCE_INLINE int DecompressInt(const char* in, int& value) {
     std::uint64_t zz;
     const int k = GetVarint(in, zz, 5);
     const auto z = static_cast<std::uint32_t>(zz);
@@ -80,13 +81,13 @@ inline constexpr std::uint64_t kMaxLength = INT_MAX - 5;
     return k;
 }
 
-[[gnu::always_inline]] inline int CompressInt64(char* out, long long value) {
+TRDCOMP_FORCE_INLINE int CompressInt64(char* out, long long value) {
     const auto u = static_cast<std::uint64_t>(value);
     const std::uint64_t zz = (u << 1) ^ (value < 0 ? ~std::uint64_t{0} : 0u);
     return PutVarint(out, zz);
 }
 
-[[gnu::always_inline]] inline int DecompressInt64(const char* in, long long& value) {
+TRDCOMP_FORCE_INLINE int DecompressInt64(const char* in, long long& value) {
     std::uint64_t zz;
     const int k = GetVarint(in, zz, 10);
     value = static_cast<long long>((zz >> 1) ^ (std::uint64_t{0} - (zz & 1u)));
@@ -94,7 +95,7 @@ inline constexpr std::uint64_t kMaxLength = INT_MAX - 5;
 }
 
 // The string coding of a text of n bytes (n = strlen when the caller knows it).
-[[gnu::always_inline]] inline int CompressText(char* out, const char* text, std::size_t n) {
+TRDCOMP_FORCE_INLINE int CompressText(char* out, const char* text, std::size_t n) {
     const int k = PutVarint(out, n);
     trdcomp::detail::CopyShort(out + k, text, n);
     return k + static_cast<int>(n);
@@ -102,17 +103,17 @@ inline constexpr std::uint64_t kMaxLength = INT_MAX - 5;
 
 // The same for a text read from a field of W bytes (n <= W).
 template <std::size_t W>
-[[gnu::always_inline]] inline int CompressField(char* out, const char* text, std::size_t n) {
+TRDCOMP_FORCE_INLINE int CompressField(char* out, const char* text, std::size_t n) {
     const int k = PutVarint(out, n);
     trdcomp::detail::CopyAtMost<W>(out + k, text, n);
     return k + static_cast<int>(n);
 }
 
-[[gnu::always_inline]] inline int CompressString(char* out, const char* text) {
+TRDCOMP_FORCE_INLINE int CompressString(char* out, const char* text) {
     return CompressText(out, text, std::strlen(text));
 }
 
-[[gnu::always_inline]] inline int DecompressString(const char* in, char* dest, int max) {
+TRDCOMP_FORCE_INLINE int DecompressString(const char* in, char* dest, int max) {
     std::int64_t n;
     const int k = GetLength(in, n);
     if (max > 0) {
@@ -128,7 +129,7 @@ template <std::size_t W>
 
 // Bytes of the block up to its last non-zero byte: whole zero words are
 // dropped eight bytes at a time from the end.
-[[gnu::always_inline]] inline std::size_t TrimmedLength(const char* data, std::size_t n) {
+TRDCOMP_FORCE_INLINE std::size_t TrimmedLength(const char* data, std::size_t n) {
     while (n >= 8) {
         std::uint64_t w;
         std::memcpy(&w, data + n - 8, 8);
@@ -139,14 +140,14 @@ template <std::size_t W>
     return n;
 }
 
-[[gnu::always_inline]] inline int CompressBinData(char* out, const char* data, int len) {
+TRDCOMP_FORCE_INLINE int CompressBinData(char* out, const char* data, int len) {
     const std::size_t n = TrimmedLength(data, len > 0 ? static_cast<std::size_t>(len) : 0);
     const int k = PutVarint(out, n);
     trdcomp::detail::CopyShort(out + k, data, n);
     return k + static_cast<int>(n);
 }
 
-[[gnu::always_inline]] inline int DecompressBinData(const char* in, char* dest, int max, int& len) {
+TRDCOMP_FORCE_INLINE int DecompressBinData(const char* in, char* dest, int max, int& len) {
     std::int64_t n;
     const int k = GetLength(in, n);
     len = static_cast<int>(n);
