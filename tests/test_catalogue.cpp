@@ -226,8 +226,7 @@ static void AnswerRoundTrips(unsigned seed, bool damage, int& coded) {
                 for (int j = 0; j < sections; ++j) {
                     proc.nRecCount[j] = counts[static_cast<std::size_t>(j)];
                     if (shape) {
-                        const std::string& name =
-                            shape->kind == "switched" ? shape->layouts[counts[0] < 2 ? 0 : 1] : shape->layouts[static_cast<std::size_t>(j)];
+                        const std::string& name = shape->LayoutOf(j, counts[0]);
                         layouts[static_cast<std::size_t>(j)] = &c.At(name);
                         proc.nRecSize[j] = c.At(name).size;
                         recs[static_cast<std::size_t>(j)] = MakeRecords(c.At(name), counts[static_cast<std::size_t>(j)], rng);
@@ -278,7 +277,7 @@ static void AnswerRoundTrips(unsigned seed, bool damage, int& coded) {
                     }
                     at += 8 * sections + 4;
                 } else {
-                    const Layout& l = c.At(back.kind == "switched" ? back.layouts[counts[0] < 2 ? 0 : 1] : back.layouts[0]);
+                    const Layout& l = c.At(back.LayoutOf(0, counts[0]));
                     EXPECT_EQ(Word(r.p, 88), counts[0]);
                     EXPECT_EQ(Word(r.p, 92), l.size);
                     EXPECT_EQ(Word(r.p, 8) & 2, 0);

@@ -42,11 +42,7 @@ std::vector<char> ClassicAnswer(const catalogue_model::AnswerSample& s, trdcomp:
 trdcomp::PackResult ModernAnswer(trdcomp::span<char> out, const catalogue_model::AnswerSample& s, trdcomp::Coding c) {
     std::vector<trdcomp::Array> a;
     for (int j = 0; j < s.proc.nArrayCount; ++j) a.emplace_back(s.arrays[static_cast<std::size_t>(j)].data(), s.proc.nRecCount[j], s.proc.nRecSize[j]);
-    switch (a.size()) {
-        case 1: return trdcomp::PackAnswer(out, s.proc, {a[0]}, c);
-        case 2: return trdcomp::PackAnswer(out, s.proc, {a[0], a[1]}, c);
-        default: return trdcomp::PackAnswer(out, s.proc, {a[0], a[1], a[2]}, c);
-    }
+    return trdcomp::PackAnswer(out, s.proc, trdcomp::span<const trdcomp::Array>(a.data(), a.size()), c);
 }
 
 // Packs into exactly `capacity` bytes of their own heap block (the sanitizers

@@ -156,6 +156,12 @@ const Shape& Catalogue::AnswerShape(int id) const {
     return it->second;
 }
 
+const std::string& Shape::LayoutOf(int j, int count) const {
+    static const std::string none;
+    if (kind == "switched") return layouts[count < 2 ? 0 : 1];
+    return j >= 0 && j < static_cast<int>(layouts.size()) ? layouts[static_cast<std::size_t>(j)] : none;
+}
+
 std::vector<char> MakeRecord(const Layout& l, std::mt19937& rng, const std::vector<char>* prev) {
     std::vector<char> r(static_cast<std::size_t>(l.size), 0);
     for (const Field& f : l.fields) {

@@ -36,6 +36,10 @@ struct Route {
 struct Shape {
     std::string kind;  // single, sections, switched
     std::vector<std::string> layouts;
+    // The layout of array j of an answer whose arrays hold `count` records
+    // (count-switched answers: the narrow layout below two records), or ""
+    // for an array the shape does not have.
+    const std::string& LayoutOf(int j, int count) const;
 };
 
 struct Catalogue {

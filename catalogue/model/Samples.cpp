@@ -74,7 +74,7 @@ std::vector<AnswerSample> SampleAnswers(int id, Coding coding) {
         std::snprintf(s.proc.szLong, sizeof s.proc.szLong, "answer %d", id);
         s.proc.nArrayCount = static_cast<int>(counts.size());
         for (std::size_t j = 0; j < counts.size(); ++j) {
-            const std::string& name = shape.kind == "switched" ? shape.layouts[counts[0] < 2 ? 0 : 1] : shape.layouts[j];
+            const std::string& name = shape.LayoutOf(static_cast<int>(j), counts[0]);
             const Layout& l = c.At(name);
             s.layouts.push_back(&l);
             s.proc.nRecCount[j] = counts[j];

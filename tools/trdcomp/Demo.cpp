@@ -73,12 +73,8 @@ Outcome RunAnswer(const catalogue_model::AnswerSample& s, Coding coding) {
     for (std::size_t j = 0; j < s.layouts.size(); ++j)
         arrays.emplace_back(s.arrays[j].data(), s.proc.nRecCount[j], s.proc.nRecSize[j]);
     std::vector<char> wire(static_cast<std::size_t>(trdcomp::AnswerSizeBound(s.proc, c)));
-    trdcomp::PackResult packed;
-    switch (arrays.size()) {
-        case 1: packed = trdcomp::PackAnswer(wire, s.proc, {arrays[0]}, c); break;
-        case 2: packed = trdcomp::PackAnswer(wire, s.proc, {arrays[0], arrays[1]}, c); break;
-        default: packed = trdcomp::PackAnswer(wire, s.proc, {arrays[0], arrays[1], arrays[2]}, c); break;
-    }
+    const trdcomp::PackResult packed =
+        trdcomp::PackAnswer(wire, s.proc, trdcomp::span<const trdcomp::Array>(arrays.data(), arrays.size()), c);
     if (!packed) return o.problem = std::string("pack: ") + trdcomp::Message(packed.error), o;
     o.bytes = packed.size;
     const trdcomp::Restored back = trdcomp::RestoreAnswer(trdcomp::span<const char>(wire.data(), packed.size));

@@ -43,10 +43,8 @@ std::string PackCell(bool request, int id, bool fast) {
 int ShapeArrays(const Shape& s) { return s.kind == "sections" ? static_cast<int>(s.layouts.size()) : 1; }
 
 const Layout* AnswerLayout(const Shape& s, int j, int count) {
-    const auto& c = Get();
-    if (s.kind == "switched") return &c.At(s.layouts[count < 2 ? 0 : 1]);
-    if (s.kind == "sections") return j < static_cast<int>(s.layouts.size()) ? &c.At(s.layouts[static_cast<std::size_t>(j)]) : nullptr;
-    return &c.At(s.layouts[0]);
+    const std::string& name = s.LayoutOf(j, count);
+    return name.empty() ? nullptr : &Get().At(name);
 }
 
 std::string Plural(std::int64_t n, const char* what) { return std::to_string(n) + " " + what + (n == 1 ? "" : "s"); }

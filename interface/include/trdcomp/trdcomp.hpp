@@ -188,7 +188,7 @@ PackResult PackRequest(span<char> out, tagREQ_HEAD head, span<const R> records, 
 
 // Packs an answer of up to five record arrays described by `proc` (its
 // array table is filled from `arrays`). Never writes past out.size().
-inline PackResult PackAnswer(span<char> out, tagANS_Proc proc, std::initializer_list<Array> arrays, Coding coding) noexcept {
+inline PackResult PackAnswer(span<char> out, tagANS_Proc proc, span<const Array> arrays, Coding coding) noexcept {
     if (out.data() == nullptr) return {0, Errc::null_argument, 0};
     if (arrays.size() > 5) return {0, Errc::too_large, 0};
     char* a[5] = {};
@@ -219,6 +219,16 @@ inline PackResult PackAnswer(span<char> out, tagANS_Proc proc, std::initializer_
     if (needed > 0) return {0, Errc::buffer_too_small, static_cast<std::size_t>(needed)};
     return {0, Errc::refused, 0};
 }
+
+inline PackResult PackAnswer(span<char> out, const tagANS_Proc& proc, std::initializer_list<Array> arrays, Coding coding) noexcept {
+    return PackAnswer(out, proc, span<const Array>(arrays.begin(), arrays.size()), coding);
+}
+
+class Restored;
+namespace detail {
+template <class Classic>
+Restored Restore(span<const char> in, char flag, bool request, Classic classic) noexcept;
+}  // namespace detail
 
 // A restored request or answer. Owns the buffer the library allocated and
 // releases it with CTrdCompData::ReleaseAnsData. Move-only.
@@ -313,8 +323,8 @@ public:
     }
 
 private:
-    friend Restored RestoreRequest(span<const char>, char) noexcept;
-    friend Restored RestoreAnswer(span<const char>, char) noexcept;
+    template <class Classic>
+    friend Restored detail::Restore(span<const char>, char, bool, Classic) noexcept;
 
     std::int32_t Word(std::size_t off) const noexcept {
         std::int32_t v = 0;
@@ -333,30 +343,31 @@ private:
     Errc error_ = Errc::refused;
 };
 
-// Restores received bytes; the result tells refusal apart from success.
-inline Restored RestoreRequest(span<const char> in, char flag = 0) noexcept {
+namespace detail {
+
+// Calls a classic restore on `in`; the result tells refusal apart from success.
+template <class Classic>
+Restored Restore(span<const char> in, char flag, bool request, Classic classic) noexcept {
     Restored r;
-    r.request_ = true;
+    r.request_ = request;
     if (in.data() == nullptr || in.size() > static_cast<std::size_t>(INT_MAX)) {
         r.error_ = in.data() == nullptr ? Errc::null_argument : Errc::too_large;
         return r;
     }
-    const int rc = CTrdCompData::RestoreReq2008(const_cast<char*>(in.data()), static_cast<int>(in.size()), &r.p_, r.len_, flag);
-    // The raw path reports success with no buffer when its allocation failed.
+    const int rc = classic(const_cast<char*>(in.data()), static_cast<int>(in.size()), &r.p_, r.len_, flag);
+    // The raw request path reports success with no buffer when its allocation failed.
     r.error_ = rc != 1 ? Errc::refused : (r.p_ == nullptr && r.len_ > 0 ? Errc::out_of_memory : Errc::ok);
     return r;
 }
 
+}  // namespace detail
+
+inline Restored RestoreRequest(span<const char> in, char flag = 0) noexcept {
+    return detail::Restore(in, flag, true, &CTrdCompData::RestoreReq2008);
+}
+
 inline Restored RestoreAnswer(span<const char> in, char flag = 0) noexcept {
-    Restored r;
-    r.request_ = false;
-    if (in.data() == nullptr || in.size() > static_cast<std::size_t>(INT_MAX)) {
-        r.error_ = in.data() == nullptr ? Errc::null_argument : Errc::too_large;
-        return r;
-    }
-    const int rc = CTrdCompData::RestoreAns2008(const_cast<char*>(in.data()), static_cast<int>(in.size()), &r.p_, r.len_, flag);
-    r.error_ = rc == 1 ? Errc::ok : Errc::refused;
-    return r;
+    return detail::Restore(in, flag, false, &CTrdCompData::RestoreAns2008);
 }
 
 }  // namespace trdcomp
