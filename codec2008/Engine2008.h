@@ -1,8 +1,10 @@
 // The 2008 record coding: one generic record encoder and decoder, specialised
-// per layout at compile time, and the framing of requests and answers.
+// per layout and per set of value coders at compile time, and the framing of
+// requests and answers.
 //
 // A coded record on the wire is a 32-bit length L and L bytes of fields, each
-// coded through CKXNetCompressHelper in layout order:
+// coded through the value coders of KXPfdk in layout order (ValueCoders.h:
+// ours compiled in, or another KXPfdk's exported CKXNetCompressHelper):
 //   char    the byte as it is
 //   text    NCH_compress_string of the text up to its zero or the field's end
 //   bytes   NCH_compress_binData of the whole field
@@ -25,7 +27,7 @@
 #include "common/Inline.h"
 #include "common/Layout.h"
 #include "common/Text.h"
-#include "trdcomp/KXNetCompressHelper.h"
+#include "codec2008/ValueCoders.h"
 
 namespace trdcomp::codec2008 {
 
@@ -33,52 +35,46 @@ using model::Field;
 using model::Kind;
 namespace d = trdcomp::detail;
 
-// The engine codes every value through the exported CKXNetCompressHelper
-// members of KXPfdk: the value format belongs to that library, and a KXPfdk
-// with another format (that of a peer) changes the 2008 bytes without a
-// change here. The one addition is a string coder for a fixed field whose
-// text the engine has measured (len <= W): a text that fills its field has
-// no terminator, so it is handed over as a terminated copy.
-struct Nch : CKXNetCompressHelper {
-    using CKXNetCompressHelper::NCH_compress_string;
-    template <std::size_t W>
-    static int NCH_compress_string(char* out, const char* text, std::size_t len) {
-        if (len < W) return CKXNetCompressHelper::NCH_compress_string(out, text);
-        char copy[W + 1];
-        std::memcpy(copy, text, W);
-        copy[W] = '\0';
-        return CKXNetCompressHelper::NCH_compress_string(out, copy);
-    }
-};
+// Worst-case bytes of an int32 field (an int64 under flag 1).
+template <class C>
+inline constexpr std::uint32_t kMaxInt32 = C::kInt > C::kInt64 ? C::kInt : C::kInt64;
 
-// Worst-case coded bytes of one field (KXPfdk format: 5 bytes of length).
+// Worst-case coded bytes of one field with the coders C.
+template <class C>
 constexpr std::uint32_t MaxCoded(const Field& f) {
     switch (f.kind) {
         case Kind::Char: return 1;
         case Kind::Text:
-        case Kind::Bytes: return 5 + f.width;
-        case Kind::SizedBlock: return 10 + 5 + f.width;  // its length, then the block
+        case Kind::Bytes: return C::kHeader + f.width;
+        case Kind::SizedBlock: return kMaxInt32<C> + C::kHeader + f.width;  // its length, then the block
         case Kind::BlockLength: return 0;
-        default: return 10;
+        case Kind::Int32: return kMaxInt32<C>;
+        default: return C::kInt64;
     }
 }
 
-// Worst-case bytes a decoder reads for one field.
+// Worst-case bytes a decoder of C reads for one field.
+template <class C>
 constexpr std::uint32_t MaxRead(const Field& f) {
     switch (f.kind) {
         case Kind::Char: return 1;
         case Kind::Text:
-        case Kind::Bytes: return 5 + f.limit;
-        case Kind::SizedBlock: return 5 + f.width;
-        default: return 10;
+        case Kind::Bytes: return C::kHeader + f.limit;
+        case Kind::SizedBlock: return C::kHeader + f.width;
+        default: return kMaxInt32<C>;
     }
 }
 
-template <const auto& L>
+// Worst-case coded bytes of a record of layout L with the coders C.
+template <const auto& L, class C = BuiltInCoders>
 constexpr std::uint32_t MaxRecord() {
     std::uint32_t n = 0;
-    for (const Field& f : L.fields) n += MaxCoded(f);
+    for (const Field& f : L.fields) n += MaxCoded<C>(f);
     return n;
+}
+template <const auto& L>
+constexpr std::uint32_t MaxRecordExported() {
+    return MaxRecord<L, ExportedCoders>();
 }
 
 // Entries of a counted array that are coded: min(count, capacity), none below 1.
@@ -94,13 +90,14 @@ inline std::int32_t ActiveEntries(const char* rec) {
 
 namespace internal {
 
-inline int CompressInt32(char* out, std::int32_t v, char flag) {
-    if (flag == 0) return Nch::NCH_compress_int(out, v);
-    if (flag == 1) return Nch::NCH_compress_int64(out, v);
+template <class C>
+TRDCOMP_FORCE_INLINE int CompressInt32(char* out, std::int32_t v, char flag) {
+    if (flag == 0) return C::PutInt(out, v);
+    if (flag == 1) return C::PutInt64(out, v);
     return 0;
 }
 
-template <Field F>
+template <Field F, class C>
 TRDCOMP_FORCE_INLINE void EncodeField(const char* rec, char* out, std::uint32_t& n, char flag, std::int32_t active) {
     if constexpr (F.entry >= 0) {
         if (F.entry >= active) return;
@@ -111,60 +108,59 @@ TRDCOMP_FORCE_INLINE void EncodeField(const char* rec, char* out, std::uint32_t&
     } else if constexpr (F.kind == Kind::Text) {
         // The text up to its zero, or the whole field when it fills it (no
         // byte past the field is read).
-        n += static_cast<std::uint32_t>(Nch::template NCH_compress_string<F.width>(out + n, p, d::TextLength<F.width>(p)));
+        n += static_cast<std::uint32_t>(C::template PutText<F.width>(out + n, p, d::TextLength<F.width>(p)));
     } else if constexpr (F.kind == Kind::Bytes) {
-        n += static_cast<std::uint32_t>(Nch::NCH_compress_binData(out + n, const_cast<char*>(p), F.width));
+        n += static_cast<std::uint32_t>(C::PutBlock(out + n, p, F.width));
     } else if constexpr (F.kind == Kind::Int32) {
-        n += static_cast<std::uint32_t>(CompressInt32(out + n, d::LoadI32(p), flag));
+        n += static_cast<std::uint32_t>(CompressInt32<C>(out + n, d::LoadI32(p), flag));
     } else if constexpr (F.kind == Kind::Int64) {
         std::int64_t v;
         std::memcpy(&v, p, 8);
-        n += static_cast<std::uint32_t>(Nch::NCH_compress_int64(out + n, v));
+        n += static_cast<std::uint32_t>(C::PutInt64(out + n, v));
     } else if constexpr (F.kind == Kind::Double) {
         double v;
         std::memcpy(&v, p, 8);
-        n += static_cast<std::uint32_t>(Nch::NCH_compress_int64(out + n, d::TruncToInt64((v + 0.00005) * 10000.0)));
+        n += static_cast<std::uint32_t>(C::PutInt64(out + n, d::TruncToInt64((v + 0.00005) * 10000.0)));
     } else if constexpr (F.kind == Kind::SizedBlock) {
         // Its length (the int32 behind the block) first; then the block, of
         // that many bytes (the decoder keeps no more than that).
         const std::int32_t len = d::LoadI32(p + F.width);
-        n += static_cast<std::uint32_t>(CompressInt32(out + n, len, flag));
+        n += static_cast<std::uint32_t>(CompressInt32<C>(out + n, len, flag));
         const std::int32_t keep = len < 0 ? 0 : (len > static_cast<std::int32_t>(F.width) ? F.width : len);
-        n += static_cast<std::uint32_t>(Nch::NCH_compress_binData(out + n, const_cast<char*>(p), keep));
+        n += static_cast<std::uint32_t>(C::PutBlock(out + n, p, keep));
     }
     // Kind::BlockLength travels with its block.
 }
 
-template <Field F>
-TRDCOMP_FORCE_INLINE std::int64_t DecodeValue(char* in, char* rec, char flag) {
+template <Field F, class C>
+TRDCOMP_FORCE_INLINE std::int64_t DecodeValue(const char* in, char* rec, char flag) {
     char* p = rec + F.offset;
     if constexpr (F.kind == Kind::Char) {
         *p = in[0];
         return 1;
     } else if constexpr (F.kind == Kind::Text) {
-        return Nch::NCH_decompress_string(in, p, F.limit);
+        return C::GetText(in, p, F.limit);
     } else if constexpr (F.kind == Kind::Bytes) {
-        int len;
-        return Nch::NCH_decompress_binData(in, p, F.limit, len);
+        return C::GetBlock(in, p, F.limit);
     } else if constexpr (F.kind == Kind::Int32 || F.kind == Kind::BlockLength) {
         if (flag == 0) {
-            int v;
-            const int k = Nch::NCH_decompress_int(in, v);
+            int v = 0;
+            const int k = C::GetInt(in, v);
             d::StoreI32(p, v);
             return k;
         }
         long long v = 0;
-        const int k = Nch::NCH_decompress_int64(in, v);
+        const int k = C::GetInt64(in, v);
         d::StoreI32(p, static_cast<std::int32_t>(v));
         return k;
     } else if constexpr (F.kind == Kind::Int64) {
         long long v = 0;
-        const int k = Nch::NCH_decompress_int64(in, v);
+        const int k = C::GetInt64(in, v);
         std::memcpy(p, &v, 8);
         return k;
     } else if constexpr (F.kind == Kind::Double) {
         long long v = 0;
-        const int k = Nch::NCH_decompress_int64(in, v);
+        const int k = C::GetInt64(in, v);
         const double x = static_cast<double>(v) * 0.0001;
         std::memcpy(p, &x, 8);
         return k;
@@ -172,8 +168,7 @@ TRDCOMP_FORCE_INLINE std::int64_t DecodeValue(char* in, char* rec, char flag) {
         // The block's length was decoded first (see DecodeRecord) and limits it.
         const std::int32_t len = d::LoadI32(p + F.width);
         const int max = len < 0 ? 0 : (len > static_cast<std::int32_t>(F.width) ? F.width : len);
-        int got;
-        return Nch::NCH_decompress_binData(in, p, max, got);
+        return C::GetBlock(in, p, max);
     } else {
         return 0;
     }
@@ -181,37 +176,38 @@ TRDCOMP_FORCE_INLINE std::int64_t DecodeValue(char* in, char* rec, char flag) {
 
 // A field whose worst-case read would pass the end of the record's bytes is
 // decoded from a zero-padded copy of what is left.
-template <Field F>
+template <Field F, class C>
 [[gnu::noinline]] std::int64_t DecodePadded(const char* in, std::int64_t left, char* rec, char flag) {
-    char pad[MaxRead(F) + 32] = {};  // 32 more: the coders copy short texts by words
+    char pad[MaxRead<C>(F) + 32] = {};  // 32 more: the coders copy short texts by words
     std::memcpy(pad, in, static_cast<std::size_t>(left));
-    return DecodeValue<F>(pad, rec, flag);
+    return DecodeValue<F, C>(pad, rec, flag);
 }
 
 // Decodes a field at in[used]: the record has `len` bytes, and `avail`
 // (>= len) bytes from `in` lie inside the message. Where the worst case would
-// pass the record's end but not the message's, the field is decoded in place
-// and kept if it consumed no byte past the record (then it read none, and the
-// padded copy would give the same); a field confined to its own width is
-// cleared again before the padded retry.
-template <Field F>
+// pass the record's end but not the message's, coders that read no byte they
+// do not consume decode the field in place, and it is kept if it consumed no
+// byte past the record (then it read none, and the padded copy would give
+// the same); a field confined to its own width is cleared again before the
+// padded retry. Other coders always get the padded copy there.
+template <Field F, class C>
 TRDCOMP_FORCE_INLINE std::int64_t DecodeAt(const char* in, std::int64_t len, std::int64_t avail,
                                                     std::int64_t used, char* rec, char flag) {
-    constexpr auto kMaxRead = static_cast<std::int64_t>(MaxRead(F));
+    constexpr auto kMaxRead = static_cast<std::int64_t>(MaxRead<C>(F));
     const std::int64_t left = len - used;
-    if (left >= kMaxRead) return DecodeValue<F>(const_cast<char*>(in + used), rec, flag);
-    if constexpr (F.limit == F.width && F.kind != Kind::SizedBlock) {
+    if (left >= kMaxRead) return DecodeValue<F, C>(in + used, rec, flag);
+    if constexpr (C::kReadsOnlyConsumed && F.limit == F.width && F.kind != Kind::SizedBlock) {
         if (avail - used >= kMaxRead) {
-            const std::int64_t k = DecodeValue<F>(const_cast<char*>(in + used), rec, flag);
+            const std::int64_t k = DecodeValue<F, C>(in + used, rec, flag);
             if (k <= left) return k;
             std::memset(rec + F.offset, 0, F.width);
         }
     }
-    return DecodePadded<F>(in + used, left, rec, flag);
+    return DecodePadded<F, C>(in + used, left, rec, flag);
 }
 
 // Decodes one field while bytes remain; false ends the record.
-template <Field F, const auto& L>
+template <Field F, const auto& L, class C>
 TRDCOMP_FORCE_INLINE bool DecodeField(const char* in, std::int64_t len, std::int64_t avail,
                                                std::int64_t& used, char* rec, char flag) {
     if (used >= len) return false;
@@ -220,22 +216,22 @@ TRDCOMP_FORCE_INLINE bool DecodeField(const char* in, std::int64_t len, std::int
     }
     if constexpr (F.kind == Kind::SizedBlock) {
         constexpr Field lengthField{Kind::BlockLength, {}, F.offset + F.width, 4, 4, 0, false, -1};
-        used += DecodeAt<lengthField>(in, len, avail, used, rec, flag);
+        used += DecodeAt<lengthField, C>(in, len, avail, used, rec, flag);
         if (used >= len) return false;
     }
-    if constexpr (F.kind != Kind::BlockLength) used += DecodeAt<F>(in, len, avail, used, rec, flag);
+    if constexpr (F.kind != Kind::BlockLength) used += DecodeAt<F, C>(in, len, avail, used, rec, flag);
     return true;
 }
 
 }  // namespace internal
 
 // Codes one record (its layout's fields) at out; returns the bytes written.
-template <const auto& L>
+template <const auto& L, class C>
 inline std::uint32_t EncodeRecord(const char* rec, char* out, char flag) {
     std::uint32_t n = 0;
     const std::int32_t active = ActiveEntries<L>(rec);
     [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
-        (internal::EncodeField<L.fields[I]>(rec, out, n, flag, active), ...);
+        (internal::EncodeField<L.fields[I], C>(rec, out, n, flag, active), ...);
     }(std::make_index_sequence<L.fields.size()>{});
     return n;
 }
@@ -243,30 +239,32 @@ inline std::uint32_t EncodeRecord(const char* rec, char* out, char flag) {
 // Decodes the `len` bytes at `in` into the record; `avail` (>= len) bytes
 // from `in` are readable. The record is cleared first unless the caller
 // hands in one already zero.
-template <const auto& L, bool kZeroed = false>
+template <const auto& L, class C, bool kZeroed = false>
 inline void DecodeRecord(const char* in, std::int64_t len, std::int64_t avail, char* rec, char flag) {
     if constexpr (!kZeroed) std::memset(rec, 0, L.size);
     std::int64_t used = 0;
     [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
-        static_cast<void>((internal::DecodeField<L.fields[I], L>(in, len, avail, used, rec, flag) && ...));
+        static_cast<void>((internal::DecodeField<L.fields[I], L, C>(in, len, avail, used, rec, flag) && ...));
     }(std::make_index_sequence<L.fields.size()>{});
 }
 
 // Codes `count` records of layout L read from `data` (extent bytes, stride
 // apart) as length-prefixed records at out + pos. Stops at the first record
-// that does not lie inside the data. False when the capacity ran out.
-template <const auto& L>
-inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char* data, std::int64_t extent,
-                      std::int64_t count, std::int32_t stride, char flag) {
-    constexpr std::size_t kMax = MaxRecord<L>();
+// that does not lie inside the data. False when the capacity ran out. The
+// encoders write only the bytes they count, so the classic members (not told
+// their capacity) write straight into the caller's buffer.
+template <const auto& L, class C>
+inline bool EncodeRunWith(char* out, std::int64_t& pos, std::int64_t cap, const char* data, std::int64_t extent,
+                          std::int64_t count, std::int32_t stride, char flag) {
+    constexpr std::size_t kMax = MaxRecord<L, C>();
     for (std::int64_t i = 0; i < count; ++i) {
         const char* rec = d::RecordAt(data, extent, i, stride, L.size);
         if (rec == nullptr) break;
         const std::int64_t room = cap - pos - 4;
         if (room < 0) return false;
         const std::int64_t n = d::EncodeBounded<kMax>(
-            [&](char* dst) { return static_cast<std::int64_t>(EncodeRecord<L>(rec, dst, flag)); }, out + pos + 4,
-            room, cap != d::kUnbounded);
+            [&](char* dst) { return static_cast<std::int64_t>(EncodeRecord<L, C>(rec, dst, flag)); }, out + pos + 4,
+            room, room);
         if (n < 0) return false;
         d::StoreI32(out + pos, static_cast<std::int32_t>(n));
         pos += 4 + n;
@@ -274,11 +272,17 @@ inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char
     return true;
 }
 
+template <const auto& L>
+inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char* data, std::int64_t extent,
+                      std::int64_t count, std::int32_t stride, char flag) {
+    return WithValueCoders([&]<class C>() { return EncodeRunWith<L, C>(out, pos, cap, data, extent, count, stride, flag); });
+}
+
 // Decodes up to `count` length-prefixed records from in[cursor, inLen) into
 // consecutive slots; records the message does not hold stay zero.
-template <const auto& L>
-inline void DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count, char* slots,
-                      char flag) {
+template <const auto& L, class C>
+inline void DecodeRunWith(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count, char* slots,
+                          char flag) {
     for (std::int64_t i = 0; i < count; ++i) {
         if (inLen - cursor < 4) {
             cursor = inLen;
@@ -292,9 +296,15 @@ inline void DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor, 
         // a record's end must clear the next record again, and the first slot
         // is cleared as a record of the section before may have written there.
         if (i == 0) std::memset(slots, 0, L.size);
-        DecodeRecord<L, model::MaxDecodeEnd(L) == L.size>(in + cursor + 4, take, avail, slots + i * L.size, flag);
+        DecodeRecord<L, C, model::MaxDecodeEnd(L) == L.size>(in + cursor + 4, take, avail, slots + i * L.size, flag);
         cursor += 4 + static_cast<std::int64_t>(len);
     }
+}
+
+template <const auto& L>
+inline void DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count, char* slots,
+                      char flag) {
+    WithValueCoders([&]<class C>() { DecodeRunWith<L, C>(in, inLen, cursor, count, slots, flag); });
 }
 
 // ---- requests ----

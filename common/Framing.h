@@ -42,22 +42,34 @@ inline const char* RecordAt(const char* data, std::int64_t extent, std::int64_t 
 }
 
 // Encodes one record of at most Max bytes at dst when the worst case and
-// Slack bytes behind it (which an encoder may use as scratch) fit `room`,
-// else into a scratch copy that is kept only if the real bytes fit. A room
-// that is not known (kUnbounded: the classic members, which are not told the
-// size of the caller's buffer) is trusted only by an encoder without slack,
-// which writes no byte that is not part of the record. Returns the bytes
-// encoded, or -1 (no room). One call site, so each layout's encoder is
-// instantiated once.
+// Slack bytes behind it (which an encoder may use as scratch) are known to
+// be writable, else into a scratch copy that is kept only if the real bytes
+// fit `room`. `writable` is the room itself when the caller's capacity is
+// known; the classic members, which are not told it, pass what the message
+// still to be written proves (the caller's buffer holds the whole message).
+// Returns the bytes encoded, or -1 (no room). One call site, so each
+// layout's encoder is instantiated once.
 template <std::size_t Max, std::size_t Slack = 0, class Encode>
-inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t room, bool roomKnown) {
+inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t room, std::int64_t writable) {
     char scratch[Max + Slack > 0 ? Max + Slack : 1];
-    const bool direct = (roomKnown || Slack == 0) && room >= static_cast<std::int64_t>(Max + Slack);
+    const bool direct = writable >= static_cast<std::int64_t>(Max + Slack);
     const std::int64_t n = encode(direct ? dst : scratch);
     if (direct) return n;
     if (n > room) return -1;
     std::memcpy(dst, scratch, static_cast<std::size_t>(n));
     return n;
+}
+
+// How many of `count` records of `size` bytes, `stride` apart, lie inside
+// the array of `extent` bytes at `data` before the first that does not (the
+// records RecordAt hands out one by one).
+inline std::int64_t RecordsInside(const char* data, std::int64_t extent, std::int64_t count, std::int32_t stride,
+                                  std::uint32_t size) {
+    if (data == nullptr || count <= 0 || extent < static_cast<std::int64_t>(size)) return 0;
+    if (stride == 0) return count;
+    if (stride < 0) return 1;
+    const std::int64_t fit = (extent - static_cast<std::int64_t>(size)) / stride + 1;
+    return fit < count ? fit : count;
 }
 
 // Answer shapes: the record layout of each section. Visit calls

@@ -354,15 +354,19 @@ inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char
                       std::int64_t count, std::int32_t stride) {
     constexpr std::size_t kMax = MaxRecord<L>();
     static_assert(kMax <= 0xFFFF, "a coded record's length must fit its u16 slot");
+    // Without a known capacity, the records still to come prove the room: each
+    // takes at least its length and its presence map, all inside the message.
+    constexpr std::int64_t kLeast = 2 + static_cast<std::int64_t>(kPresenceBytes<L>);
+    const std::int64_t records = d::RecordsInside(data, extent, count, stride, L.size);
     const char* prev = nullptr;
-    for (std::int64_t i = 0; i < count; ++i) {
-        const char* rec = d::RecordAt(data, extent, i, stride, L.size);
-        if (rec == nullptr) break;
+    for (std::int64_t i = 0; i < records; ++i) {
+        const char* rec = data + i * stride;
         const std::int64_t room = cap - pos - 2;
         if (room < 0) return false;
+        const std::int64_t proven = (records - i) * kLeast - 2;
         const std::int64_t n = d::EncodeBounded<kMax, kEncodeSlack>(
             [&](char* dst) { return static_cast<std::int64_t>(EncodeRecord<L>(rec, prev, reinterpret_cast<byte*>(dst))); },
-            out + pos + 2, room, cap != d::kUnbounded);
+            out + pos + 2, room, cap != d::kUnbounded ? room : proven);
         if (n < 0) return false;
         d::StoreU16(out + pos, static_cast<std::uint16_t>(n));
         pos += 2 + n;

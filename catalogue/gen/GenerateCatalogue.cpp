@@ -228,25 +228,31 @@ std::vector<std::vector<std::string>> PackSectionLayouts(int codec, bool fast) {
     return sections;
 }
 
-// C++ expression of the largest coded record among `layouts` in a coding.
-std::string MaxRecordOf(const std::vector<std::string>& layouts, bool fast) {
+// C++ expression of the largest coded record among `layouts` with the coder
+// of a coding: "e8::MaxRecord" (2008, our KXPfdk), "e8::MaxRecordExported"
+// (2008, another KXPfdk keeping the contract) or "ef::MaxRecord" (Fast).
+std::string MaxRecordOf(const std::vector<std::string>& layouts, const std::string& coder) {
     std::string e = "std::max<std::uint32_t>({";
-    for (std::size_t i = 0; i < layouts.size(); ++i)
-        e += (i ? ", " : "") + std::string(fast ? "ef" : "e8") + "::MaxRecord<k" + layouts[i] + ">()";
+    for (std::size_t i = 0; i < layouts.size(); ++i) e += (i ? ", " : "") + coder + "<k" + layouts[i] + ">()";
     return e + "})";
 }
 
 // One row of a record-bound table: per coding, the largest coded record of
-// each array ({} where the coding packs no records).
+// each array ({} where the coding packs no records); the 2008 coding once
+// with our KXPfdk and once with another.
 std::string BoundRowOf(int id, const std::vector<std::vector<std::string>> (&sections)[2]) {
+    const char* const coder[3] = {"e8::MaxRecord", "ef::MaxRecord", "e8::MaxRecordExported"};
+    const int coding[3] = {0, 1, 0};
     std::string row = "        {" + std::to_string(id) + ", {";
-    for (int f = 0; f < 2; ++f) {
-        row += f ? ", {" : "{";
-        for (std::size_t j = 0; j < sections[f].size(); ++j)
-            row += (j ? ", " : "") + MaxRecordOf(sections[f][j], f == 1);
+    for (int c = 0; c < 3; ++c) {
+        if (c == 2)
+            row += ", " + std::to_string(sections[0].size()) + ", " + std::to_string(sections[1].size());
+        row += c ? ", {" : "{";
+        const auto& arrays = sections[coding[c]];
+        for (std::size_t j = 0; j < arrays.size(); ++j) row += (j ? ", " : "") + MaxRecordOf(arrays[j], coder[c]);
         row += "}";
     }
-    return row + ", " + std::to_string(sections[0].size()) + ", " + std::to_string(sections[1].size()) + "}},\n";
+    return row + "}},\n";
 }
 
 // ---- writers ----

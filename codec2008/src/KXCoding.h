@@ -1,6 +1,7 @@
 // The value coders of KXPfdk, defined once: the exported members of
-// CKXNetCompressHelper (KXNetCompressHelper.cpp) are these functions. The
-// 2008 record engine calls them only through those members.
+// CKXNetCompressHelper (KXNetCompressHelper.cpp) are these functions, and the
+// 2008 record engine compiles them in when the process has loaded this
+// KXPfdk (codec2008/ValueCoders.h).
 //
 //   int, int64   zigzag, then LEB128: 7 bits a byte, least significant group
 //                first, 0x80 set on every byte but the last. A decoder stops
@@ -24,6 +25,10 @@
 namespace trdcomp::kx {
 
 using u8 = unsigned char;
+
+// What KXPfdk_trdcomp_value_format() of this KXPfdk returns: "trdckx" and the
+// format's version (1). No other KXPfdk exports that function with this value.
+inline constexpr unsigned long long kFormatMark = 0x747264636B780001ull;
 
 TRDCOMP_FORCE_INLINE int PutVarint(char* out, std::uint64_t v) {
     if (v < 0x80u) [[likely]] {

@@ -6,6 +6,13 @@
 
 namespace kx = trdcomp::kx;
 
+#if !defined(KXPFDK_UNMARKED)
+// The mark by which libtrdcomp recognises this KXPfdk and runs the same
+// coders compiled into its 2008 engine. A KXPfdk without it (another value
+// format) is called through the members below.
+extern "C" KXPFDK_API unsigned long long KXPfdk_trdcomp_value_format() { return kx::kFormatMark; }
+#endif
+
 int CKXNetCompressHelper::NCH_compress_int(char* out, int value) { return kx::CompressInt(out, value); }
 
 int CKXNetCompressHelper::NCH_decompress_int(char* in, int& value) { return kx::DecompressInt(in, value); }

@@ -103,6 +103,7 @@ struct RecordBounds {
     std::array<std::uint32_t, 3> packFast{};
     int arrays2008 = 0;  // arrays the packer codes
     int arraysFast = 0;
+    std::array<std::uint32_t, 3> pack2008Exported{};  // 2008 with another KXPfdk (its contract)
 };
 struct BoundRow {
     int id;

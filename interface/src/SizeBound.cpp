@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "Routing.h"
+#include "codec2008/ValueCoders.h"
 #include "trdcomp/trdcomp.hpp"
 
 namespace trdcomp {
@@ -19,6 +20,13 @@ std::uint64_t Positive(std::int64_t v) { return v > 0 ? static_cast<std::uint64_
 // framing counts in 16 bits.
 std::uint64_t CodedRecords(std::int32_t count, bool fast) {
     return fast ? static_cast<std::uint16_t>(count) : Positive(count);
+}
+
+// The largest coded record of array j: the 2008 coding's depends on the
+// KXPfdk the process loaded.
+std::uint64_t MaxRecord(const detail::RecordBounds& b, int j, bool fast) {
+    if (fast) return b.packFast[j];
+    return codec2008::BuiltInCodersActive() ? b.pack2008[j] : b.pack2008Exported[j];
 }
 
 }  // namespace
@@ -41,7 +49,7 @@ std::uint64_t RequestSizeBound(const tagREQ_HEAD& head, std::size_t dataLen, Cod
             break;
     }
     const auto& bounds = detail::FindBounds(detail::kReqBoundTable, head.nFuncId);
-    const std::uint64_t record = fast ? bounds.packFast[0] + 2u : bounds.pack2008[0] + 4u;
+    const std::uint64_t record = MaxRecord(bounds, 0, fast) + (fast ? 2u : 4u);
     const std::uint64_t coded = headOnly + (fast ? 2 : 0) + CodedRecords(head.nRecCount, fast) * record;
     return std::max(raw, coded);
 }
@@ -70,7 +78,7 @@ std::uint64_t AnswerSizeBound(const tagANS_Proc& proc, Coding coding) noexcept {
     const int arrays = fast ? bounds.arraysFast : bounds.arrays2008;
     std::uint64_t bytes = head + (fast ? 2 * static_cast<std::uint64_t>(arrays) : 0);
     for (int j = 0; j < arrays; ++j) {
-        const std::uint64_t record = fast ? bounds.packFast[j] + 2u : bounds.pack2008[j] + 4u;
+        const std::uint64_t record = MaxRecord(bounds, j, fast) + (fast ? 2u : 4u);
         bytes += CodedRecords(proc.nRecCount[j], fast) * record;
     }
     return bytes;

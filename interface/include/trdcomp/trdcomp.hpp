@@ -122,9 +122,16 @@ struct Array {
           size(static_cast<std::int32_t>(sizeof(R))) {}
 };
 
+// Does the 2008 coding run with the value coders of this project's KXPfdk,
+// compiled into the library? True when the process loaded our KXPfdk; false
+// when it loaded another (a peer's value format), whose exported coders are
+// then called for every value. Decided once, when the library loads.
+TRDCOMP_API bool BuiltInValueCoders() noexcept;
+
 // Upper bounds of the packed size, computed from the catalogue's largest
 // coded record of each layout: never below what PackRequest / PackAnswer
-// write for the same arguments.
+// write for the same arguments. With a KXPfdk of another format the 2008
+// bounds follow the contract such a library keeps (docs/porting-guide.md).
 TRDCOMP_API std::uint64_t RequestSizeBound(const tagREQ_HEAD& head, std::size_t dataLen, Coding coding) noexcept;
 TRDCOMP_API std::uint64_t AnswerSizeBound(const tagANS_Proc& proc, Coding coding) noexcept;
 

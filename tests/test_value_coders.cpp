@@ -1,0 +1,140 @@
+// The seam to KXPfdk: which coders the 2008 engine runs with, that the two
+// sets give the same bytes with our library, and that coders which misreport
+// their counts cannot move the engine outside its buffers.
+//
+// The test suite runs this binary several times (tests/CMakeLists.txt): with
+// our KXPfdk, with ours stripped of its mark, with a KXPfdk of another value
+// format in its place, and with that one preloaded in front of ours.
+// TRDCOMP_TEST_KXPFDK names the library loaded (ours, unmarked, foreign,
+// interposed).
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "codec2008/Engine2008.h"
+#include "common/LayoutMacros.h"
+#include "support/Messages.h"
+#include "trdcomp/trdcomp.hpp"
+
+#include "engine_layouts.def"
+
+namespace e8 = trdcomp::codec2008;
+using testmsg::Exact;
+
+namespace {
+
+std::string LoadedKXPfdk() {
+    const char* v = std::getenv("TRDCOMP_TEST_KXPFDK");
+    return v ? v : "ours";
+}
+
+std::vector<char> RandomRecord(std::size_t size, std::mt19937& rng) {
+    std::vector<char> r(size);
+    for (char& c : r) c = static_cast<char>(rng() % 4 == 0 ? 0 : rng());
+    return r;
+}
+
+// Both coder sets on one layout: the same bytes out, the same record back.
+template <const auto& L>
+void ExpectSameCoding(std::mt19937& rng) {
+    for (char flag : {0, 1, 2}) {
+        for (int k = 0; k < 20; ++k) {
+            const std::vector<char> rec = RandomRecord(L.size, rng);
+            std::vector<char> a(e8::MaxRecord<L, e8::BuiltInCoders>() + 1), b(e8::MaxRecord<L, e8::ExportedCoders>() + 1);
+            const auto na = e8::EncodeRecord<L, e8::BuiltInCoders>(rec.data(), a.data(), flag);
+            const auto nb = e8::EncodeRecord<L, e8::ExportedCoders>(rec.data(), b.data(), flag);
+            ASSERT_EQ(std::vector<char>(a.begin(), a.begin() + na), std::vector<char>(b.begin(), b.begin() + nb))
+                << "flag " << int{flag};
+            std::vector<char> ra(L.size + 16, 0), rb(L.size + 16, 0);
+            e8::DecodeRecord<L, e8::BuiltInCoders>(a.data(), na, na, ra.data(), flag);
+            e8::DecodeRecord<L, e8::ExportedCoders>(a.data(), na, na, rb.data(), flag);
+            ASSERT_EQ(ra, rb) << "flag " << int{flag};
+        }
+    }
+}
+
+// A KXPfdk that keeps the contract on what it reads and writes but returns
+// whatever count it is told to: negative, zero, or far beyond its bytes.
+struct Misreporting {
+    static inline int kCount = 0;
+    static int Fill(char* out, int n) {
+        for (int i = 0; i < n; ++i) out[i] = static_cast<char>(0x41 + i);
+        return kCount;
+    }
+    static int NCH_compress_int(char* out, int) { return Fill(out, 3); }
+    static int NCH_decompress_int(char*, int& v) { return v = 7, kCount; }
+    static int NCH_compress_int64(char* out, long long) { return Fill(out, 5); }
+    static int NCH_decompress_int64(char*, long long& v) { return v = 9, kCount; }
+    static int NCH_compress_string(char* out, const char*) { return Fill(out, 2); }
+    static int NCH_decompress_string(char* in, char* dest, int max) {
+        if (max > 0) std::memcpy(dest, in, static_cast<std::size_t>(max));  // reads max bytes, writes max
+        return kCount;
+    }
+    static int NCH_compress_binData(char* out, char*, int) { return Fill(out, 1); }
+    static int NCH_decompress_binData(char* in, char* dest, int max, int& len) {
+        if (max > 0) std::memcpy(dest, in, static_cast<std::size_t>(max));
+        len = INT_MAX;
+        return kCount;
+    }
+};
+
+// Encodes into a block of exactly the worst case and decodes every prefix of
+// the result from an exact-size copy into a slot with guard bytes around it.
+template <const auto& L, class C>
+void ExpectContained(std::mt19937& rng) {
+    constexpr std::size_t kMax = e8::MaxRecord<L, C>();
+    for (char flag : {0, 1, 2}) {
+        const std::vector<char> rec = RandomRecord(L.size, rng);
+        Exact out(std::vector<char>(kMax, 0));
+        const auto n = e8::EncodeRecord<L, C>(rec.data(), out.data(), flag);
+        ASSERT_LE(n, kMax);
+        const std::size_t spare = trdcomp::model::MaxDecodeEnd(L) - L.size;
+        for (std::uint32_t len = 1; len <= n; len += 1 + len / 8) {
+            Exact in(out.data(), static_cast<int>(len));
+            std::vector<char> slot(16 + L.size + spare + 16, '#');
+            e8::DecodeRecord<L, C>(in.data(), len, len, slot.data() + 16, flag);
+            EXPECT_EQ(std::string(slot.data(), 16), std::string(16, '#'));
+            EXPECT_EQ(std::string(slot.data() + 16 + L.size + spare, 16), std::string(16, '#'));
+        }
+    }
+}
+
+}  // namespace
+
+TEST(ValueCoders, TheLoadedKXPfdkIsRecognised) {
+    const std::string loaded = LoadedKXPfdk();
+    ASSERT_TRUE(loaded == "ours" || loaded == "unmarked" || loaded == "foreign" || loaded == "interposed") << loaded;
+    // Only ours, with its mark and all eight coders from the same library,
+    // runs the engine on the built-in coders.
+    EXPECT_EQ(trdcomp::BuiltInValueCoders(), loaded == "ours");
+}
+
+TEST(ValueCoders, BuiltInAndExportedCodersGiveTheSameBytes) {
+    const std::string loaded = LoadedKXPfdk();
+    if (loaded != "ours" && loaded != "unmarked") GTEST_SKIP() << "the loaded KXPfdk has another format";
+    std::mt19937 rng(12);
+    ExpectSameCoding<kT_SEVEN>(rng);
+    ExpectSameCoding<kT_ORDER>(rng);
+    ExpectSameCoding<kT_COUNTED>(rng);
+    ExpectSameCoding<kT_BLOCK>(rng);
+    ExpectSameCoding<kT_LIMIT>(rng);
+}
+
+TEST(ValueCoders, MisreportedCountsStayInsideTheBuffers) {
+    std::mt19937 rng(5);
+    using Liar = e8::ContractCoders<Misreporting>;
+    for (int count : {-9, 0, 1, 2, 3, 40, INT_MAX}) {
+        SCOPED_TRACE(count);
+        Misreporting::kCount = count;
+        ExpectContained<kT_SEVEN, Liar>(rng);
+        ExpectContained<kT_BLOCK, Liar>(rng);
+        ExpectContained<kT_TAIL_LIMIT, Liar>(rng);
+        ExpectContained<kT_COUNTED, Liar>(rng);
+    }
+    ExpectContained<kT_ORDER, e8::ExportedCoders>(rng);
+    ExpectContained<kT_TAIL_LIMIT, e8::ExportedCoders>(rng);
+}
