@@ -33,12 +33,12 @@ py::dtype Build(const RecordLayout& l) {
             formats.append(py::make_tuple(LayoutDtype(f.entry), py::make_tuple(f.entries)));
         offsets.append(f.offset);
     }
-    py::dict spec;
-    spec["names"] = names;
-    spec["formats"] = formats;
-    spec["offsets"] = offsets;
-    spec["itemsize"] = l.size;
-    return py::dtype::from_args(spec);
+    py::dict description;
+    description["names"] = names;
+    description["formats"] = formats;
+    description["offsets"] = offsets;
+    description["itemsize"] = l.size;
+    return py::dtype::from_args(description);
 }
 
 }  // namespace
