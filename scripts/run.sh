@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # The project's two jobs, runnable on a fresh Debian 12 machine as root:
 #   scripts/run.sh demo   build (release) and run the example
-#   scripts/run.sh test   build and run the tests: release, sanitizers, threads, fuzzing
+#   scripts/run.sh test   build and run the tests: release (with the Python module, the install
+#                         tree and the Debian packages), sanitizers, threads, fuzzing
 # Each installs with apt-get whatever the machine lacks.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-usage() { sed -n '2,5p' "$0" | sed 's/^# \{0,1\}//'; }
+usage() { sed -n '2,6p' "$0" | sed 's/^# \{0,1\}//'; }
 
 install_missing() {
   local missing=()
@@ -28,8 +29,8 @@ case "${1:-}" in
     ;;
   test)
     install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev clang libclang-rt-14-dev \
-      libbenchmark-dev liblz4-dev libzstd-dev
-    echo "== release build, warnings as errors"
+      libbenchmark-dev liblz4-dev libzstd-dev pybind11-dev python3-dev python3-numpy python3-pytest dpkg-dev file
+    echo "== release build, warnings as errors; the Python module, the install tree and the Debian packages"
     cmake --workflow --preset ci
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer (LeakSanitizer on)"
     cmake --workflow --preset asan

@@ -6,10 +6,21 @@
 //   trdcomp/TrdCompRecords.h    a packed struct for every record layout,
 //                               fields named by offset (f145);
 //   CatalogueRequests.cpp,      the member definitions, each one line over
-//   CatalogueAnswers.cpp        the generic engines, and the route rows.
+//   CatalogueAnswers.cpp        the generic engines, and the route rows;
+//   CatalogueFingerprint.h      the catalogue's fingerprint: FNV-1a 64 of its
+//                               canonical text (below);
+//   RecordFields.h              every layout's fields as NumPy formats, for
+//                               the Python module's record arrays.
 // The generated code holds no logic of its own: the engines do the coding.
 //
-// usage: trdcomp_catalogue_gen OUTPUT_DIR
+// The canonical text lists what was read, one line per catalogue line and in
+// catalogue order, with every argument (kinds, offsets, widths, limits,
+// defaults, routing cells): the same catalogue gives the same text however
+// its files are spaced or commented, and any change of layouts, routing,
+// field kinds or limits changes it.
+//
+// usage: trdcomp_catalogue_gen OUTPUT_DIR | --canonical | --hash
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -54,6 +65,16 @@ std::map<int, int> g_aliases;
 std::vector<std::pair<std::string, std::string>> g_req_shared;  // layout, layout whose encoder packs it
 
 std::vector<Layout>* g_target = nullptr;
+std::string g_canonical;
+
+// One line of the canonical text: a tag and the line's arguments.
+template <class... A>
+void Canon(const char* tag, const A&... args) {
+    std::ostringstream line;
+    line << tag;
+    ((line << ' ' << args), ...);
+    g_canonical += line.str() + '\n';
+}
 
 Layout& Current() { return g_target->back(); }
 void Begin(const char* name, int size) { g_target->push_back(Layout{name, size, {}}); }
@@ -61,43 +82,78 @@ void Add(const char* kind, int off, int width, const char* sub = "", int entries
     Current().entries.push_back(Entry{kind, off, width, sub, entries});
 }
 
-#define TRD_LAYOUT(NAME, SIZE) Begin(#NAME, SIZE);
-#define TRD_END(NAME)
-#define TRD_CHAR(OFF) Add("char", OFF, 1);
-#define TRD_CHAR_DEF(OFF, D) Add("char", OFF, 1);
-#define TRD_TEXT(OFF, N) Add("text", OFF, N);
-#define TRD_TEXT_LIMIT(OFF, N, LIMIT) Add("text", OFF, N);
-#define TRD_TEXT_LAST(OFF, N) Add("text", OFF, N);
-#define TRD_ASCII(OFF, N) Add("text", OFF, N);
-#define TRD_BYTES(OFF, N) Add("bytes", OFF, N);
-#define TRD_INT32(OFF) Add("int32", OFF, 4);
-#define TRD_INT64(OFF) Add("int64", OFF, 8);
-#define TRD_DOUBLE(OFF) Add("double", OFF, 8);
-#define TRD_UNCODED(OFF, N) Add("uncoded", OFF, N);
-#define TRD_SIZED_BLOCK(OFF, N) Add("sized", OFF, N);
-#define TRD_COUNTED_ARRAY(OFF, E, ENTRY, COUNT_OFF) Add("array", OFF, 0, #ENTRY, E);
-#define TRD_REQ_LAYOUT_IDS(NAME, ...)                 \
-    for (int id : std::vector<int>{__VA_ARGS__}) g_req_layout_of[id] = #NAME;
-#define TRD_ROUTE(ID, P8, PF, R8, RF) g_routes->push_back(Route{ID, {#P8, #PF, #R8, #RF}});
-#define TRD_ANS_SINGLE(ID, L) g_shapes[ID] = Shape{"single", {#L}};
-#define TRD_ANS_SECTIONS2(ID, L1, L2) g_shapes[ID] = Shape{"sections", {#L1, #L2}};
-#define TRD_ANS_SECTIONS3(ID, L1, L2, L3) g_shapes[ID] = Shape{"sections", {#L1, #L2, #L3}};
-#define TRD_ANS_SWITCHED(ID, N, E) g_shapes[ID] = Shape{"switched", {#N, #E}};
-#define TRD_ANS_ALIAS(ID, OF) g_aliases[ID] = OF;
-#define TRD_REQ_SHARED_ENCODER(LAYOUT, ENCODER) g_req_shared.push_back({#LAYOUT, #ENCODER});
+#define TRD_LAYOUT(NAME, SIZE) Begin(#NAME, SIZE), Canon("LAYOUT", #NAME, SIZE);
+#define TRD_END(NAME) Canon("END", #NAME);
+#define TRD_CHAR(OFF) Add("char", OFF, 1), Canon("CHAR", OFF);
+#define TRD_CHAR_DEF(OFF, D) Add("char", OFF, 1), Canon("CHAR_DEF", OFF, static_cast<int>(D));
+#define TRD_TEXT(OFF, N) Add("text", OFF, N), Canon("TEXT", OFF, N);
+#define TRD_TEXT_LIMIT(OFF, N, LIMIT) Add("text", OFF, N), Canon("TEXT_LIMIT", OFF, N, LIMIT);
+#define TRD_TEXT_LAST(OFF, N) Add("text", OFF, N), Canon("TEXT_LAST", OFF, N);
+#define TRD_ASCII(OFF, N) Add("text", OFF, N), Canon("ASCII", OFF, N);
+#define TRD_BYTES(OFF, N) Add("bytes", OFF, N), Canon("BYTES", OFF, N);
+#define TRD_INT32(OFF) Add("int32", OFF, 4), Canon("INT32", OFF);
+#define TRD_INT64(OFF) Add("int64", OFF, 8), Canon("INT64", OFF);
+#define TRD_DOUBLE(OFF) Add("double", OFF, 8), Canon("DOUBLE", OFF);
+#define TRD_UNCODED(OFF, N) Add("uncoded", OFF, N), Canon("UNCODED", OFF, N);
+#define TRD_SIZED_BLOCK(OFF, N) Add("sized", OFF, N), Canon("SIZED_BLOCK", OFF, N);
+#define TRD_COUNTED_ARRAY(OFF, E, ENTRY, COUNT_OFF) \
+    Add("array", OFF, 0, #ENTRY, E), Canon("COUNTED_ARRAY", OFF, E, #ENTRY, COUNT_OFF);
+#define TRD_REQ_LAYOUT_IDS(NAME, ...)                                     \
+    for (int id : std::vector<int>{__VA_ARGS__}) g_req_layout_of[id] = #NAME; \
+    Canon("REQ_LAYOUT_IDS", #NAME, __VA_ARGS__);
+#define TRD_ROUTE(ID, P8, PF, R8, RF) \
+    g_routes->push_back(Route{ID, {#P8, #PF, #R8, #RF}}), Canon(g_route_tag, ID, #P8, #PF, #R8, #RF);
+#define TRD_ANS_SINGLE(ID, L) g_shapes[ID] = Shape{"single", {#L}}, Canon("ANS_SINGLE", ID, #L);
+#define TRD_ANS_SECTIONS2(ID, L1, L2) g_shapes[ID] = Shape{"sections", {#L1, #L2}}, Canon("ANS_SECTIONS", ID, #L1, #L2);
+#define TRD_ANS_SECTIONS3(ID, L1, L2, L3) \
+    g_shapes[ID] = Shape{"sections", {#L1, #L2, #L3}}, Canon("ANS_SECTIONS", ID, #L1, #L2, #L3);
+#define TRD_ANS_SWITCHED(ID, N, E) g_shapes[ID] = Shape{"switched", {#N, #E}}, Canon("ANS_SWITCHED", ID, #N, #E);
+#define TRD_ANS_ALIAS(ID, OF) g_aliases[ID] = OF, Canon("ANS_ALIAS", ID, OF);
+#define TRD_REQ_SHARED_ENCODER(LAYOUT, ENCODER) \
+    g_req_shared.push_back({#LAYOUT, #ENCODER}), Canon("REQ_SHARED_ENCODER", #LAYOUT, #ENCODER);
 
 std::vector<Route>* g_routes = nullptr;
+const char* g_route_tag = "";
+
+// Request stubs: the head alone on packing (1000, 1001, 1017), nothing on restoring 1017.
+const std::set<int> kReqPackStubs = {1000, 1001, 1017};
+const std::set<int> kReqRestoreStubs = {1017};
+// Answer stubs of 1017, which codes nothing.
+const int kAnsStub = 1017;
 
 void Load() {
+    Canon("trdcomp-catalogue", 1);
     g_target = &g_req_layouts;
 #include "request_layouts.def"
     g_target = &g_ans_layouts;
 #include "answer_layouts.def"
     g_routes = &g_req_routes;
+    g_route_tag = "REQ_ROUTE";
 #include "request_routes.def"
     g_routes = &g_ans_routes;
+    g_route_tag = "ANS_ROUTE";
 #include "answer_routes.def"
 #include "answer_shapes.def"
+    // The stubs are part of what goes on the wire for their ids.
+    for (int id : kReqPackStubs) Canon("REQ_PACK_STUB", id);
+    for (int id : kReqRestoreStubs) Canon("REQ_RESTORE_STUB", id);
+    Canon("ANS_STUB", kAnsStub);
+}
+
+// FNV-1a, 64 bits.
+std::uint64_t Fnv1a64(const std::string& text) {
+    std::uint64_t h = 0xcbf29ce484222325ULL;
+    for (unsigned char c : text) {
+        h ^= c;
+        h *= 0x100000001b3ULL;
+    }
+    return h;
+}
+
+std::string HexOf(std::uint64_t h) {
+    char buf[17];
+    std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
+    return buf;
 }
 
 bool IsCodec(const std::string& cell) { return !cell.empty() && cell[0] >= '0' && cell[0] <= '9'; }
@@ -116,12 +172,6 @@ const char* const kAnsSig[4] = {
     "(char* in, int inLen, char** out, int& outLen, char flag)",
     "(char* in, int inLen, char** out, int& outLen, int version)",
 };
-
-// Request stubs: the head alone on packing (1000, 1001, 1017), nothing on restoring 1017.
-const std::set<int> kReqPackStubs = {1000, 1001, 1017};
-const std::set<int> kReqRestoreStubs = {1017};
-// Answer stubs of 1017, which codes nothing.
-const int kAnsStub = 1017;
 
 std::string Sig(const char* sig, bool named) {
     if (named) return sig;
@@ -447,6 +497,61 @@ void WriteAnswers(std::ostream& o, const Members& m) {
     o << "};\nconst BoundTable kAnsBoundTable = Dense(kAnsBoundRows);\n\n}  // namespace trdcomp::detail\n";
 }
 
+void WriteFingerprint(std::ostream& o) {
+    o << "// Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
+         "// FNV-1a 64 of the catalogue's canonical text (trdcomp_catalogue_gen --canonical).\n"
+         "#pragma once\n\n#define TRDCOMP_CATALOGUE_HASH 0x"
+      << HexOf(Fnv1a64(g_canonical)) << "ULL\n";
+}
+
+// A field's NumPy format: byte strings for chars and texts, unsigned byte
+// arrays for blocks, little-endian numbers; "" for a counted array (its
+// entries are records of another layout).
+std::string NumpyFormat(const Entry& e) {
+    const std::string w = std::to_string(e.width);
+    if (e.kind == "char") return "S1";
+    if (e.kind == "text") return "S" + w;
+    if (e.kind == "int32") return "<i4";
+    if (e.kind == "int64") return "<i8";
+    if (e.kind == "double") return "<f8";
+    if (e.kind == "array") return "";
+    return e.width == 1 ? "u1" : "(" + w + ",)u1";  // bytes, sized, uncoded
+}
+
+void WriteRecordFields(std::ostream& o) {
+    o << "// Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
+         "// The fields of every record layout as NumPy formats, named and placed as\n"
+         "// in TrdCompRecords.h, for the Python module's record arrays.\n"
+         "#pragma once\n\nnamespace trdcomp::generated {\n\n"
+         "struct RecordField {\n"
+         "    const char* name;    // as in TrdCompRecords.h\n"
+         "    const char* format;  // NumPy format; \"\" for an array of `entry` records\n"
+         "    int offset;\n"
+         "    int entries;         // array: entry count\n"
+         "    const char* entry;   // array: entry layout\n"
+         "};\n\n"
+         "struct RecordLayout {\n    const char* name;\n    int size;\n    int first;  // index into kRecordFields\n"
+         "    int count;\n};\n\ninline constexpr RecordField kRecordFields[] = {\n";
+    std::ostringstream layouts;
+    int index = 0;
+    for (const auto* group : {&g_req_layouts, &g_ans_layouts}) {
+        for (const Layout& l : *group) {
+            const int first = index;
+            for (const Entry& e : l.entries) {
+                o << "    {\"f" << e.offset << "\", \"" << NumpyFormat(e) << "\", " << e.offset << ", " << e.entries
+                  << ", \"" << e.sub << "\"},\n";
+                ++index;
+                if (e.kind == "sized") {  // the block's length behind it
+                    o << "    {\"f" << e.offset + e.width << "\", \"<i4\", " << e.offset + e.width << ", 0, \"\"},\n";
+                    ++index;
+                }
+            }
+            layouts << "    {\"" << l.name << "\", " << l.size << ", " << first << ", " << index - first << "},\n";
+        }
+    }
+    o << "};\n\ninline constexpr RecordLayout kRecordLayouts[] = {\n" << layouts.str() << "};\n\n}  // namespace trdcomp::generated\n";
+}
+
 // Writes a file only when its content changed, so builds stay incremental.
 void Emit(const std::string& path, const std::string& text) {
     std::ifstream in(path, std::ios::binary);
@@ -461,25 +566,43 @@ void Emit(const std::string& path, const std::string& text) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2 || std::string(argv[1]) == "--help") {
-        std::cerr << "usage: trdcomp_catalogue_gen OUTPUT_DIR\n"
-                     "writes trdcomp/TrdCompMembers.inc, trdcomp/TrdCompRecords.h, CatalogueRequests.cpp and\n"
-                     "CatalogueAnswers.cpp from the catalogue compiled into this program\n";
+    const std::string arg = argc == 2 ? argv[1] : "";
+    if (argc != 2 || arg == "--help") {
+        std::cerr << "usage: trdcomp_catalogue_gen OUTPUT_DIR | --canonical | --hash\n"
+                     "OUTPUT_DIR: writes trdcomp/TrdCompMembers.inc, trdcomp/TrdCompRecords.h, CatalogueRequests.cpp,\n"
+                     "  CatalogueAnswers.cpp, CatalogueFingerprint.h and RecordFields.h from the catalogue compiled\n"
+                     "  into this program\n"
+                     "--canonical: prints the catalogue's canonical text, of which the fingerprint is the hash\n"
+                     "--hash: prints the fingerprint (FNV-1a 64, 16 hex digits) of the text on standard input\n";
         return argc == 2 ? 0 : 2;
     }
     try {
         Load();
+        if (arg == "--canonical") {
+            std::cout << g_canonical;
+            return 0;
+        }
+        if (arg == "--hash") {
+            std::ostringstream text;
+            text << std::cin.rdbuf();
+            std::cout << HexOf(Fnv1a64(text.str())) << "\n";
+            return 0;
+        }
         const Members m = Collect();
-        const std::string dir = argv[1];
-        std::ostringstream members, records, requests, answers;
+        const std::string dir = arg;
+        std::ostringstream members, records, requests, answers, fingerprint, fields;
         WriteMembers(members, m);
         WriteRecords(records);
         WriteRequests(requests, m);
         WriteAnswers(answers, m);
+        WriteFingerprint(fingerprint);
+        WriteRecordFields(fields);
         Emit(dir + "/trdcomp/TrdCompMembers.inc", members.str());
         Emit(dir + "/trdcomp/TrdCompRecords.h", records.str());
         Emit(dir + "/CatalogueRequests.cpp", requests.str());
         Emit(dir + "/CatalogueAnswers.cpp", answers.str());
+        Emit(dir + "/CatalogueFingerprint.h", fingerprint.str());
+        Emit(dir + "/RecordFields.h", fields.str());
     } catch (const std::exception& e) {
         std::cerr << "trdcomp_catalogue_gen: " << e.what() << "\n";
         return 1;

@@ -2,6 +2,7 @@
 // and throws std::runtime_error with a message for the user on bad input.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace tool {
@@ -31,5 +32,8 @@ struct EncodeCommandOptions {
 int RunEncode(const EncodeCommandOptions& o);
 
 int RunCatalogue(int id);  // 0: every id
+
+// A catalogue fingerprint as printed: 16 lowercase hex digits.
+std::string HashText(std::uint64_t hash);
 
 }  // namespace tool

@@ -6,10 +6,17 @@
 
 #include "Commands.h"
 #include "Message.h"
+#include "trdcomp/trdcomp.hpp"
 
 int main(int argc, char** argv) {
     CLI::App app{"trdcomp: pack, restore and inspect trading messages in the 2008 and Fast codings"};
     app.require_subcommand(1);
+    // The tool's own version (the headers it was built with), the library's
+    // it loaded and that library's catalogue fingerprint.
+    app.set_version_flag("--version", [] {
+        return std::string("trdcomp ") + TRDCOMP_VERSION + ", library " + trdcomp::Version() + ", catalogue " +
+               tool::HashText(trdcomp::CatalogueHash());
+    });
 
     tool::DemoOptions demo;
     auto* demoCmd = app.add_subcommand(
@@ -42,9 +49,15 @@ int main(int argc, char** argv) {
     encodeCmd->add_flag("--hex", encode.hex, "Write the message as hex text");
 
     int catalogueId = 0;
+    bool catalogueHash = false;
     auto* catalogueCmd = app.add_subcommand(
         "catalogue", "List the function ids with the codec each direction and coding uses, or one id's layouts field by field");
-    catalogueCmd->add_option("id", catalogueId, "Show this function id in detail")->check(CLI::Range(1, 2147483647));
+    auto* idOption = catalogueCmd->add_option("id", catalogueId, "Show this function id in detail")->check(CLI::Range(1, 2147483647));
+    catalogueCmd
+        ->add_flag("--hash", catalogueHash,
+                   "Print the fingerprint of the library's catalogue (16 hex digits): two ends that print the same code "
+                   "every function id alike")
+        ->excludes(idOption);
 
     CLI11_PARSE(app, argc, argv);
     const std::string name = app.get_subcommands().front()->get_name();
@@ -52,6 +65,10 @@ int main(int argc, char** argv) {
         if (*demoCmd) return tool::RunDemo(demo);
         if (*decodeCmd) return tool::RunDecode(decode);
         if (*encodeCmd) return tool::RunEncode(encode);
+        if (catalogueHash) {
+            std::cout << tool::HashText(trdcomp::CatalogueHash()) << "\n";
+            return 0;
+        }
         return tool::RunCatalogue(catalogueId);
     } catch (const tool::Refused& e) {
         std::cerr << "trdcomp " << name << ": the library refused the message: " << e.what() << "\n";

@@ -225,6 +225,7 @@ Decoded Decode(const std::vector<char>& wire, char flag) {
     const trdcomp::Restored r = m.request ? trdcomp::RestoreRequest(in, flag) : trdcomp::RestoreAnswer(in, flag);
     if (r.Error() == trdcomp::Errc::out_of_memory) throw Refused("the restore could not allocate its buffer");
     if (!r) throw Refused(WhyRefused(wire, m.request, m.fastVersion));
+    m.restoredBytes = r.Size();
     if (r.Size() == 0) {
         m.restoredNothing = true;
         return m;

@@ -36,6 +36,7 @@ struct Decoded {
     char flag = 0;
     std::vector<char> wire;
     bool restoredNothing = false;  // the id's restore keeps nothing
+    std::size_t restoredBytes = 0; // what the library restored (outLen)
     int arrayCount = 1;            // arrays the sender described (answers)
     std::vector<Section> sections;
     std::vector<char> trailing;    // restored bytes behind the last whole record (raw messages)

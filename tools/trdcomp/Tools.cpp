@@ -118,6 +118,12 @@ int RunEncode(const EncodeCommandOptions& o) {
     return 0;
 }
 
+std::string HashText(std::uint64_t hash) {
+    char text[17];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
+    return text;
+}
+
 int RunCatalogue(int id) {
     const auto& c = Get();
     if (id == 0) {

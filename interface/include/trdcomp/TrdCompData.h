@@ -15,6 +15,7 @@
 #define TRDCOMP_TRDCOMPDATA_H
 
 #include "TrdCompExport.h"
+#include "TrdCompVersion.h"
 
 #pragma pack(push, 1)
 

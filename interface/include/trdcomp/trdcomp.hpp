@@ -89,6 +89,16 @@ inline const char* Message(Errc e) noexcept {
     return "unknown error";
 }
 
+// The version of the library the program loaded ("0.2.0"); TRDCOMP_VERSION
+// is the version of the headers it was compiled with.
+TRDCOMP_API const char* Version() noexcept;
+
+// The fingerprint of the catalogue the library was built from: FNV-1a 64 of
+// the canonical text of its layouts, routing, field kinds and limits. Two
+// ends compare it before they talk: different fingerprints mean that some
+// function id is coded or laid out differently at the two ends.
+TRDCOMP_API std::uint64_t CatalogueHash() noexcept;
+
 // The coding of a message: the 2008 coding with its flag, or the Fast coding
 // with a version from 1 to 15.
 struct Coding {

@@ -1,0 +1,52 @@
+"""Shared inputs of the Python module's tests, handed over by ctest.
+
+TRDCOMP_GOLDEN_DIR  the golden corpus (NAME.wire, NAME.restored)
+TRDCOMP_TOOL        the trdcomp tool of the same build
+TRDCOMP_GENERATED   the generator's output directory (trdcomp/TrdCompRecords.h)
+TRDCOMP_GENERATOR   trdcomp_catalogue_gen of the same build
+TRDCOMP_SOURCE_DIR  the source tree (catalogue/ and its generator)
+CXX                 the C++ compiler of the build
+"""
+import os
+import pathlib
+
+import pytest
+
+
+def _path(name):
+    value = os.environ.get(name)
+    if not value:
+        pytest.fail(f"{name} is not set: run these tests through ctest")
+    return pathlib.Path(value)
+
+
+GOLDEN = _path("TRDCOMP_GOLDEN_DIR")
+WIRES = sorted(GOLDEN.glob("*.wire"))
+
+
+@pytest.fixture(scope="session")
+def tool():
+    return _path("TRDCOMP_TOOL")
+
+
+@pytest.fixture(scope="session")
+def generated():
+    return _path("TRDCOMP_GENERATED")
+
+
+@pytest.fixture(scope="session")
+def generator():
+    return _path("TRDCOMP_GENERATOR")
+
+
+@pytest.fixture(scope="session")
+def source_dir():
+    return _path("TRDCOMP_SOURCE_DIR")
+
+
+def golden(name):
+    return (GOLDEN / name).read_bytes()
+
+
+def word(data, offset):
+    return int.from_bytes(data[offset:offset + 4], "little", signed=True)

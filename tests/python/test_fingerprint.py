@@ -1,0 +1,82 @@
+"""The version and the catalogue fingerprint: tool, library, module and
+generator agree, and the fingerprint follows the catalogue's content, not
+its spelling."""
+import os
+import shutil
+import subprocess
+
+import trdcomp
+
+
+def run(*args, stdin=None):
+    return subprocess.run(args, check=True, capture_output=True, text=True, input=stdin).stdout
+
+
+def fnv1a64(text):
+    h = 0xCBF29CE484222325
+    for byte in text.encode():
+        h = ((h ^ byte) * 0x100000001B3) & 0xFFFFFFFFFFFFFFFF
+    return f"{h:016x}"
+
+
+def test_tool_library_and_module_agree(tool, generator):
+    h = trdcomp.catalogue_hash()
+    assert len(h) == 16 and int(h, 16) >= 0
+    assert run(tool, "--version").strip() == f"trdcomp {trdcomp.__version__}, library {trdcomp.__version__}, catalogue {h}"
+    assert run(tool, "catalogue", "--hash").strip() == h
+    assert trdcomp.catalogue()["hash"] == h
+    canonical = run(generator, "--canonical")
+    assert fnv1a64(canonical) == h
+    assert run(generator, "--hash", stdin=canonical).strip() == h
+
+
+def test_version_is_the_projects(source_dir):
+    project = (source_dir / "CMakeLists.txt").read_text()
+    assert f"project(trdcomp VERSION {trdcomp.__version__} " in project
+
+
+def canonical_of(source_dir, tmp_path, edit):
+    """The canonical text of the catalogue after `edit` (file name -> text),
+    from the generator compiled over the edited copy."""
+    catalogue = tmp_path / "catalogue"
+    shutil.copytree(source_dir / "catalogue", catalogue, ignore=shutil.ignore_patterns("model", "*.md"))
+    for name, change in edit.items():
+        path = catalogue / name
+        path.write_text(change(path.read_text()))
+    exe = tmp_path / "gen"
+    subprocess.run([os.environ.get("CXX", "c++"), "-std=c++20", "-O0", "-I", catalogue,
+                    catalogue / "gen" / "GenerateCatalogue.cpp", "-o", exe], check=True)
+    return run(exe, "--canonical")
+
+
+def test_the_fingerprint_follows_the_catalogue(source_dir, tmp_path, generator):
+    original = run(generator, "--canonical")
+
+    def respaced(text):
+        return "// a comment\n" + text.replace("TRD_TEXT(3, 32)", "TRD_TEXT( 3,\n   32 )")
+
+    def wider(text):
+        return text.replace("TRD_TEXT(59, 24)\nTRD_END(REQ_1002)", "TRD_TEXT(59, 25)\nTRD_END(REQ_1002)")
+
+    def limit(text):
+        return text.replace("TRD_TEXT_LIMIT(243, 28, 36)", "TRD_TEXT_LIMIT(243, 28, 35)", 1)
+
+    def rerouted(text):
+        return text.replace("TRD_ROUTE(1003, 1003, 1003, 1003, 1003)", "TRD_ROUTE(1003, 1003, RAW, 1003, 1003)")
+
+    cases = [
+        ("spacing and comments", {"request_layouts.def": respaced}, True),
+        ("a field's width", {"request_layouts.def": wider}, False),
+        ("a text's limit", {"request_layouts.def": limit}, False),
+        ("a route", {"request_routes.def": rerouted}, False),
+    ]
+    for what, edit, same in cases:
+        for name, change in edit.items():
+            text = (source_dir / "catalogue" / name).read_text()
+            assert change(text) != text, f"{what}: the edit found nothing to change"
+        changed = canonical_of(source_dir, tmp_path / what.replace(" ", "_"), edit)
+        assert (fnv1a64(changed) == fnv1a64(original)) == same, what
+        if not same:  # exactly the edited line differs
+            lines, before = changed.splitlines(), original.splitlines()
+            assert len(lines) == len(before), what
+            assert sum(a != b for a, b in zip(lines, before)) == 1, what
