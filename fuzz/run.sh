@@ -47,5 +47,11 @@ run fuzz_pack_restore pack & a=$!
 run fuzz_primitives primitives & b=$!
 wait $a || status=1
 wait $b || status=1
+# The restores with a KXPfdk of another value format: the same seeds, whose
+# 2008 records its decoders read as other tags, lengths and values.
+run fuzz_restore_request_foreign request -dict=fuzz/heads.dict & a=$!
+run fuzz_restore_answer_foreign answer -dict=fuzz/heads.dict & b=$!
+wait $a || status=1
+wait $b || status=1
 if [ $status -ne 0 ]; then echo "fuzzing found a problem: see $findings/"; else echo "fuzzing: no findings"; fi
 exit $status

@@ -123,8 +123,9 @@ TRDCOMP_FORCE_INLINE int DecompressString(const char* in, char* dest, int max) {
     const int k = GetLength(in, n);
     if (max > 0) {
         if (n < max) {
-            trdcomp::detail::CopyShort(dest, in + k, static_cast<std::size_t>(n));
-            dest[n] = '\0';
+            const auto len = static_cast<std::uint32_t>(n);  // 0 <= n < max
+            trdcomp::detail::CopyShort(dest, in + k, len);
+            dest[len] = '\0';
         } else {
             std::memcpy(dest, in + k, static_cast<std::size_t>(max));
         }
@@ -157,7 +158,7 @@ TRDCOMP_FORCE_INLINE int DecompressBinData(const char* in, char* dest, int max, 
     const int k = GetLength(in, n);
     len = static_cast<int>(n);
     const std::int64_t keep = n < max ? n : max;
-    if (keep > 0) trdcomp::detail::CopyShort(dest, in + k, static_cast<std::size_t>(keep));
+    if (keep > 0) trdcomp::detail::CopyShort(dest, in + k, static_cast<std::uint32_t>(keep));  // keep <= max
     return k + static_cast<int>(n);
 }
 

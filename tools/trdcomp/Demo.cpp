@@ -128,6 +128,9 @@ int RunDemo(const DemoOptions& opt) {
     char header[256];
     std::snprintf(header, sizeof header, "%-4s %5s  %-36s %7s %8s %8s %8s %9s %9s  %s", "dir", "id", "layout", "records", "raw",
                   "2008", "fast", "2008/raw", "fast/raw", "ok");
+    std::cout << (trdcomp::BuiltInValueCoders()
+                      ? "2008 values: the coders of our KXPfdk, built in\n"
+                      : "2008 values: the exported coders of the loaded KXPfdk (not ours: another value format)\n");
     std::cout << header << "\n";
     Totals t;
     int requests = 0, answers = 0;
