@@ -22,13 +22,13 @@ install_missing() {
 case "${1:-}" in
   demo)
     install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev \
-      libbenchmark-dev liblz4-dev libzstd-dev
+      libbenchmark-dev liblz4-dev libzstd-dev libpcap-dev
     cmake --workflow --preset release
     build/release/trdcomp demo
     ;;
   test)
     install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev clang libclang-rt-14-dev \
-      libbenchmark-dev liblz4-dev libzstd-dev
+      libbenchmark-dev liblz4-dev libzstd-dev libpcap-dev
     echo "== release build, warnings as errors"
     cmake --workflow --preset ci
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer (LeakSanitizer on)"
