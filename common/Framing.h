@@ -10,6 +10,7 @@
 
 #include "common/Bytes.h"
 #include "common/Layout.h"
+#include "common/Text.h"
 #include "trdcomp/TrdCompData.h"
 
 namespace trdcomp::detail {
@@ -175,7 +176,15 @@ inline char* OpenBlock(char** out, int& outLen, std::int64_t total, int spare, s
         outLen = needed > INT_MAX ? INT_MAX : static_cast<int>(needed);
         return nullptr;
     }
-    if (total > written) std::memset(*out + written, 0, static_cast<std::size_t>(total - written));
+    if (total > written) {
+        // A record or two (the common case) is zeroed by a few stores, not a call.
+        static constexpr char kZeros[32] = {};
+        const auto n = static_cast<std::size_t>(total - written);
+        if (n <= sizeof kZeros)
+            CopyShort(*out + written, kZeros, n);
+        else
+            std::memset(*out + written, 0, n);
+    }
     outLen = static_cast<int>(total);
     return *out;
 }
@@ -193,7 +202,9 @@ inline char* OpenRestoredRequest(const char* in, const RequestHead& h, std::uint
     if (total > INT_MAX || total + kReqSpare < kReqHeadLen) return nullptr;
     char* buf = OpenBlock(out, outLen, total, kReqSpare, kReqHeadLen, tail);
     if (buf == nullptr) return nullptr;
-    std::memcpy(buf, in, kReqHeadLen);
+    // Two fixed copies, both inlined (one of 76 bytes becomes a call).
+    std::memcpy(buf, in, 64);
+    std::memcpy(buf + 64, in + 64, kReqHeadLen - 64);
     return buf + kReqHeadLen;
 }
 
