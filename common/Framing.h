@@ -52,12 +52,17 @@ inline const char* RecordAt(const char* data, std::int64_t extent, std::int64_t 
 // instantiated once.
 template <std::size_t Max, std::size_t Slack = 0, class Encode>
 inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t room, bool roomKnown) {
-    char scratch[Max + Slack > 0 ? Max + Slack : 1];
+    char scratch[Max + Slack > 32 ? Max + Slack : 32];  // at least the short copy below
     const bool direct = (roomKnown || Slack == 0) && room >= static_cast<std::int64_t>(Max + Slack);
     const std::int64_t n = encode(direct ? dst : scratch);
     if (direct) return n;
     if (n > room) return -1;
-    std::memcpy(dst, scratch, static_cast<std::size_t>(n));
+    // A short record (the common case) is copied by a few moves, not a call.
+    if (n <= 32) {
+        CopyShort(dst, scratch, static_cast<std::size_t>(n));
+    } else if constexpr (sizeof scratch > 32) {
+        std::memcpy(dst, scratch, static_cast<std::size_t>(n));
+    }
     return n;
 }
 

@@ -176,19 +176,12 @@ inline std::int64_t Get(const BoundedSource& in, std::int64_t at, char* cur) {
 }
 
 // Bytes from the cursor that the unchecked reader of a field may read: one
-// word for a number, a word of length and the kept bytes for a text or
-// block. The ascii kind searches for its stop byte and is always checked.
+// word for a number, or for the length of a text or block (whose kept bytes
+// are checked against the message once the length is known). The ascii kind
+// searches for its stop byte and is always checked.
 template <Field F>
 constexpr std::int64_t Window() {
-    switch (F.fast) {
-        case FastKind::Char:
-        case FastKind::Int:
-        case FastKind::BlockLength:
-        case FastKind::Int64:
-        case FastKind::Double: return 8;
-        case FastKind::Ascii: return -1;
-        default: return 8 + static_cast<std::int64_t>(F.width);
-    }
+    return F.fast == FastKind::Ascii ? -1 : 8;
 }
 
 // Reads a field at in[at]: unchecked when its window lies inside the
@@ -237,9 +230,12 @@ TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t
                     constexpr std::int32_t kMaxKeep =
                         F.fast == FastKind::String ? static_cast<std::int32_t>(F.width) - 1 : F.width;
                     const std::int32_t keep = len < kMaxKeep ? len : kMaxKeep;
-                    if (keep > 0) d::CopyShort(c, p + k, static_cast<std::size_t>(keep));
-                    if constexpr (F.fast == FastKind::String) c[keep > 0 ? keep : 0] = '\0';
-                    return k + len;
+                    // A text at the end of the message: its kept bytes must lie inside too.
+                    if (keep <= in.size - at - k) {
+                        if (keep > 0) d::CopyShort(c, p + k, static_cast<std::size_t>(keep));
+                        if constexpr (F.fast == FastKind::String) c[keep > 0 ? keep : 0] = '\0';
+                        return k + len;
+                    }
                 }
             }
         }
