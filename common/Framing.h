@@ -10,7 +10,6 @@
 
 #include "common/Bytes.h"
 #include "common/Layout.h"
-#include "common/Text.h"
 #include "trdcomp/TrdCompData.h"
 
 namespace trdcomp::detail {
@@ -52,17 +51,12 @@ inline const char* RecordAt(const char* data, std::int64_t extent, std::int64_t 
 // instantiated once.
 template <std::size_t Max, std::size_t Slack = 0, class Encode>
 inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t room, bool roomKnown) {
-    char scratch[Max + Slack > 32 ? Max + Slack : 32];  // at least the short copy below
+    char scratch[Max + Slack > 0 ? Max + Slack : 1];
     const bool direct = (roomKnown || Slack == 0) && room >= static_cast<std::int64_t>(Max + Slack);
     const std::int64_t n = encode(direct ? dst : scratch);
     if (direct) return n;
     if (n > room) return -1;
-    // A short record (the common case) is copied by a few moves, not a call.
-    if (n <= 32) {
-        CopyShort(dst, scratch, static_cast<std::size_t>(n));
-    } else if constexpr (sizeof scratch > 32) {
-        std::memcpy(dst, scratch, static_cast<std::size_t>(n));
-    }
+    std::memcpy(dst, scratch, static_cast<std::size_t>(n));
     return n;
 }
 
@@ -182,13 +176,21 @@ inline char* OpenBlock(char** out, int& outLen, std::int64_t total, int spare, s
         return nullptr;
     }
     if (total > written) {
-        // A record or two (the common case) is zeroed by a few stores, not a call.
-        static constexpr char kZeros[32] = {};
+        // A short run (a small record) is zeroed by a few overlapping fixed
+        // stores, not a call.
+        char* p = *out + written;
         const auto n = static_cast<std::size_t>(total - written);
-        if (n <= sizeof kZeros)
-            CopyShort(*out + written, kZeros, n);
-        else
-            std::memset(*out + written, 0, n);
+        if (n > 32) {
+            std::memset(p, 0, n);
+        } else if (n >= 16) {
+            std::memset(p, 0, 16);
+            std::memset(p + n - 16, 0, 16);
+        } else if (n >= 8) {
+            std::memset(p, 0, 8);
+            std::memset(p + n - 8, 0, 8);
+        } else {
+            for (std::size_t i = 0; i < n; ++i) p[i] = 0;
+        }
     }
     outLen = static_cast<int>(total);
     return *out;
