@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "trdcomp/TrdCompData.h"
+#include "trdcomp/trdcomp.hpp"
 #include "trdcomp/TrdCompRecords.h"
 
 namespace {
@@ -307,6 +308,51 @@ void BM_DispatchTiny(benchmark::State& state, int coding) {
         benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
+// The hot path of a front end: a one-record request packed, then restored
+// either by the classic restore (a new zeroed block, released again) or
+// into the caller's block by RestoreInto. Request 8996 has one 16-byte text
+// a record; the order request 1011 is 274 bytes.
+// mode 0: pack + classic restore, 1: pack + RestoreInto; 2, 3, 4: the pack,
+// the classic restore, RestoreInto alone.
+void BM_HotPath(benchmark::State& state, int id, int coding, int mode) {
+    std::vector<char> record;
+    if (id == 8996) {
+        record.assign(sizeof(tagREQ_8996), 0);
+        std::memcpy(record.data(), "ORD-20261123-042", 16);
+    } else {
+        record = Orders(1);
+    }
+    tagREQ_HEAD head{};
+    head.nHeadLen = TRDCOMP_REQ_HEAD_LEN;
+    head.nFuncId = id;
+    head.nFlags = coding;
+    head.nRecCount = 1;
+    head.nRecSize = static_cast<int>(record.size());
+    std::vector<char> wire(4096);
+    int len = 0;
+    CTrdCompData::PackReq2008(wire.data(), len, &head, record.data(), static_cast<int>(record.size()), 0);
+    std::vector<char> block(trdcomp::RestoredSize({wire.data(), static_cast<std::size_t>(len)}));
+    if (block.empty()) state.SkipWithError("the request does not restore");
+    const bool pack = mode <= 2, into = mode == 1 || mode == 4;
+    for (auto _ : state) {
+        if (pack) CTrdCompData::PackReq2008(wire.data(), len, &head, record.data(), static_cast<int>(record.size()), 0);
+        if (mode == 2) {
+            benchmark::DoNotOptimize(wire.data());
+        } else if (into) {
+            const trdcomp::RestoredView v = trdcomp::RestoreRequestInto(block, {wire.data(), static_cast<std::size_t>(len)});
+            benchmark::DoNotOptimize(v.Data());
+        } else {
+            char* out = nullptr;
+            int outLen = 0;
+            benchmark::DoNotOptimize(CTrdCompData::RestoreReq2008(wire.data(), len, &out, outLen, 0));
+            benchmark::DoNotOptimize(out);
+            CTrdCompData::ReleaseAnsData(out);
+        }
+    }
+    state.counters["ns_per_message"] =
+        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
 // What every restore pays before decoding: one allocation and its zero fill.
 void BM_RestoreAllocation(benchmark::State& state) {
     const std::size_t bytes = static_cast<std::size_t>(state.range(0));
@@ -338,6 +384,14 @@ void Register() {
     }
     benchmark::RegisterBenchmark("dispatch/fast/tiny", BM_DispatchTiny, 0x10);
     benchmark::RegisterBenchmark("dispatch/2008/tiny", BM_DispatchTiny, 0);
+    const char* const modes[] = {"classic", "restore-into", "pack-only", "classic-restore-only", "restore-into-only"};
+    for (const int id : {8996, 1011})
+        for (const int coding : {0x10, 0})
+            for (int mode = 0; mode < 5; ++mode)
+                benchmark::RegisterBenchmark(("hotpath/" + std::string(coding ? "fast" : "2008") + "/request" +
+                                              std::to_string(id) + "/" + modes[mode])
+                                                 .c_str(),
+                                             BM_HotPath, id, coding, mode);
     benchmark::RegisterBenchmark("allocation/zero-fill", BM_RestoreAllocation)->Arg(96 + 10)->Arg(96 + 1000 * 193 + 10);
 }
 

@@ -339,7 +339,7 @@ int RestoreRequest(char* in, int inLen, char** out, int& outLen, char flag) {
     // coded one, one received byte for a copied one.
     const std::int64_t records = d::Records(h.count);
     if (records > (h.coded ? (inLen - h.headLen) / 4 : inLen)) return 0;
-    char* slots = d::OpenRestoredRequest(in, h, L.size, out, outLen);
+    char* slots = d::OpenRestoredRequest(in, h, L.size, out, outLen, model::MaxDecodeEnd(L) - L.size);
     if (slots == nullptr) return 0;
     if (h.coded) {
         std::int64_t cursor = h.headLen;
@@ -396,9 +396,14 @@ int RestoreAnswer(char* in, int inLen, char** out, int& outLen, char flag) {
     }
     if (records > (inLen - cursor) / 4 || total > INT_MAX) return 0;
 
-    outLen = static_cast<int>(total);
-    char* buf = d::AllocZeroed(static_cast<std::uint64_t>(total + d::kAnsSpare));
-    *out = buf;
+    // Bytes a decode limit may write behind the last record, in caller memory.
+    std::int64_t tail = 0;
+    for (int j = 0; j < k; ++j)
+        Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
+            tail = tail > model::MaxDecodeEnd(L) - L.size ? tail : model::MaxDecodeEnd(L) - L.size;
+            return true;
+        });
+    char* buf = d::OpenBlock(out, outLen, total, d::kAnsSpare, d::kAnsHeadLen, tail);
     if (buf == nullptr) return 0;
     std::memcpy(buf, in, d::kAnsHeadLen);
     d::StoreI32(buf + d::kOffHeadLen, d::kAnsHeadLen);

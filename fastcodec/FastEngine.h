@@ -176,19 +176,12 @@ inline std::int64_t Get(const BoundedSource& in, std::int64_t at, char* cur) {
 }
 
 // Bytes from the cursor that the unchecked reader of a field may read: one
-// word for a number, a word of length and the kept bytes for a text or
-// block. The ascii kind searches for its stop byte and is always checked.
+// word for a number, or for the length of a text or block (whose kept bytes
+// are checked against the message once the length is known). The ascii kind
+// searches for its stop byte and is always checked.
 template <Field F>
 constexpr std::int64_t Window() {
-    switch (F.fast) {
-        case FastKind::Char:
-        case FastKind::Int:
-        case FastKind::BlockLength:
-        case FastKind::Int64:
-        case FastKind::Double: return 8;
-        case FastKind::Ascii: return -1;
-        default: return 8 + static_cast<std::int64_t>(F.width);
-    }
+    return F.fast == FastKind::Ascii ? -1 : 8;
 }
 
 // Reads a field at in[at]: unchecked when its window lies inside the
@@ -237,9 +230,12 @@ TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t
                     constexpr std::int32_t kMaxKeep =
                         F.fast == FastKind::String ? static_cast<std::int32_t>(F.width) - 1 : F.width;
                     const std::int32_t keep = len < kMaxKeep ? len : kMaxKeep;
-                    if (keep > 0) d::CopyShort(c, p + k, static_cast<std::size_t>(keep));
-                    if constexpr (F.fast == FastKind::String) c[keep > 0 ? keep : 0] = '\0';
-                    return k + len;
+                    // A text at the end of the message: its kept bytes must lie inside too.
+                    if (keep <= in.size - at - k) {
+                        if (keep > 0) d::CopyShort(c, p + k, static_cast<std::size_t>(keep));
+                        if constexpr (F.fast == FastKind::String) c[keep > 0 ? keep : 0] = '\0';
+                        return k + len;
+                    }
                 }
             }
         }
@@ -314,27 +310,7 @@ inline void DecodeRecord(const BoundedSource& in, std::int64_t at, std::int64_t 
     constexpr std::size_t P = kPresenceBytes<L>;
     if constexpr (!kZeroed) std::memset(cur, 0, L.size);
     byte map[P > 0 ? P : 1] = {};
-    std::int64_t mapLen = 0;
-    if (at >= 0 && len <= in.size - at) [[likely]] {
-        const byte* p = in.p + at;
-        for (std::int64_t j = 0; j < len; ++j) {
-            const byte b = p[j];
-            if (j < static_cast<std::int64_t>(P)) map[j] = b;
-            if (b & 0x80u) {
-                mapLen = j + 1;
-                break;
-            }
-        }
-    } else {
-        for (std::int64_t j = 0; j < len; ++j) {
-            const byte b = in[at + j];
-            if (j < static_cast<std::int64_t>(P)) map[j] = b;
-            if (b & 0x80u) {
-                mapLen = j + 1;
-                break;
-            }
-        }
-    }
+    const std::int64_t mapLen = ReadPresenceMap(in, at, len, map, P);
     // No stop bit within the record: nothing was sent.
     if (mapLen == 0) std::memset(map, 0, sizeof map);
     std::int64_t cursor = at + mapLen;
@@ -425,6 +401,9 @@ int RestoreRequest(char* in, int inLen, char** out, int& outLen, int version) {
     if (decode && inLen - h.headLen < 2) return 0;
     const std::int64_t records = d::Records(h.count);
     if (records > (decode ? (inLen - h.headLen - 2) / 2 : inLen)) return 0;
+    // Into the caller's memory, a count that disagrees is refused before a
+    // byte is written (a classic restore hands back the zeroed buffer).
+    if (decode && d::IntoCallerBlock(out) && d::LoadU16(in + h.headLen) != h.count) return 0;
     char* slots = d::OpenRestoredRequest(in, h, L.size, out, outLen);
     if (slots == nullptr) return 0;
     if (!h.coded) {
@@ -490,11 +469,10 @@ int RestoreAnswer(char* in, int inLen, char** out, int& outLen, int version) {
     }
     if (records > (inLen - headLen) / 2 || total > INT_MAX) return 0;
 
-    outLen = static_cast<int>(total);
-    char* buf = d::AllocZeroed(static_cast<std::uint64_t>(total + d::kAnsSpare));
-    *out = buf;
+    if (version >= 1 && k == 1 && d::IntoCallerBlock(out) && d::LoadU16(in + headLen) != counts[0]) return 0;
+    char* buf = d::OpenBlock(out, outLen, total, d::kAnsSpare, d::kAnsHeadLen);
     if (buf == nullptr) {
-        outLen = 0;
+        if (!d::IntoCallerBlock(out)) outLen = 0;  // a caller's block keeps the size it needs
         return 0;
     }
     std::memcpy(buf, in, d::kAnsHeadLen);

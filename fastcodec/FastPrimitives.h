@@ -200,6 +200,31 @@ struct BoundedSource {
     }
 };
 
+// Reads the presence map of the record of `len` bytes at in[at]: its first
+// `bytes` map bytes into map[0, bytes) (the rest stay as they were), up to
+// and including the byte with the stop bit 0x80. Returns the map's length,
+// 0 when no byte of the record carries the stop bit (then nothing was sent).
+// Field i of the record's coding order is sent when map[i / 7] has bit
+// 0x40 >> (i % 7): the record decoder and the tool read the map here.
+TRDCOMP_FORCE_INLINE std::int64_t ReadPresenceMap(const BoundedSource& in, std::int64_t at, std::int64_t len, byte* map,
+                                                  std::size_t bytes) {
+    if (at >= 0 && len <= in.size - at) [[likely]] {
+        const byte* p = in.p + at;
+        for (std::int64_t j = 0; j < len; ++j) {
+            const byte b = p[j];
+            if (j < static_cast<std::int64_t>(bytes)) map[j] = b;
+            if (b & 0x80u) return j + 1;
+        }
+        return 0;
+    }
+    for (std::int64_t j = 0; j < len; ++j) {
+        const byte b = in[at + j];
+        if (j < static_cast<std::int64_t>(bytes)) map[j] = b;
+        if (b & 0x80u) return j + 1;
+    }
+    return 0;
+}
+
 // Signed reader in the width of T (wrapping arithmetic in the unsigned twin):
 // starts from all ones when the first byte has 0x40, then shifts in 7 bits a
 // byte up to and including the byte with the stop bit.

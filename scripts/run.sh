@@ -23,13 +23,13 @@ install_missing() {
 case "${1:-}" in
   demo)
     install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev \
-      libbenchmark-dev liblz4-dev libzstd-dev
+      libbenchmark-dev liblz4-dev libzstd-dev libpcap-dev
     cmake --workflow --preset release
     build/release/trdcomp demo
     ;;
   test)
     install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev clang libclang-rt-14-dev \
-      libbenchmark-dev liblz4-dev libzstd-dev pybind11-dev python3-dev python3-numpy python3-pytest dpkg-dev file
+      libbenchmark-dev liblz4-dev libzstd-dev pybind11-dev python3-dev python3-numpy python3-pytest dpkg-dev file libpcap-dev
     echo "== release build, warnings as errors; the Python module, the install tree and the Debian packages"
     cmake --workflow --preset ci
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer (LeakSanitizer on)"

@@ -9,16 +9,21 @@
 // buffer as sized: where a head describes more than the message holds, or a
 // size cannot be represented, the call is refused with the entry point's
 // refusal code (docs/hostile-input.md).
+#include <climits>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "Routing.h"
+#include "common/Framing.h"
+#include "trdcomp/trdcomp.hpp"
 #include "common/Bytes.h"
 #include "trdcomp/TrdCompData.h"
 
-using trdcomp::detail::AllocZeroed;
 using trdcomp::detail::Cell;
+using trdcomp::detail::IntoCallerBlock;
 using trdcomp::detail::LoadI32;
+using trdcomp::detail::OpenBlock;
 using trdcomp::detail::StoreI32;
 
 namespace {
@@ -100,13 +105,16 @@ int CTrdCompData::PackReq2008(char* out, int& outLen, tagREQ_HEAD* head, char* d
     return 1;
 }
 
-int CTrdCompData::RestoreReq2008(char* in, int inLen, char** out, int& outLen, char flag) {
-    if (in == nullptr || inLen <= 0 || out == nullptr) return 0;
-    if (inLen < kRoutingBytes) return 0;
-    if (LoadI32(in + kWordHeadLen) > inLen) return 0;
+namespace {
 
-    *out = nullptr;
-    outLen = 0;
+// The checks a request restore makes before it routes.
+bool RequestRoutable(const char* in, int inLen) {
+    return in != nullptr && inLen > 0 && inLen >= kRoutingBytes && LoadI32(in + kWordHeadLen) <= inLen;
+}
+
+// Routes a request whose block comes from *out (see OpenBlock): a fresh
+// allocation when *out is null, else the caller's memory of outLen bytes.
+int RestoreRequestRouted(char* in, int inLen, char** out, int& outLen, char flag) {
     const std::int32_t flags = LoadI32(in + kWordFlags);
     const int version = FastVersion(flags);
     const auto& routes = trdcomp::detail::FindReqRoutes(LoadI32(in + kWordFuncId));
@@ -116,6 +124,7 @@ int CTrdCompData::RestoreReq2008(char* in, int inLen, char** out, int& outLen, c
         case Cell::Nothing:
         case Cell::HeadOnly:
         case Cell::NoRecords:
+            outLen = 0;
             return 1;
         case Cell::Codec:
             return version != 0 ? routes.restoreFast.fn(in, inLen, out, outLen, version)
@@ -125,14 +134,21 @@ int CTrdCompData::RestoreReq2008(char* in, int inLen, char** out, int& outLen, c
     }
     // Raw path: coded records of an id this side cannot decode are refused.
     if (flags & TRDCOMP_FLAG_CODED) return 0;
-    outLen = inLen;
-    char* buf = AllocZeroed(static_cast<std::uint64_t>(inLen) + kRawSpare);
-    *out = buf;
+    char* buf = OpenBlock(out, outLen, inLen, kRawSpare, inLen);
     // The request raw path reports success even when the allocation failed
     // (*out is then null and outLen is inLen): callers depend on it.
-    if (buf == nullptr) return 1;
+    if (buf == nullptr) return IntoCallerBlock(out) ? 0 : 1;
     std::memcpy(buf, in, static_cast<std::size_t>(inLen));
     return 1;
+}
+
+}  // namespace
+
+int CTrdCompData::RestoreReq2008(char* in, int inLen, char** out, int& outLen, char flag) {
+    if (out == nullptr || !RequestRoutable(in, inLen)) return 0;
+    *out = nullptr;
+    outLen = 0;
+    return RestoreRequestRouted(in, inLen, out, outLen, flag);
 }
 
 int CTrdCompData::PackAns2008(char* out, int outSize, int& outLen, tagANS_Proc* proc, char* a1,
@@ -208,13 +224,15 @@ int CTrdCompData::PackAns2008(char* out, int outSize, int& outLen, tagANS_Proc* 
     return 0;
 }
 
-int CTrdCompData::RestoreAns2008(char* in, int inLen, char** out, int& outLen, char flag) {
-    if (in == nullptr || inLen < kRoutingBytes || out == nullptr) return 0;
-    const std::int32_t headLen = LoadI32(in + kWordHeadLen);
-    if (inLen < headLen) return 0;
+namespace {
 
-    *out = nullptr;
-    outLen = 0;
+bool AnswerRoutable(const char* in, int inLen) {
+    return in != nullptr && inLen >= kRoutingBytes && inLen >= LoadI32(in + kWordHeadLen);
+}
+
+// Routes an answer whose block comes from *out, as RestoreRequestRouted.
+int RestoreAnswerRouted(char* in, int inLen, char** out, int& outLen, char flag) {
+    const std::int32_t headLen = LoadI32(in + kWordHeadLen);
     const std::int32_t flags = LoadI32(in + kWordFlags);
     const int version = FastVersion(flags);
     const auto& routes = trdcomp::detail::FindAnsRoutes(LoadI32(in + kWordFuncId));
@@ -224,6 +242,7 @@ int CTrdCompData::RestoreAns2008(char* in, int inLen, char** out, int& outLen, c
         case Cell::Nothing:
         case Cell::HeadOnly:
         case Cell::NoRecords:
+            outLen = 0;
             return 1;
         case Cell::Codec:
             return version != 0 ? routes.restoreFast.fn(in, inLen, out, outLen, version)
@@ -231,7 +250,6 @@ int CTrdCompData::RestoreAns2008(char* in, int inLen, char** out, int& outLen, c
         case Cell::Raw:
             break;
     }
-
     // Raw path: head, section table (T bytes) and records (D bytes) as sent.
     if (flags & TRDCOMP_FLAG_CODED) return 0;
     // The head is copied whole and the table and records are read behind the
@@ -256,13 +274,54 @@ int CTrdCompData::RestoreAns2008(char* in, int inLen, char** out, int& outLen, c
     const std::int64_t total = kAnsHead + tableLen + dataLen;
     if (total > INT32_MAX) return 0;  // not representable: the allocation-failure path
 
-    outLen = static_cast<int>(total);
-    char* buf = AllocZeroed(static_cast<std::uint64_t>(total) + kRawSpare);
+    char* buf = OpenBlock(out, outLen, total, kRawSpare, total);
     if (buf == nullptr) return 0;
-    *out = buf;
     std::memcpy(buf, in, kAnsHead);
     StoreI32(buf + kWordHeadLen, kAnsHead);
     std::memcpy(buf + kAnsHead, in + headLen, static_cast<std::size_t>(tableLen));
     std::memcpy(buf + kAnsHead + tableLen, in + headLen + tableLen, static_cast<std::size_t>(dataLen));
     return 1;
 }
+
+}  // namespace
+
+int CTrdCompData::RestoreAns2008(char* in, int inLen, char** out, int& outLen, char flag) {
+    if (out == nullptr || !AnswerRoutable(in, inLen)) return 0;
+    *out = nullptr;
+    outLen = 0;
+    return RestoreAnswerRouted(in, inLen, out, outLen, flag);
+}
+
+namespace trdcomp::detail {
+
+int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen, char flag,
+                     std::size_t* len) noexcept {
+    *len = 0;
+    if (dst == nullptr || inLen > static_cast<std::size_t>(INT_MAX)) return 0;
+    char* msg = const_cast<char*>(in);
+    const int n = static_cast<int>(inLen);
+    if (!(request ? RequestRoutable(msg, n) : AnswerRoutable(msg, n))) return 0;
+    char* block = dst;
+    const int room = capacity > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(capacity);
+    int outLen = room;
+    const int rc = request ? RestoreRequestRouted(msg, n, &block, outLen, flag) : RestoreAnswerRouted(msg, n, &block, outLen, flag);
+    if (rc == 1) {
+        *len = outLen > 0 ? static_cast<std::size_t>(outLen) : 0;
+        return 1;
+    }
+    // A refusal leaves outLen within the capacity; a block too small, above.
+    if (outLen > room) {
+        *len = static_cast<std::size_t>(outLen);
+        return -1;
+    }
+    return 0;
+}
+
+std::size_t RestoredBytes(bool request, const char* in, std::size_t inLen, char flag) noexcept {
+    char none = 0;
+    std::size_t len = 0;
+    const int rc = RestoreIntoBlock(request, &none, 0, in, inLen, flag, &len);
+    return rc == 0 ? 0 : len;
+}
+
+}  // namespace trdcomp::detail

@@ -8,7 +8,7 @@ trap 'rm -rf "$work"' EXIT
 failures=0
 fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 
-for sub in "" demo decode encode catalogue; do
+for sub in "" demo decode encode catalogue diff; do
   # shellcheck disable=SC2086
   "$tool" $sub --help > "$work/help" 2>&1 || fail "trdcomp $sub --help exits non-zero"
   grep -q "Usage" "$work/help" || fail "trdcomp $sub --help prints no usage"
@@ -35,6 +35,24 @@ for name in req_1002_2008 ans_1002_2008 ans_1110_2008 ans_1003_fast ans_1053_fas
   grep -q "^section 1\|no records" "$work/$name.txt" || fail "$name: no section printed"
 done
 "$tool" catalogue 1110 | grep -q "ANS_1110, 193 bytes" || fail "catalogue 1110 shows no layout"
+
+# diff: 0 identical, 1 different, 2 on error, as diff(1) does.
+"$tool" diff "$corpus/req_1002_2008.wire" "$corpus/req_1002_2008.wire" > "$work/out"; rc=$?
+[ $rc -eq 0 ] || fail "diff of a message with itself exits $rc"
+"$tool" diff "$corpus/req_1002_2008.wire" "$corpus/req_1002_fast.wire" > "$work/out"; rc=$?
+[ $rc -eq 1 ] || fail "diff of two codings exits $rc"
+grep -q "head nFlags: 1 -> 17" "$work/out" || fail "diff: $(cat "$work/out")"
+"$tool" diff "$corpus/req_1002_2008.wire" "$work/missing" 2> "$work/err"; rc=$?
+[ $rc -eq 2 ] || fail "diff with a missing file exits $rc"
+"$tool" diff "$corpus/req_1002_2008.wire" 2> /dev/null; rc=$?
+[ $rc -eq 2 ] || fail "diff with one argument exits $rc"
+
+# decode --stream: golden messages back to back, standard input.
+cat "$corpus/req_1002_2008.wire" "$corpus/ans_1110_2008.wire" "$corpus/ans_1003_fast.wire" |
+  "$tool" decode --stream - > "$work/out" || fail "decode --stream exits non-zero"
+grep -q "^3 messages$" "$work/out" || fail "decode --stream: $(tail -4 "$work/out")"
+"$tool" decode --pcap "$work/missing" 2> "$work/err" && fail "a missing capture should exit non-zero"
+grep -q "capture\|libpcap" "$work/err" || fail "missing capture: $(cat "$work/err")"
 
 echo "$failures failures"
 [ "$failures" -eq 0 ]

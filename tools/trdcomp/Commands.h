@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <iosfwd>
 #include <string>
+#include <vector>
 
 namespace tool {
 
@@ -18,8 +20,24 @@ struct DecodeOptions {
     bool hex = false;
     bool json = false;
     int flag = 0;
+    bool stream = false;   // messages back to back in the file
+    std::string pcap;      // a capture to decode the TCP payload of
+    std::string frame;     // "" or message: cut by the messages' bytes; else a transport prefix
+    int port = 0;          // with pcap: only connections with this port
+    bool sent = false;     // mark each Fast field's origin
 };
-int RunDecode(const DecodeOptions& o);
+// Prints each message; a stream or capture ends with "N messages" and the
+// count per id and direction.
+int RunDecode(const DecodeOptions& o, std::ostream& out);
+
+struct DiffOptions {
+    std::string a, b;
+    bool hex = false;
+    int flag = 0;
+};
+// 0: the messages restore identically, 1: they differ (the differences are
+// printed). Throws on a message that cannot be read or restored.
+int RunDiff(const DiffOptions& o, std::ostream& out);
 
 struct EncodeCommandOptions {
     bool request = false, answer = false;
@@ -32,6 +50,9 @@ struct EncodeCommandOptions {
 int RunEncode(const EncodeCommandOptions& o);
 
 int RunCatalogue(int id);  // 0: every id
+
+// A file's bytes, or standard input's for "-". Throws when it cannot be read.
+std::vector<char> ReadAll(const std::string& file);
 
 // A catalogue fingerprint as printed: 16 lowercase hex digits.
 std::string HashText(std::uint64_t hash);

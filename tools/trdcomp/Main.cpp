@@ -35,6 +35,29 @@ int main(int argc, char** argv) {
     decodeCmd->add_option("--flag", decode.flag, "The 2008 coding's flag to restore with (0, 1, ...)")
         ->check(CLI::Range(-128, 127))
         ->capture_default_str();
+    decodeCmd->add_flag("--stream", decode.stream,
+                        "The file holds messages back to back: cut them by their own lengths (or --frame) and decode each");
+    decodeCmd->add_option("--frame", decode.frame,
+                          "Each message follows a transport length prefix (message length, prefix excluded): u32le, u32be, "
+                          "u16le or u16be; `message` cuts by the messages' own lengths (implies --stream)")
+        ->check(CLI::IsMember({"message", "u32le", "u32be", "u16le", "u16be"}));
+    auto* pcapOpt = decodeCmd->add_option("--pcap", decode.pcap,
+                                          "Decode the messages in each direction of each TCP connection of a pcap or pcapng "
+                                          "capture (segments reassembled in sequence order)");
+    decodeCmd->add_option("--port", decode.port, "With --pcap: only connections with this TCP port at either end")
+        ->check(CLI::Range(1, 65535))
+        ->needs(pcapOpt);
+    decodeCmd->add_flag("--sent", decode.sent,
+                        "Fast coding: mark each field as sent, taken from the previous record, or the default");
+
+    tool::DiffOptions diff;
+    auto* diffCmd = app.add_subcommand(
+        "diff", "Compare two messages field by field after restoring them: exit status 0 when they restore "
+                "identically, 1 when they differ, 2 on error");
+    diffCmd->add_option("a", diff.a, "The first message (- for standard input)")->required();
+    diffCmd->add_option("b", diff.b, "The second message")->required();
+    diffCmd->add_flag("--hex", diff.hex, "The inputs are hex text");
+    diffCmd->add_option("--flag", diff.flag, "The 2008 coding's flag to restore with")->check(CLI::Range(-128, 127));
 
     tool::EncodeCommandOptions encode;
     auto* encodeCmd = app.add_subcommand(
@@ -59,11 +82,22 @@ int main(int argc, char** argv) {
                    "every function id alike")
         ->excludes(idOption);
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        const int rc = app.exit(e);
+        // diff reserves 1 for "the messages differ"
+        return rc != 0 && *diffCmd ? 2 : rc;
+    }
     const std::string name = app.get_subcommands().front()->get_name();
     try {
         if (*demoCmd) return tool::RunDemo(demo);
-        if (*decodeCmd) return tool::RunDecode(decode);
+        if (*decodeCmd) {
+            if (!decode.pcap.empty() && decode.file != "-")
+                throw std::runtime_error("give either a FILE or --pcap CAPTURE, not both");
+            return tool::RunDecode(decode, std::cout);
+        }
+        if (*diffCmd) return tool::RunDiff(diff, std::cout);
         if (*encodeCmd) return tool::RunEncode(encode);
         if (catalogueHash) {
             std::cout << tool::HashText(trdcomp::CatalogueHash()) << "\n";
@@ -75,5 +109,5 @@ int main(int argc, char** argv) {
     } catch (const std::exception& e) {
         std::cerr << "trdcomp " << name << ": " << e.what() << "\n";
     }
-    return 1;
+    return *diffCmd ? 2 : 1;
 }

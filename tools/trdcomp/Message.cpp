@@ -304,8 +304,9 @@ Json ToJson(const Decoded& m) {
     return j;
 }
 
-void PrintText(const Decoded& m, std::ostream& out) {
+void PrintText(const Decoded& m, std::ostream& out, bool sent) {
     const Json head = HeadJson(m);
+    const auto origins = sent ? SentFields(m) : std::vector<std::vector<std::map<int, Origin>>>();
     const int id = Word(m.wire, 4);
     out << (m.request ? "request " : "answer ") << id << ", " << m.wire.size() << " bytes, coding "
         << CodingName(m.fastVersion) << (m.fastVersion == 0 ? " (flag " + std::to_string(static_cast<int>(m.flag)) + ")" : "")
@@ -327,11 +328,18 @@ void PrintText(const Decoded& m, std::ostream& out) {
             const std::vector<Row> rows = RecordRows(*s.layout, rec);
             std::size_t kindWidth = 4;
             for (const Row& r : rows) kindWidth = std::max(kindWidth, r.kind.size());
+            const std::map<int, Origin>* origin = j < origins.size() && i < origins[j].size() ? &origins[j][i] : nullptr;
             out << "  " << std::left << std::setw(7) << "offset" << std::setw(static_cast<int>(kindWidth) + 2) << "kind"
-                << std::setw(7) << "width" << "value\n";
-            for (const Row& r : rows)
+                << std::setw(7) << "width" << (origin ? "origin    " : "") << "value\n";
+            for (const Row& r : rows) {
                 out << "  " << std::left << std::setw(7) << r.offset << std::setw(static_cast<int>(kindWidth) + 2) << r.kind
-                    << std::setw(7) << r.width << r.value << "\n";
+                    << std::setw(7) << r.width;
+                if (origin) {
+                    const auto o = origin->find(r.offset);
+                    out << std::setw(10) << (o != origin->end() ? OriginName(o->second) : "-");
+                }
+                out << r.value << "\n";
+            }
         }
     }
     if (!m.trailing.empty()) out << "\ntrailing bytes: " << Hex(m.trailing.data(), m.trailing.size()) << "\n";

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -52,8 +53,18 @@ struct Refused : std::runtime_error {
 // std::runtime_error when the bytes are no message at all.
 Decoded Decode(const std::vector<char>& wire, char flag);
 
+// Where a restored Fast field's value came from.
+enum class Origin { sent, fromPrevious, fromDefault };
+const char* OriginName(Origin o);
+
+// For a message in the Fast coding: per section, per coded record, the
+// origin of each coded field by its offset, read from the records' presence
+// maps. Empty for the 2008 coding and raw records.
+std::vector<std::vector<std::map<int, Origin>>> SentFields(const Decoded& m);
+
 Json ToJson(const Decoded& m);
-void PrintText(const Decoded& m, std::ostream& out);
+// The message as text; `sent` adds a column with each Fast field's origin.
+void PrintText(const Decoded& m, std::ostream& out, bool sent = false);
 
 struct EncodeOptions {
     int direction = 0;   // 0: from the JSON, 1: request, 2: answer

@@ -15,11 +15,6 @@
 
 namespace tool {
 
-namespace {
-
-using catalogue_model::Get;
-using catalogue_model::IsCodec;
-
 std::vector<char> ReadAll(const std::string& file) {
     if (file == "-") {
         std::cin >> std::noskipws;
@@ -29,6 +24,11 @@ std::vector<char> ReadAll(const std::string& file) {
     if (!in) throw std::runtime_error("cannot open " + file);
     return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
+
+namespace {
+
+using catalogue_model::Get;
+using catalogue_model::IsCodec;
 
 void WriteAll(const std::string& file, const std::vector<char>& bytes) {
     if (file == "-") {
@@ -80,22 +80,6 @@ void PrintLayout(const catalogue_model::Layout& l, const std::string& indent) {
 }
 
 }  // namespace
-
-int RunDecode(const DecodeOptions& o) {
-    std::vector<char> bytes = ReadAll(o.file);
-    if (o.hex) {
-        std::vector<char> parsed;
-        if (!ParseHex(std::string(bytes.begin(), bytes.end()), parsed))
-            throw std::runtime_error("the input is not hex: expected pairs of hex digits, white space between bytes only");
-        bytes.swap(parsed);
-    }
-    const Decoded m = Decode(bytes, static_cast<char>(o.flag));
-    if (o.json)
-        std::cout << ToJson(m).dump(2) << "\n";
-    else
-        PrintText(m, std::cout);
-    return 0;
-}
 
 int RunEncode(const EncodeCommandOptions& o) {
     const std::vector<char> text = ReadAll(o.in);

@@ -71,20 +71,22 @@ private:
 enum class Errc {
     ok = 0,
     null_argument,     // a required buffer or description is missing
-    buffer_too_small,  // the packed message needs more room; PackResult::needed says how much
+    buffer_too_small,  // the message needs more room; PackResult::needed / RestoredView::Needed() say how much
     refused,           // the library refused the message (see docs/hostile-input.md)
     too_large,         // a length that the classic interface cannot represent (int)
     out_of_memory,     // an allocation failed
+    limit_exceeded,    // the restore needs more bytes than RestoreOptions::maxBytes allows
 };
 
 inline const char* Message(Errc e) noexcept {
     switch (e) {
         case Errc::ok: return "ok";
         case Errc::null_argument: return "a required buffer or description is missing";
-        case Errc::buffer_too_small: return "the output buffer is too small for the packed message";
+        case Errc::buffer_too_small: return "the output buffer is too small for the message";
         case Errc::refused: return "the library refused the message";
         case Errc::too_large: return "a length does not fit the classic interface's int";
         case Errc::out_of_memory: return "an allocation failed";
+        case Errc::limit_exceeded: return "the restored message would exceed the limit the caller set";
     }
     return "unknown error";
 }
@@ -241,15 +243,31 @@ inline PackResult PackAnswer(span<char> out, const tagANS_Proc& proc, std::initi
     return PackAnswer(out, proc, span<const Array>(arrays.begin(), arrays.size()), coding);
 }
 
+// What a restore is allowed: the options every modern restore takes.
+struct RestoreOptions {
+    char flag = 0;                          // handed to the 2008 codecs
+    std::size_t maxBytes = static_cast<std::size_t>(-1);  // a restore needing more is refused (limit_exceeded)
+};
+
 class Restored;
+class RestoredView;
 namespace detail {
 template <class Classic>
-Restored Restore(span<const char> in, char flag, bool request, Classic classic) noexcept;
+Restored Restore(span<const char> in, const RestoreOptions& options, bool request, Classic classic) noexcept;
+RestoredView RestoreInto(span<char> dst, span<const char> in, const RestoreOptions& options, bool request) noexcept;
+
+// Exported by the library. RestoreIntoBlock restores `in` into dst[0,
+// capacity): 1 done (*len: the restored length), 0 refused, -1 dst too small
+// (*len: the bytes needed); nothing is written past dst + capacity.
+// RestoredBytes: the bytes such a restore needs, 0 when refused.
+TRDCOMP_API int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
+                                 char flag, std::size_t* len) noexcept;
+TRDCOMP_API std::size_t RestoredBytes(bool request, const char* in, std::size_t inLen, char flag) noexcept;
 }  // namespace detail
 
-// A restored request or answer. Owns the buffer the library allocated and
-// releases it with CTrdCompData::ReleaseAnsData. Move-only.
-class Restored {
+// A restored request or answer in memory it does not own: what RestoreInto
+// returns (the caller's block), and the accessors of Restored.
+class RestoredView {
 public:
     // One record array of the restored message.
     struct Section {
@@ -258,25 +276,14 @@ public:
         const char* data = nullptr;
     };
 
-    Restored() = default;
-    Restored(Restored&& o) noexcept : p_(std::exchange(o.p_, nullptr)), len_(o.len_), request_(o.request_), error_(o.error_) {}
-    Restored& operator=(Restored&& o) noexcept {
-        if (this != &o) {
-            CTrdCompData::ReleaseAnsData(p_);
-            p_ = std::exchange(o.p_, nullptr);
-            len_ = o.len_;
-            request_ = o.request_;
-            error_ = o.error_;
-        }
-        return *this;
-    }
-    Restored(const Restored&) = delete;
-    Restored& operator=(const Restored&) = delete;
-    ~Restored() { CTrdCompData::ReleaseAnsData(p_); }
+    RestoredView() = default;
 
     explicit operator bool() const noexcept { return error_ == Errc::ok; }
     Errc Error() const noexcept { return error_; }
     bool IsRequest() const noexcept { return request_; }
+    // With buffer_too_small (RestoreInto) or limit_exceeded: the bytes the
+    // restore needs.
+    std::size_t Needed() const noexcept { return needed_; }
 
     // The restored bytes (outLen of the classic restore). Empty for an id
     // whose restore keeps nothing, and when outLen is below zero (a request
@@ -339,9 +346,10 @@ public:
         return span<const R>(reinterpret_cast<const R*>(s.data), static_cast<std::size_t>(s.count));
     }
 
-private:
+protected:
     template <class Classic>
-    friend Restored detail::Restore(span<const char>, char, bool, Classic) noexcept;
+    friend Restored detail::Restore(span<const char>, const RestoreOptions&, bool, Classic) noexcept;
+    friend RestoredView detail::RestoreInto(span<char>, span<const char>, const RestoreOptions&, bool) noexcept;
 
     std::int32_t Word(std::size_t off) const noexcept {
         std::int32_t v = 0;
@@ -358,34 +366,146 @@ private:
     int len_ = 0;
     bool request_ = false;
     Errc error_ = Errc::refused;
+    std::size_t needed_ = 0;
+};
+
+// A restored request or answer that owns the buffer the library allocated
+// and releases it with CTrdCompData::ReleaseAnsData. Move-only.
+class Restored : public RestoredView {
+public:
+    Restored() = default;
+    Restored(Restored&& o) noexcept : RestoredView(o) { o.p_ = nullptr; }
+    Restored& operator=(Restored&& o) noexcept {
+        if (this != &o) {
+            CTrdCompData::ReleaseAnsData(p_);
+            RestoredView::operator=(o);
+            o.p_ = nullptr;
+        }
+        return *this;
+    }
+    Restored(const Restored&) = delete;
+    Restored& operator=(const Restored&) = delete;
+    ~Restored() { CTrdCompData::ReleaseAnsData(p_); }
 };
 
 namespace detail {
 
 // Calls a classic restore on `in`; the result tells refusal apart from success.
 template <class Classic>
-Restored Restore(span<const char> in, char flag, bool request, Classic classic) noexcept {
+Restored Restore(span<const char> in, const RestoreOptions& options, bool request, Classic classic) noexcept {
     Restored r;
     r.request_ = request;
     if (in.data() == nullptr || in.size() > static_cast<std::size_t>(INT_MAX)) {
         r.error_ = in.data() == nullptr ? Errc::null_argument : Errc::too_large;
         return r;
     }
-    const int rc = classic(const_cast<char*>(in.data()), static_cast<int>(in.size()), &r.p_, r.len_, flag);
+    if (options.maxBytes != static_cast<std::size_t>(-1)) {
+        const std::size_t needed = RestoredBytes(request, in.data(), in.size(), options.flag);
+        if (needed > options.maxBytes) {
+            r.error_ = Errc::limit_exceeded;
+            r.needed_ = needed;
+            return r;
+        }
+    }
+    const int rc = classic(const_cast<char*>(in.data()), static_cast<int>(in.size()), &r.p_, r.len_, options.flag);
     // The raw request path reports success with no buffer when its allocation failed.
     r.error_ = rc != 1 ? Errc::refused : (r.p_ == nullptr && r.len_ > 0 ? Errc::out_of_memory : Errc::ok);
     return r;
 }
 
+inline RestoredView RestoreInto(span<char> dst, span<const char> in, const RestoreOptions& options, bool request) noexcept {
+    RestoredView v;
+    v.request_ = request;
+    if (in.data() == nullptr || (dst.data() == nullptr && dst.size() != 0)) {
+        v.error_ = Errc::null_argument;
+        return v;
+    }
+    char none = 0;  // a zero-sized block still needs an address
+    char* block = dst.data() != nullptr ? dst.data() : &none;
+    const std::size_t room = options.maxBytes < dst.size() ? options.maxBytes : dst.size();
+    std::size_t len = 0;
+    const int rc = RestoreIntoBlock(request, block, room, in.data(), in.size(), options.flag, &len);
+    if (rc < 0) {
+        v.error_ = len > options.maxBytes ? Errc::limit_exceeded : Errc::buffer_too_small;
+        v.needed_ = len;
+    } else if (rc == 1) {
+        v.error_ = Errc::ok;
+        v.p_ = len > 0 ? dst.data() : nullptr;
+        v.len_ = static_cast<int>(len);
+    }
+    return v;
+}
+
+// Head word 0 tells a request (76) from an answer (96).
+inline int Direction(span<const char> msg) noexcept {
+    std::int32_t w = 0;
+    if (msg.data() == nullptr || msg.size() < 4) return 0;
+    std::memcpy(&w, msg.data(), 4);
+    return w == TRDCOMP_REQ_HEAD_LEN ? 1 : w == TRDCOMP_ANS_HEAD_LEN ? 2 : 0;
+}
+
 }  // namespace detail
 
+inline Restored RestoreRequest(span<const char> in, const RestoreOptions& options) noexcept {
+    return detail::Restore(in, options, true, &CTrdCompData::RestoreReq2008);
+}
 inline Restored RestoreRequest(span<const char> in, char flag = 0) noexcept {
-    return detail::Restore(in, flag, true, &CTrdCompData::RestoreReq2008);
+    return RestoreRequest(in, RestoreOptions{flag});
 }
 
-inline Restored RestoreAnswer(span<const char> in, char flag = 0) noexcept {
-    return detail::Restore(in, flag, false, &CTrdCompData::RestoreAns2008);
+inline Restored RestoreAnswer(span<const char> in, const RestoreOptions& options) noexcept {
+    return detail::Restore(in, options, false, &CTrdCompData::RestoreAns2008);
 }
+inline Restored RestoreAnswer(span<const char> in, char flag = 0) noexcept {
+    return RestoreAnswer(in, RestoreOptions{flag});
+}
+
+// Restores into the caller's memory, without allocating: the bytes of the
+// classic restore (head, section table, records; the spare bytes behind them
+// are not written) at dst.data(). The view refers to dst. A dst that is too
+// small gives buffer_too_small with Needed(), and nothing is written past
+// dst. Needed() can exceed Size() by the few bytes some layouts' decoders
+// write behind the last record.
+inline RestoredView RestoreRequestInto(span<char> dst, span<const char> msg, const RestoreOptions& options = {}) noexcept {
+    return detail::RestoreInto(dst, msg, options, true);
+}
+inline RestoredView RestoreAnswerInto(span<char> dst, span<const char> msg, const RestoreOptions& options = {}) noexcept {
+    return detail::RestoreInto(dst, msg, options, false);
+}
+// The direction from head word 0 (76: request, 96: answer; else refused).
+inline RestoredView RestoreInto(span<char> dst, span<const char> msg, const RestoreOptions& options = {}) noexcept {
+    const int direction = detail::Direction(msg);
+    if (direction == 0) return RestoredView();
+    return detail::RestoreInto(dst, msg, options, direction == 1);
+}
+
+// The bytes a RestoreInto of `msg` needs (direction from head word 0),
+// without restoring; 0 for a message the library refuses and for one whose
+// restore keeps nothing.
+inline std::size_t RestoredSize(span<const char> msg, char flag = 0) noexcept {
+    const int direction = detail::Direction(msg);
+    return direction == 0 ? 0 : detail::RestoredBytes(direction == 1, msg.data(), msg.size(), flag);
+}
+
+// Where a message ends, from its first bytes (see MessageLength).
+enum class Framing {
+    complete,     // `length` is the message's length
+    need_more,    // the bytes so far do not decide it: `length` is the least the prefix must grow to
+    cannot_tell,  // the length is not in the bytes (records that travel raw): only the transport knows it
+    invalid,      // no message of this library starts here (head word 0 neither 76 nor 96, lengths out of range)
+};
+
+struct FrameLength {
+    Framing status = Framing::invalid;
+    std::size_t length = 0;
+};
+
+// The length of the message that starts at prefix[0] when its bytes so far
+// determine it: coded messages carry their record counts and each record's
+// length, raw answers their counts and record sizes. Reads nothing past the
+// prefix. See docs/api-reference.md for what it can know on each path.
+TRDCOMP_API FrameLength MessageLength(const char* prefix, std::size_t size) noexcept;
+inline FrameLength MessageLength(span<const char> prefix) noexcept { return MessageLength(prefix.data(), prefix.size()); }
 
 }  // namespace trdcomp
 

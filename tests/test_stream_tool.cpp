@@ -1,0 +1,315 @@
+// The tool on streams and captures: golden messages back to back, cut by
+// their own lengths or a transport prefix, and a capture the test writes
+// itself of TCP segments cut at arbitrary points, reordered and duplicated;
+// diff on golden pairs; the origin of every Fast field.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+#include "Commands.h"
+#include "Message.h"
+#include "Stream.h"
+#include "trdcomp/trdcomp.hpp"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::vector<char> Golden(const std::string& name) {
+    std::ifstream in(fs::path(TRDCOMP_GOLDEN_DIR) / (name + ".wire"), std::ios::binary);
+    return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Every golden message whose length is in its bytes, requests or answers.
+std::vector<std::vector<char>> Framed(bool requests) {
+    std::vector<std::vector<char>> out;
+    std::vector<fs::path> files;
+    for (const auto& e : fs::directory_iterator(TRDCOMP_GOLDEN_DIR))
+        if (e.path().extension() == ".wire" && (e.path().stem().string().rfind("req_", 0) == 0) == requests)
+            files.push_back(e.path());
+    std::sort(files.begin(), files.end());
+    for (const auto& f : files) {
+        std::ifstream in(f, std::ios::binary);
+        std::vector<char> w((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        if (trdcomp::MessageLength({w.data(), w.size()}).status == trdcomp::Framing::complete) out.push_back(w);
+    }
+    return out;
+}
+
+std::vector<char> Concat(const std::vector<std::vector<char>>& messages) {
+    std::vector<char> s;
+    for (const auto& m : messages) s.insert(s.end(), m.begin(), m.end());
+    return s;
+}
+
+fs::path Temp(const std::string& name) { return fs::temp_directory_path() / ("trdcomp_test_" + std::to_string(::getpid()) + "_" + name); }
+
+void Write(const fs::path& p, const std::vector<char>& bytes) {
+    std::ofstream out(p, std::ios::binary);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::string LastLines(const std::string& text, const std::string& from) { return text.substr(text.rfind(from)); }
+
+// A classic pcap file of Ethernet frames carrying IPv4 TCP segments.
+class PcapWriter {
+public:
+    PcapWriter() {
+        Put32(0xa1b2c3d4);
+        Put16(2), Put16(4), Put32(0), Put32(0), Put32(65535), Put32(1);
+    }
+    void Segment(std::uint32_t src, std::uint16_t sport, std::uint32_t dst, std::uint16_t dport, std::uint32_t seq,
+                 bool syn, const char* payload, std::size_t n) {
+        std::vector<unsigned char> f(14 + 20 + 20 + n, 0);
+        f[12] = 0x08;  // IPv4
+        unsigned char* ip = f.data() + 14;
+        ip[0] = 0x45;
+        Be16(ip + 2, static_cast<std::uint16_t>(40 + n));
+        ip[8] = 64;
+        ip[9] = 6;
+        Be32(ip + 12, src);
+        Be32(ip + 16, dst);
+        unsigned char* tcp = ip + 20;
+        Be16(tcp, sport);
+        Be16(tcp + 2, dport);
+        Be32(tcp + 4, seq);
+        tcp[12] = 5 << 4;
+        tcp[13] = syn ? 0x02 : 0x18;
+        if (n) std::memcpy(tcp + 20, payload, n);
+        Put32(++time_), Put32(0), Put32(static_cast<std::uint32_t>(f.size())), Put32(static_cast<std::uint32_t>(f.size()));
+        bytes_.insert(bytes_.end(), f.begin(), f.end());
+    }
+    const std::vector<char>& Bytes() const { return bytes_; }
+
+private:
+    static void Be16(unsigned char* p, std::uint16_t v) { p[0] = static_cast<unsigned char>(v >> 8), p[1] = static_cast<unsigned char>(v); }
+    static void Be32(unsigned char* p, std::uint32_t v) { Be16(p, static_cast<std::uint16_t>(v >> 16)), Be16(p + 2, static_cast<std::uint16_t>(v)); }
+    void Put16(std::uint16_t v) { bytes_.insert(bytes_.end(), {static_cast<char>(v), static_cast<char>(v >> 8)}); }
+    void Put32(std::uint32_t v) { Put16(static_cast<std::uint16_t>(v)), Put16(static_cast<std::uint16_t>(v >> 16)); }
+    std::vector<char> bytes_;
+    std::uint32_t time_ = 1700000000;
+};
+
+// One direction's stream as segments cut at random points, some swapped
+// with their neighbour, some sent twice, some retransmitted overlapping.
+void Segments(PcapWriter& w, std::uint32_t src, std::uint16_t sport, std::uint32_t dst, std::uint16_t dport,
+              const std::vector<char>& stream, std::uint32_t isn, std::mt19937& rng, bool syn) {
+    struct Seg {
+        std::size_t at, n;
+    };
+    std::vector<Seg> segs;
+    for (std::size_t at = 0; at < stream.size();) {
+        const std::size_t n = std::min<std::size_t>(stream.size() - at, 1 + rng() % 700);
+        segs.push_back({at, n});
+        at += n;
+    }
+    for (std::size_t i = 0; i + 1 < segs.size(); i += 3) std::swap(segs[i], segs[i + 1]);  // out of order
+    std::vector<Seg> sent;
+    for (std::size_t i = 0; i < segs.size(); ++i) {
+        sent.push_back(segs[i]);
+        if (i % 5 == 0) sent.push_back(segs[i]);                                                       // duplicated
+        if (i % 7 == 0 && segs[i].n > 2) sent.push_back({segs[i].at + 1, segs[i].n - 1});              // overlapping
+    }
+    if (syn) w.Segment(src, sport, dst, dport, isn - 1, true, nullptr, 0);
+    for (const Seg& s : sent) w.Segment(src, sport, dst, dport, isn + static_cast<std::uint32_t>(s.at), false, stream.data() + s.at, s.n);
+}
+
+}  // namespace
+
+TEST(Stream, CutsGoldenMessagesByTheirOwnLengthsAndByTransportPrefixes) {
+    const auto requests = Framed(true), answers = Framed(false);
+    ASSERT_GT(requests.size(), 100u);
+    ASSERT_GT(answers.size(), 200u);
+    std::vector<std::vector<char>> all = requests;
+    all.insert(all.end(), answers.begin(), answers.end());
+    struct Case {
+        tool::Frame frame;
+        int width;
+        bool big;
+    };
+    for (const Case c : {Case{tool::Frame::message, 0, false}, Case{tool::Frame::u32le, 4, false}, Case{tool::Frame::u32be, 4, true},
+                         Case{tool::Frame::u16le, 2, false}, Case{tool::Frame::u16be, 2, true}}) {
+        std::vector<char> stream;
+        for (const auto& m : all) {
+            for (int i = 0; i < c.width; ++i)
+                stream.push_back(static_cast<char>(m.size() >> (8 * (c.big ? c.width - 1 - i : i))));
+            stream.insert(stream.end(), m.begin(), m.end());
+        }
+        const tool::Pieces p = tool::CutStream(stream.data(), stream.size(), c.frame);
+        EXPECT_EQ(p.problem, "");
+        ASSERT_EQ(p.messages.size(), all.size());
+        for (std::size_t i = 0; i < all.size(); ++i) ASSERT_EQ(p.messages[i].bytes, all[i]) << "message " << i;
+        // Cut short anywhere: every whole message before the cut, then a problem.
+        const tool::Pieces cut = tool::CutStream(stream.data(), stream.size() - 3, c.frame);
+        EXPECT_EQ(cut.messages.size(), all.size() - 1);
+        EXPECT_NE(cut.problem.find(c.width ? "only" : "incomplete"), std::string::npos) << cut.problem;
+    }
+}
+
+TEST(Stream, DecodeStreamCountsEveryMessagePerIdAndDirection) {
+    const std::vector<std::vector<char>> messages = {Golden("req_1002_2008"), Golden("ans_1110_2008"), Golden("req_1002_fast"),
+                                                     Golden("ans_1003_fast")};
+    const fs::path file = Temp("stream.bin");
+    Write(file, Concat(messages));
+    tool::DecodeOptions o;
+    o.file = file.string();
+    o.stream = true;
+    std::ostringstream out;
+    EXPECT_EQ(tool::RunDecode(o, out), 0);
+    EXPECT_EQ(LastLines(out.str(), "4 messages"),
+              "4 messages\n  answer  1003    1\n  answer  1110    1\n  request 1002    2\n");
+    // A raw request cannot be cut by its bytes: the tool says to name the prefix.
+    std::vector<char> raw(80, 0);
+    const int head[] = {76, 777, 0};
+    std::memcpy(raw.data(), head, sizeof head);
+    Write(file, raw);
+    std::ostringstream refused;
+    EXPECT_EQ(tool::RunDecode(o, refused), 1);
+    EXPECT_NE(refused.str().find("--frame"), std::string::npos) << refused.str();
+    fs::remove(file);
+}
+
+TEST(Pcap, FindsEveryMessageOfBothDirectionsInReorderedDuplicatedSegments) {
+#if !TRDCOMP_HAVE_PCAP
+    GTEST_SKIP() << "built without libpcap";
+#endif
+    const auto requests = Framed(true), answers = Framed(false);
+    const std::vector<char> up = Concat(requests), down = Concat(answers);
+    std::mt19937 rng(15);
+    PcapWriter w;
+    // Two connections; the second without its SYN and with sequence numbers
+    // that wrap around, plus one on another port that --port leaves out.
+    Segments(w, 0x0A000001, 40000, 0x0A000002, 9000, up, 1000, rng, true);
+    Segments(w, 0x0A000002, 9000, 0x0A000001, 40000, down, 0xFFFFFF00u, rng, false);
+    Segments(w, 0x0A000003, 41000, 0x0A000002, 9001, Concat({requests[0]}), 5, rng, true);
+    const fs::path file = Temp("capture.pcap");
+    Write(file, w.Bytes());
+
+    const std::vector<tool::Flow> flows = tool::ReadCapture(file.string(), 9000);
+    ASSERT_EQ(flows.size(), 2u);
+    EXPECT_EQ(flows[0].name, "10.0.0.1:40000 -> 10.0.0.2:9000");
+    EXPECT_EQ(flows[0].bytes, up);
+    EXPECT_EQ(flows[1].bytes, down);
+    EXPECT_EQ(flows[0].problem + flows[1].problem, "");
+
+    tool::DecodeOptions o;
+    o.pcap = file.string();
+    o.port = 9000;
+    std::ostringstream out;
+    EXPECT_EQ(tool::RunDecode(o, out), 0);
+    const std::string total = std::to_string(requests.size() + answers.size()) + " messages\n";
+    EXPECT_NE(out.str().find(total), std::string::npos) << LastLines(out.str(), "== message");
+    EXPECT_EQ(out.str().find("refused"), std::string::npos);
+    fs::remove(file);
+}
+
+TEST(Pcap, AMissingSegmentIsReportedAsAGap) {
+#if !TRDCOMP_HAVE_PCAP
+    GTEST_SKIP() << "built without libpcap";
+#endif
+    const std::vector<char> stream = Concat({Golden("req_1002_2008"), Golden("req_1003_2008")});
+    PcapWriter w;
+    w.Segment(1, 5000, 2, 9000, 99, true, nullptr, 0);
+    w.Segment(1, 5000, 2, 9000, 100, false, stream.data(), 50);
+    w.Segment(1, 5000, 2, 9000, 200, false, stream.data() + 100, stream.size() - 100);
+    const fs::path file = Temp("gap.pcap");
+    Write(file, w.Bytes());
+    const std::vector<tool::Flow> flows = tool::ReadCapture(file.string(), 0);
+    ASSERT_EQ(flows.size(), 1u);
+    EXPECT_EQ(flows[0].bytes.size(), 50u);
+    EXPECT_EQ(flows[0].problem, "50 bytes missing from the capture at stream offset 50");
+    fs::remove(file);
+    EXPECT_THROW(tool::ReadCapture(file.string(), 0), std::runtime_error);
+}
+
+TEST(Diff, GoldenPairs) {
+    std::vector<char> changed = Golden("req_1002_2008");
+    // Record 1's char at offset 2 of the layout, found through the restore.
+    tool::Decoded d = tool::Decode(changed, 0);
+    struct Case {
+        const char* what;
+        std::vector<char> a, b;
+        int status;
+        std::vector<std::string> lines;
+    };
+    std::vector<char> edited = tool::Encode(tool::ToJson(d), {});
+    {
+        tool::Json j = tool::ToJson(d);
+        j["sections"][0]["records"][1]["f2"] = "Q";
+        edited = tool::Encode(j, {});
+    }
+    const Case cases[] = {
+        {"a message and itself", Golden("ans_1110_2008"), Golden("ans_1110_2008"), 0, {"identical messages"}},
+        {"one field of one record", Golden("req_1002_2008"), edited, 1,
+         {"section 1 record 1 offset 2 (char, 1 bytes): ", "-> 'Q' (81)", "1 difference"}},
+        {"the same records in the other coding", Golden("req_1002_2008"), Golden("req_1002_fast"), 1, {"head nFlags: 1 -> 17"}},
+        {"another id", Golden("ans_1002_2008"), Golden("ans_1003_2008"), 1, {"head nFuncId: 1002 -> 1003", "section 1 layout"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const fs::path a = Temp("a.bin"), b = Temp("b.bin");
+        Write(a, c.a);
+        Write(b, c.b);
+        tool::DiffOptions o;
+        o.a = a.string();
+        o.b = b.string();
+        std::ostringstream out;
+        EXPECT_EQ(tool::RunDiff(o, out), c.status);
+        for (const std::string& line : c.lines) EXPECT_NE(out.str().find(line), std::string::npos) << out.str();
+        fs::remove(a);
+        fs::remove(b);
+    }
+}
+
+TEST(Sent, EveryFastGoldenRecordsOriginsAgreeWithTheRestoredValues) {
+    int checked = 0;
+    for (const auto& e : fs::directory_iterator(TRDCOMP_GOLDEN_DIR)) {
+        const std::string name = e.path().stem().string();
+        if (e.path().extension() != ".wire" || name.find("_fast") == std::string::npos) continue;
+        SCOPED_TRACE(name);
+        std::ifstream in(e.path(), std::ios::binary);
+        const std::vector<char> wire((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        const tool::Decoded m = tool::Decode(wire, 0);
+        const auto origins = tool::SentFields(m);
+        ASSERT_EQ(origins.size(), m.sections.size());
+        for (std::size_t j = 0; j < m.sections.size(); ++j) {
+            const tool::Section& s = m.sections[j];
+            if (!s.layout || s.count <= 0) continue;
+            ASSERT_EQ(origins[j].size(), static_cast<std::size_t>(std::min(s.count, 0xFFFF)));
+            for (std::size_t i = 0; i < origins[j].size(); ++i) {
+                const char* rec = s.records.data() + i * static_cast<std::size_t>(s.slot);
+                for (const auto& [offset, origin] : origins[j][i]) {
+                    ASSERT_NE(origin, i == 0 ? tool::Origin::fromPrevious : tool::Origin::fromDefault);
+                    if (origin != tool::Origin::fromPrevious) continue;
+                    // A field not sent holds the previous record's value.
+                    const auto f = std::find_if(s.layout->fields.begin(), s.layout->fields.end(),
+                                                [&](const auto& x) { return x.offset == offset; });
+                    // Inside a counted array, the entry's own fields (the first at the array's offset).
+                    int width = f != s.layout->fields.end() ? f->width : 1;
+                    if (f != s.layout->fields.end() && f->kind == "array")
+                        width = catalogue_model::Get().At(f->entry).fields.front().width;
+                    EXPECT_EQ(std::memcmp(rec + offset, rec - s.slot + offset, static_cast<std::size_t>(width)), 0)
+                        << "record " << i << " offset " << offset;
+                    ++checked;
+                }
+            }
+        }
+    }
+    EXPECT_GT(checked, 1000);
+    // The table marks the column.
+    std::ostringstream out;
+    tool::PrintText(tool::Decode(Golden("req_1002_fast"), 0), out, true);
+    EXPECT_NE(out.str().find("origin    value"), std::string::npos);
+    EXPECT_NE(out.str().find("previous"), std::string::npos);
+}

@@ -1,0 +1,187 @@
+// trdcomp decode (one message, a stream, a capture) and trdcomp diff.
+#include <cstring>
+#include <iomanip>
+#include <map>
+#include <ostream>
+#include <stdexcept>
+#include <tuple>
+
+#include "Commands.h"
+#include "Message.h"
+#include "Stream.h"
+#include "trdcomp/trdcomp.hpp"
+
+namespace tool {
+
+namespace {
+
+std::vector<char> Input(const std::string& file, bool hex) {
+    std::vector<char> bytes = ReadAll(file);
+    if (hex) {
+        std::vector<char> parsed;
+        if (!ParseHex(std::string(bytes.begin(), bytes.end()), parsed))
+            throw std::runtime_error(file + ": the input is not hex: expected pairs of hex digits, white space between bytes only");
+        bytes.swap(parsed);
+    }
+    return bytes;
+}
+
+void Print(const Decoded& m, const DecodeOptions& o, std::ostream& out) {
+    if (o.json)
+        out << ToJson(m).dump(2) << "\n";
+    else
+        PrintText(m, out, o.sent);
+}
+
+std::int32_t Word(const std::vector<char>& b, std::size_t off) {
+    std::int32_t v = 0;
+    if (off + 4 <= b.size()) std::memcpy(&v, b.data() + off, 4);
+    return v;
+}
+
+// Messages of a stream or capture, counted per direction and id.
+struct Tally {
+    std::size_t messages = 0, refused = 0;
+    std::map<std::pair<std::string, std::int32_t>, std::size_t> perId;
+    bool problems = false;
+
+    void Decode(const Piece& piece, const std::string& where, const DecodeOptions& o, std::ostream& out) {
+        ++messages;
+        const bool request = Word(piece.bytes, 0) == TRDCOMP_REQ_HEAD_LEN;
+        ++perId[{request ? "request" : "answer", Word(piece.bytes, 4)}];
+        out << "== message " << messages << ": " << where << "offset " << piece.offset << ", " << piece.bytes.size()
+            << " bytes\n";
+        try {
+            Print(tool::Decode(piece.bytes, static_cast<char>(o.flag)), o, out);
+        } catch (const std::exception& e) {
+            ++refused;
+            out << "refused: " << e.what() << "\n";
+        }
+        out << "\n";
+    }
+    void Cut(const char* p, std::size_t n, const std::string& where, const DecodeOptions& o, std::ostream& out) {
+        const Pieces pieces = CutStream(p, n, ParseFrame(o.frame));
+        for (const Piece& piece : pieces.messages) Decode(piece, where, o, out);
+        if (!pieces.problem.empty()) {
+            problems = true;
+            out << "stopped: " << where << pieces.problem << "\n\n";
+        }
+    }
+    void Summary(std::ostream& out) const {
+        out << messages << (messages == 1 ? " message" : " messages");
+        if (refused) out << " (" << refused << " refused)";
+        out << "\n";
+        for (const auto& [key, n] : perId) out << "  " << std::left << std::setw(8) << key.first << std::setw(8) << key.second << n << "\n";
+    }
+};
+
+}  // namespace
+
+int RunDecode(const DecodeOptions& o, std::ostream& out) {
+    if (!o.pcap.empty()) {
+        Tally t;
+        const std::vector<Flow> flows = ReadCapture(o.pcap, o.port);
+        for (const Flow& f : flows) {
+            out << "== connection " << f.name << ", " << f.bytes.size() << " bytes\n";
+            t.Cut(f.bytes.data(), f.bytes.size(), f.name + ", ", o, out);
+            if (!f.problem.empty()) {
+                t.problems = true;
+                out << "gap: " << f.name << ", " << f.problem << "\n\n";
+            }
+        }
+        t.Summary(out);
+        return t.problems || t.refused ? 1 : 0;
+    }
+    const std::vector<char> bytes = Input(o.file, o.hex);
+    if (o.stream || !o.frame.empty()) {
+        Tally t;
+        t.Cut(bytes.data(), bytes.size(), "", o, out);
+        t.Summary(out);
+        return t.problems || t.refused ? 1 : 0;
+    }
+    Print(Decode(bytes, static_cast<char>(o.flag)), o, out);
+    return 0;
+}
+
+namespace {
+
+std::string Describe(const Decoded& m) {
+    return std::string(m.request ? "request " : "answer ") + std::to_string(Word(m.wire, 4)) + ", " + CodingName(m.fastVersion) +
+           ", " + std::to_string(m.wire.size()) + " bytes";
+}
+
+}  // namespace
+
+int RunDiff(const DiffOptions& o, std::ostream& out) {
+    const Decoded a = Decode(Input(o.a, o.hex), static_cast<char>(o.flag));
+    const Decoded b = Decode(Input(o.b, o.hex), static_cast<char>(o.flag));
+    out << "--- " << o.a << " (" << Describe(a) << ")\n+++ " << o.b << " (" << Describe(b) << ")\n";
+    std::size_t differences = 0;
+    auto differ = [&](const std::string& what, const std::string& x, const std::string& y) {
+        if (x == y) return;
+        ++differences;
+        out << what << ": " << x << " -> " << y << "\n";
+    };
+    differ("direction", a.request ? "request" : "answer", b.request ? "request" : "answer");
+    const Json ha = ToJson(a).at("head"), hb = ToJson(b).at("head");
+    for (const auto& [key, v] : ha.items()) {
+        // The coding bits differ with the coding; the restored head keeps them.
+        differ("head " + key, v.dump(), hb.contains(key) ? hb.at(key).dump() : "(none)");
+    }
+    differ("arrays", std::to_string(a.arrayCount), std::to_string(b.arrayCount));
+    differ("sections", std::to_string(a.sections.size()), std::to_string(b.sections.size()));
+    for (std::size_t j = 0; j < std::min(a.sections.size(), b.sections.size()); ++j) {
+        const Section& x = a.sections[j];
+        const Section& y = b.sections[j];
+        const std::string sec = "section " + std::to_string(j + 1);
+        differ(sec + " layout", x.layout ? x.layout->name : "raw", y.layout ? y.layout->name : "raw");
+        differ(sec + " count", std::to_string(x.count), std::to_string(y.count));
+        differ(sec + " record size", std::to_string(x.slot), std::to_string(y.slot));
+        if (x.slot <= 0 || x.slot != y.slot) {
+            if (x.records != y.records) differ(sec + " records", "differ", "");
+            continue;
+        }
+        const std::size_t slot = static_cast<std::size_t>(x.slot);
+        const std::size_t nx = x.records.size() / slot, ny = y.records.size() / slot;
+        for (std::size_t i = 0; i < std::max(nx, ny); ++i) {
+            const std::string rec = sec + " record " + std::to_string(i);
+            if (i >= nx || i >= ny) {
+                ++differences;
+                out << rec << ": only in " << (i < nx ? o.a : o.b) << "\n";
+                continue;
+            }
+            const char* rx = x.records.data() + i * slot;
+            const char* ry = y.records.data() + i * slot;
+            if (std::memcmp(rx, ry, slot) == 0) continue;
+            if (!x.layout || x.layout != y.layout) {
+                differ(rec, Hex(rx, slot), Hex(ry, slot));
+                continue;
+            }
+            const std::vector<Row> rowsA = RecordRows(*x.layout, rx), rowsB = RecordRows(*x.layout, ry);
+            for (std::size_t r = 0; r < rowsA.size() && r < rowsB.size(); ++r)
+                differ(rec + " offset " + std::to_string(rowsA[r].offset) + " (" + rowsA[r].kind + ", " +
+                           std::to_string(rowsA[r].width) + " bytes)",
+                       rowsA[r].value, rowsB[r].value);
+        }
+    }
+    differ("trailing bytes", Hex(a.trailing.data(), a.trailing.size()), Hex(b.trailing.data(), b.trailing.size()));
+    // The verdict is the restored bytes themselves: a field table could hide
+    // a byte the layout does not show.
+    const trdcomp::span<const char> wa(a.wire.data(), a.wire.size()), wb(b.wire.data(), b.wire.size());
+    const char flag = static_cast<char>(o.flag);
+    const trdcomp::Restored ra = a.request ? trdcomp::RestoreRequest(wa, flag) : trdcomp::RestoreAnswer(wa, flag);
+    const trdcomp::Restored rb = b.request ? trdcomp::RestoreRequest(wb, flag) : trdcomp::RestoreAnswer(wb, flag);
+    const bool same = a.request == b.request && ra.Size() == rb.Size() &&
+                      (ra.Size() == 0 || std::memcmp(ra.Data(), rb.Data(), ra.Size()) == 0);
+    if (same && differences > 0) {
+        out << "the restored messages are identical; the differences above are in the wire heads only\n";
+    } else if (!same && differences == 0) {
+        ++differences;
+        out << "the restored bytes differ in bytes no field shows\n";
+    }
+    if (same) out << (a.wire == b.wire ? "identical messages\n" : "the messages restore identically (their wire bytes differ)\n");
+    else out << differences << (differences == 1 ? " difference\n" : " differences\n");
+    return same ? 0 : 1;
+}
+
+}  // namespace tool

@@ -1,0 +1,100 @@
+// Which fields of each Fast record were sent: the presence map of every
+// record, read by the Fast engine's own map reader, laid over the layout's
+// fields in coding order (the constant layouts the library is built from).
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Message.h"
+#include "common/LayoutMacros.h"
+#include "fastcodec/FastPrimitives.h"
+#include "trdcomp/TrdCompData.h"
+
+namespace tool {
+
+namespace {
+
+// Offsets of each layout's coded fields in coding order, by layout name.
+std::map<std::string, std::vector<int>>& CodingOrders() {
+    static std::map<std::string, std::vector<int>> orders;
+    return orders;
+}
+
+template <class L>
+bool Register(const char* name, const L& layout) {
+    std::vector<int> offsets;
+    for (const auto& f : layout.fields) offsets.push_back(static_cast<int>(f.offset));
+    CodingOrders()[name] = std::move(offsets);
+    return true;
+}
+
+namespace layouts {
+#undef TRD_END
+#define TRD_END(NAME)                                                                                              \
+    }                                                                                                              \
+    ;                                                                                                              \
+    inline constexpr auto k##NAME =                                                                                \
+        ::trdcomp::model::Build<::trdcomp::model::CodedFields(k##NAME##_entries)>(k##NAME##_entries);          \
+    inline const bool k##NAME##_registered = Register(#NAME, k##NAME);
+#include "request_layouts.def"
+#include "answer_layouts.def"
+}  // namespace layouts
+
+std::uint16_t U16(const std::vector<char>& b, std::size_t at) {
+    return at + 2 <= b.size() ? static_cast<std::uint16_t>(static_cast<unsigned char>(b[at]) |
+                                                           static_cast<unsigned char>(b[at + 1]) << 8)
+                              : 0;
+}
+
+}  // namespace
+
+std::vector<std::vector<std::map<int, Origin>>> SentFields(const Decoded& m) {
+    std::vector<std::vector<std::map<int, Origin>>> out(m.sections.size());
+    if (m.fastVersion == 0 || m.wire.size() < 4) return out;
+    std::int32_t headLen;
+    std::memcpy(&headLen, m.wire.data(), 4);
+    std::int32_t flags = 0;
+    if (m.wire.size() >= 12) std::memcpy(&flags, m.wire.data() + 8, 4);
+    if (!(flags & TRDCOMP_FLAG_CODED) || headLen < 0) return out;
+    // The stream: a u16 count per array, then each array's records, a u16
+    // length and the coded record each.
+    const std::size_t arrays = m.sections.size();
+    std::int64_t cursor = headLen + 2 * static_cast<std::int64_t>(arrays);
+    const trdcomp::fast::BoundedSource src{reinterpret_cast<const trdcomp::fast::byte*>(m.wire.data()),
+                                           static_cast<std::int64_t>(m.wire.size())};
+    for (std::size_t j = 0; j < arrays; ++j) {
+        const Section& s = m.sections[j];
+        const int coded = U16(m.wire, static_cast<std::size_t>(headLen) + 2 * j);
+        const auto order = s.layout ? CodingOrders().find(s.layout->name) : CodingOrders().end();
+        for (int i = 0; i < coded && cursor + 2 <= src.size; ++i) {
+            const std::int64_t len = U16(m.wire, static_cast<std::size_t>(cursor));
+            if (order != CodingOrders().end()) {
+                const std::vector<int>& fields = order->second;
+                std::vector<trdcomp::fast::byte> map((fields.size() + 6) / 7 + 1, 0);
+                if (trdcomp::fast::ReadPresenceMap(src, cursor + 2, len, map.data(), map.size() - 1) == 0)
+                    std::fill(map.begin(), map.end(), 0);
+                std::map<int, Origin> rec;
+                for (std::size_t k = 0; k < fields.size(); ++k) {
+                    const bool sent = map[k / 7] & (0x40u >> (k % 7));
+                    rec[fields[k]] = sent ? Origin::sent : i == 0 ? Origin::fromDefault : Origin::fromPrevious;
+                }
+                out[j].push_back(std::move(rec));
+            }
+            cursor += 2 + len;
+        }
+    }
+    return out;
+}
+
+const char* OriginName(Origin o) {
+    switch (o) {
+        case Origin::sent: return "sent";
+        case Origin::fromPrevious: return "previous";
+        case Origin::fromDefault: return "default";
+    }
+    return "";
+}
+
+}  // namespace tool
