@@ -148,6 +148,41 @@ TEST(FastFraming, ExactBytesOfDeltaCodedRecords) {
     EXPECT_EQ(Word(r.p, 72), 83);
 }
 
+TEST(FastFraming, ClassicPackersWriteNothingPastTheMessage) {
+    // The classic packers are not told their capacity: records are coded in
+    // place only where the records still to come prove the room, so a buffer
+    // of exactly the message's length suffices (AddressSanitizer watches the
+    // exact-size block). Records that repeat code short; texts that change
+    // code long; a head count above the records the data holds stops early.
+    const auto repeat = Order('A', 11, 'x', "SAME", "SAME", "SAME");
+    const auto change = [](int i) {
+        const std::string t(static_cast<std::size_t>(1 + i % 31), static_cast<char>('a' + i % 26));
+        return Order('B', static_cast<char>(i), 'y', t, t.substr(0, 23), t.substr(0, 23));
+    };
+    struct Case {
+        int records, headCount;
+        bool changing;
+    };
+    for (const Case c : {Case{1, 1, false}, Case{7, 7, false}, Case{40, 40, false}, Case{40, 40, true},
+                         Case{12, 30, true}, Case{3, 3, true}}) {
+        SCOPED_TRACE(std::to_string(c.records) + " records, head count " + std::to_string(c.headCount));
+        std::vector<char> data;
+        for (int i = 0; i < c.records; ++i) {
+            const auto r = c.changing ? change(i) : repeat;
+            data.insert(data.end(), r.begin(), r.end());
+        }
+        const auto expected = FastReq<kT_ORDER>(c.headCount, data);
+        Exact out(std::vector<char>(expected.size(), 0));
+        tagREQ_HEAD head = ReqHead(9000, 0x10, c.headCount, 83);
+        std::memcpy(out.data(), &head, 76);
+        int len = 76;
+        Exact in(data);
+        ASSERT_EQ(trdcomp::fast::PackRequest<kT_ORDER>(out.data(), len, in.data(), in.size(), 1), 1);
+        ASSERT_EQ(len, static_cast<int>(expected.size()));
+        EXPECT_EQ(std::vector<char>(out.data() + 76, out.data() + len), std::vector<char>(expected.begin() + 76, expected.end()));
+    }
+}
+
 TEST(FastFraming, FirstRecordAtTheDefaultsStillSendsItsTexts) {
     const auto m = FastReq<kT_ORDER>(1, Order('A', 11, 0, "", "", ""));
     EXPECT_EQ(Body(m), Bytes({0x01, 0x00, 0x04, 0x00, 0x8e, 0x80, 0x80, 0x80}));
