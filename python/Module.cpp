@@ -13,7 +13,6 @@
 #include "CatalogueFingerprint.h"
 #include "Commands.h"
 #include "Message.h"
-#include "MessageLength.h"
 #include "Records.h"
 #include "model/Samples.h"
 #include "trdcomp/trdcomp.hpp"
@@ -130,9 +129,12 @@ py::dict Catalogue() {
     return out;
 }
 
+// The library's MessageLength, once the whole message is in the prefix.
 std::optional<std::size_t> MessageLength(const py::buffer& prefix) {
     const std::vector<char> bytes = BytesOf(prefix);
-    return trdcomp_python::FramedMessageLength(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+    const trdcomp::FrameLength f = trdcomp::MessageLength(bytes.data(), bytes.size());
+    if (f.status != trdcomp::Framing::complete || f.length > bytes.size()) return std::nullopt;
+    return f.length;
 }
 
 }  // namespace
