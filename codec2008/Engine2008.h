@@ -132,55 +132,74 @@ TRDCOMP_FORCE_INLINE void EncodeField(const char* rec, char* out, std::uint32_t&
     // Kind::BlockLength travels with its block.
 }
 
-template <Field F, class C>
-TRDCOMP_FORCE_INLINE std::int64_t DecodeValue(const char* in, char* rec, char flag) {
-    char* p = rec + F.offset;
-    if constexpr (F.kind == Kind::Char) {
-        *p = in[0];
-        return 1;
-    } else if constexpr (F.kind == Kind::Text) {
-        return C::GetText(in, p, F.limit);
-    } else if constexpr (F.kind == Kind::Bytes) {
-        return C::GetBlock(in, p, F.limit);
-    } else if constexpr (F.kind == Kind::Int32 || F.kind == Kind::BlockLength) {
-        if (flag == 0) {
-            int v = 0;
-            const int k = C::GetInt(in, v);
-            d::StoreI32(p, v);
+// What decoding a field depends on: its kind, width and decode limit, not
+// its place in the record, so that fields alike share one instantiation.
+struct ValueKey {
+    Kind kind;
+    std::uint32_t width;
+    std::uint32_t limit;
+};
+constexpr ValueKey KeyOf(const Field& f) { return {f.kind, f.width, f.limit}; }
+
+// Decodes one value of a field of kind `kind` (width and decode limit as
+// given) at `in` into the field at p; returns the bytes consumed. Inlined with
+// a constant kind it is that field's own decoder; called with a table row's
+// kind it serves the table-driven coder.
+template <class C>
+TRDCOMP_FORCE_INLINE std::int64_t DecodeValueOf(Kind kind, std::uint32_t width, std::uint32_t limit, const char* in,
+                                                char* p, char flag) {
+    switch (kind) {
+        case Kind::Char: *p = in[0]; return 1;
+        case Kind::Text: return C::GetText(in, p, static_cast<int>(limit));
+        case Kind::Bytes: return C::GetBlock(in, p, static_cast<int>(limit));
+        case Kind::Int32:
+        case Kind::BlockLength: {
+            if (flag == 0) {
+                int v = 0;
+                const int k = C::GetInt(in, v);
+                d::StoreI32(p, v);
+                return k;
+            }
+            long long v = 0;
+            const int k = C::GetInt64(in, v);
+            d::StoreI32(p, static_cast<std::int32_t>(v));
             return k;
         }
-        long long v = 0;
-        const int k = C::GetInt64(in, v);
-        d::StoreI32(p, static_cast<std::int32_t>(v));
-        return k;
-    } else if constexpr (F.kind == Kind::Int64) {
-        long long v = 0;
-        const int k = C::GetInt64(in, v);
-        std::memcpy(p, &v, 8);
-        return k;
-    } else if constexpr (F.kind == Kind::Double) {
-        long long v = 0;
-        const int k = C::GetInt64(in, v);
-        const double x = static_cast<double>(v) * 0.0001;
-        std::memcpy(p, &x, 8);
-        return k;
-    } else if constexpr (F.kind == Kind::SizedBlock) {
-        // The block's length was decoded first (see DecodeRecord) and limits it.
-        const std::int32_t len = d::LoadI32(p + F.width);
-        const int max = len < 0 ? 0 : (len > static_cast<std::int32_t>(F.width) ? F.width : len);
-        return C::GetBlock(in, p, max);
-    } else {
-        return 0;
+        case Kind::Int64: {
+            long long v = 0;
+            const int k = C::GetInt64(in, v);
+            std::memcpy(p, &v, 8);
+            return k;
+        }
+        case Kind::Double: {
+            long long v = 0;
+            const int k = C::GetInt64(in, v);
+            const double x = static_cast<double>(v) * 0.0001;
+            std::memcpy(p, &x, 8);
+            return k;
+        }
+        case Kind::SizedBlock: {
+            // The block's length was decoded first (see DecodeRecord) and limits it.
+            const std::int32_t len = d::LoadI32(p + width);
+            const int max = len < 0 ? 0 : (len > static_cast<std::int32_t>(width) ? static_cast<int>(width) : len);
+            return C::GetBlock(in, p, max);
+        }
     }
+    return 0;
+}
+
+template <ValueKey V, class C>
+TRDCOMP_FORCE_INLINE std::int64_t DecodeValue(const char* in, char* p, char flag) {
+    return DecodeValueOf<C>(V.kind, V.width, V.limit, in, p, flag);
 }
 
 // A field whose worst-case read would pass the end of the record's bytes is
-// decoded from a zero-padded copy of what is left.
-template <Field F, class C>
-[[gnu::noinline]] std::int64_t DecodePadded(const char* in, std::int64_t left, char* rec, char flag) {
-    char pad[MaxRead<C>(F) + 32] = {};  // 32 more: the coders copy short texts by words
+// decoded from a zero-padded copy of what is left: the cold path, out of line.
+template <ValueKey V, class C>
+[[gnu::noinline]] std::int64_t DecodePadded(const char* in, std::int64_t left, char* p, char flag) {
+    char pad[MaxRead<C>(Field{V.kind, {}, 0, V.width, V.limit, 0, false, -1}) + 32] = {};  // 32 more: the coders copy short texts by words
     std::memcpy(pad, in, static_cast<std::size_t>(left));
-    return DecodeValue<F, C>(pad, rec, flag);
+    return DecodeValue<V, C>(pad, p, flag);
 }
 
 // Decodes a field at in[used]: the record has `len` bytes, and `avail`
@@ -194,16 +213,21 @@ template <Field F, class C>
 TRDCOMP_FORCE_INLINE std::int64_t DecodeAt(const char* in, std::int64_t len, std::int64_t avail,
                                                     std::int64_t used, char* rec, char flag) {
     constexpr auto kMaxRead = static_cast<std::int64_t>(MaxRead<C>(F));
+    constexpr ValueKey kKey = KeyOf(F);
+    char* p = rec + F.offset;
     const std::int64_t left = len - used;
-    if (left >= kMaxRead) return DecodeValue<F, C>(in + used, rec, flag);
     if constexpr (C::kReadsOnlyConsumed && F.limit == F.width && F.kind != Kind::SizedBlock) {
-        if (avail - used >= kMaxRead) {
-            const std::int64_t k = DecodeValue<F, C>(in + used, rec, flag);
-            if (k <= left) return k;
-            std::memset(rec + F.offset, 0, F.width);
+        // One inlined decode serves both cases.
+        const bool whole = left >= kMaxRead;
+        if (whole || avail - used >= kMaxRead) {
+            const std::int64_t k = DecodeValue<kKey, C>(in + used, p, flag);
+            if (whole || k <= left) return k;
+            std::memset(p, 0, F.width);
         }
+    } else {
+        if (left >= kMaxRead) return DecodeValue<kKey, C>(in + used, p, flag);
     }
-    return DecodePadded<F, C>(in + used, left, rec, flag);
+    return DecodePadded<kKey, C>(in + used, left, p, flag);
 }
 
 // Decodes one field while bytes remain; false ends the record.
@@ -225,15 +249,130 @@ TRDCOMP_FORCE_INLINE bool DecodeField(const char* in, std::int64_t len, std::int
 
 }  // namespace internal
 
+// The record coder for value coders that are called, not compiled in (the
+// exported ones of another KXPfdk): each value costs a call across the
+// library boundary, so nothing is gained by specialising each field. One loop
+// over the layout's field table serves every layout, with the same bytes,
+// bounds and stops as the specialised coder.
+namespace table {
+
+struct View {
+    const Field* fields;
+    std::size_t count;
+    std::int32_t countOffset;
+    std::uint32_t countMax;
+    std::uint32_t size;
+};
+
+// The padded copy of a field near the record's end.
+inline constexpr std::size_t kPad = 65536 + 128;
+
+template <const auto& L>
+constexpr View ViewOf() {
+    return {L.fields.data(), L.fields.size(), L.countOffset, L.countMax, L.size};
+}
+
+// Every field's padded copy fits kPad, every text the coders' terminated copy.
+template <const auto& L, class C>
+consteval bool Fits() {
+    for (const Field& f : L.fields) {
+        if (MaxRead<C>(f) + 32 > kPad) return false;
+        if (f.kind == Kind::Text && f.width > kMaxTextWidth) return false;
+    }
+    return true;
+}
+
+inline std::int32_t Active(const View& v, const char* rec) {
+    if (v.countOffset < 0) return 0;
+    const std::int32_t count = d::LoadI32(rec + v.countOffset);
+    return count < 0 ? 0 : (count > static_cast<std::int32_t>(v.countMax) ? static_cast<std::int32_t>(v.countMax) : count);
+}
+
+template <class C>
+std::uint32_t EncodeRecord(const View& v, const char* rec, char* out, char flag) {
+    std::uint32_t n = 0;
+    const std::int32_t active = Active(v, rec);
+    for (std::size_t i = 0; i < v.count; ++i) {
+        const Field& f = v.fields[i];
+        if (f.entry >= 0 && f.entry >= active) continue;
+        const char* p = rec + f.offset;
+        switch (f.kind) {
+            case Kind::Char: out[n++] = *p; break;
+            case Kind::Text: n += static_cast<std::uint32_t>(C::PutText(out + n, p, ::strnlen(p, f.width), f.width)); break;
+            case Kind::Bytes: n += static_cast<std::uint32_t>(C::PutBlock(out + n, p, static_cast<int>(f.width))); break;
+            case Kind::Int32: n += static_cast<std::uint32_t>(internal::CompressInt32<C>(out + n, d::LoadI32(p), flag)); break;
+            case Kind::Int64: {
+                std::int64_t x;
+                std::memcpy(&x, p, 8);
+                n += static_cast<std::uint32_t>(C::PutInt64(out + n, x));
+                break;
+            }
+            case Kind::Double: {
+                double x;
+                std::memcpy(&x, p, 8);
+                n += static_cast<std::uint32_t>(C::PutInt64(out + n, d::TruncToInt64((x + 0.00005) * 10000.0)));
+                break;
+            }
+            case Kind::SizedBlock: {
+                const std::int32_t len = d::LoadI32(p + f.width);
+                n += static_cast<std::uint32_t>(internal::CompressInt32<C>(out + n, len, flag));
+                const std::int32_t keep = len < 0 ? 0 : (len > static_cast<std::int32_t>(f.width) ? static_cast<std::int32_t>(f.width) : len);
+                n += static_cast<std::uint32_t>(C::PutBlock(out + n, p, keep));
+                break;
+            }
+            default: break;  // Kind::BlockLength travels with its block
+        }
+    }
+    return n;
+}
+
+// A field in place where its worst-case read stays inside the record, else
+// from a zero-padded copy of what is left of it.
+template <class C>
+std::int64_t DecodeAt(const char* in, std::int64_t len, std::int64_t used, char* rec, const Field& f, char flag) {
+    const std::int64_t left = len - used;
+    const std::int64_t maxRead = MaxRead<C>(f);
+    if (left >= maxRead) return internal::DecodeValueOf<C>(f.kind, f.width, f.limit, in + used, rec + f.offset, flag);
+    char pad[kPad];  // zero from the record's end to the field's worst-case read, and some
+    std::memcpy(pad, in + used, static_cast<std::size_t>(left));
+    std::memset(pad + left, 0, static_cast<std::size_t>(maxRead - left + 32));
+    return internal::DecodeValueOf<C>(f.kind, f.width, f.limit, pad, rec + f.offset, flag);
+}
+
+template <class C>
+void DecodeRecord(const View& v, const char* in, std::int64_t len, std::int64_t /*avail*/, char* rec, char flag,
+                  bool zeroed) {
+    if (!zeroed) std::memset(rec, 0, v.size);
+    std::int64_t used = 0;
+    for (std::size_t i = 0; i < v.count; ++i) {
+        const Field& f = v.fields[i];
+        if (used >= len) return;
+        if (f.entry >= 0 && f.entry >= Active(v, rec)) continue;
+        if (f.kind == Kind::SizedBlock) {
+            const Field length{Kind::BlockLength, {}, f.offset + f.width, 4, 4, 0, false, -1};
+            used += DecodeAt<C>(in, len, used, rec, length, flag);
+            if (used >= len) return;
+        }
+        if (f.kind != Kind::BlockLength) used += DecodeAt<C>(in, len, used, rec, f, flag);
+    }
+}
+
+}  // namespace table
+
 // Codes one record (its layout's fields) at out; returns the bytes written.
 template <const auto& L, class C>
 inline std::uint32_t EncodeRecord(const char* rec, char* out, char flag) {
-    std::uint32_t n = 0;
-    const std::int32_t active = ActiveEntries<L>(rec);
-    [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
-        (internal::EncodeField<L.fields[I], C>(rec, out, n, flag, active), ...);
-    }(std::make_index_sequence<L.fields.size()>{});
-    return n;
+    if constexpr (!C::kSpecialised) {
+        static_assert(table::Fits<L, C>(), "a field is wider than the table-driven coder's buffers");
+        return table::EncodeRecord<C>(table::ViewOf<L>(), rec, out, flag);
+    } else {
+        std::uint32_t n = 0;
+        const std::int32_t active = ActiveEntries<L>(rec);
+        [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
+            (internal::EncodeField<L.fields[I], C>(rec, out, n, flag, active), ...);
+        }(std::make_index_sequence<L.fields.size()>{});
+        return n;
+    }
 }
 
 // Decodes the `len` bytes at `in` into the record; `avail` (>= len) bytes
@@ -241,11 +380,16 @@ inline std::uint32_t EncodeRecord(const char* rec, char* out, char flag) {
 // hands in one already zero.
 template <const auto& L, class C, bool kZeroed = false>
 inline void DecodeRecord(const char* in, std::int64_t len, std::int64_t avail, char* rec, char flag) {
-    if constexpr (!kZeroed) std::memset(rec, 0, L.size);
-    std::int64_t used = 0;
-    [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
-        static_cast<void>((internal::DecodeField<L.fields[I], L, C>(in, len, avail, used, rec, flag) && ...));
-    }(std::make_index_sequence<L.fields.size()>{});
+    if constexpr (!C::kSpecialised) {
+        static_assert(table::Fits<L, C>(), "a field is wider than the table-driven coder's buffers");
+        table::DecodeRecord<C>(table::ViewOf<L>(), in, len, avail, rec, flag, kZeroed);
+    } else {
+        if constexpr (!kZeroed) std::memset(rec, 0, L.size);
+        std::int64_t used = 0;
+        [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
+            static_cast<void>((internal::DecodeField<L.fields[I], L, C>(in, len, avail, used, rec, flag) && ...));
+        }(std::make_index_sequence<L.fields.size()>{});
+    }
 }
 
 // Codes `count` records of layout L read from `data` (extent bytes, stride

@@ -42,6 +42,8 @@ namespace trdcomp::codec2008 {
 
 // Bytes a value of another KXPfdk may take beyond its payload (see above).
 inline constexpr std::uint32_t kContractSlack = 32;
+// The widest text of any layout (checked where the layouts are built).
+inline constexpr std::size_t kMaxTextWidth = 32768;
 
 // Is the loaded KXPfdk ours? Decided once while the library loads; false
 // (the exported coders, always safe) until then. Asked once per record run.
@@ -55,6 +57,8 @@ struct BuiltInCoders {
     // A decoder reads no byte it does not consume: a field near a record's
     // end may be decoded in place and kept when it stayed inside the record.
     static constexpr bool kReadsOnlyConsumed = true;
+    // Compiled in: the engine specialises its record coder for each layout.
+    static constexpr bool kSpecialised = true;
 
     TRDCOMP_FORCE_INLINE static int PutInt(char* out, int v) { return kx::CompressInt(out, v); }
     TRDCOMP_FORCE_INLINE static int PutInt64(char* out, long long v) { return kx::CompressInt64(out, v); }
@@ -86,6 +90,8 @@ struct ContractCoders {
     static constexpr std::uint32_t kHeader = kContractSlack;
     // Nothing is known of what a decoder reads beyond what it consumes.
     static constexpr bool kReadsOnlyConsumed = false;
+    // Called across the library boundary: one table-driven record coder.
+    static constexpr bool kSpecialised = false;
 
     static int Written(int n, std::size_t max) {
         return n < 0 ? 0 : (static_cast<std::size_t>(n) > max ? static_cast<int>(max) : n);
@@ -96,13 +102,12 @@ struct ContractCoders {
     static int PutInt64(char* out, long long v) { return Written(N::NCH_compress_int64(out, v), kInt64); }
     // The coder takes a terminated text: a text that fills its field has no
     // terminator, so it is handed over as a terminated copy.
-    template <std::size_t W>
-    static int PutText(char* out, const char* text, std::size_t len) {
-        if (len < W) return Written(N::NCH_compress_string(out, text), len + kHeader);
-        char copy[W + 1];
-        std::memcpy(copy, text, W);
-        copy[W] = '\0';
-        return Written(N::NCH_compress_string(out, copy), W + kHeader);
+    static int PutText(char* out, const char* text, std::size_t len, std::size_t width) {
+        if (len < width) return Written(N::NCH_compress_string(out, text), len + kHeader);
+        char copy[kMaxTextWidth + 1];
+        std::memcpy(copy, text, width);
+        copy[width] = '\0';
+        return Written(N::NCH_compress_string(out, copy), width + kHeader);
     }
     static int PutBlock(char* out, const char* data, int len) {
         const std::size_t payload = len > 0 ? static_cast<std::size_t>(len) : 0;

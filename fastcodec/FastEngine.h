@@ -64,35 +64,32 @@ TRDCOMP_FORCE_INLINE std::int32_t I32(const char* rec) {
     return d::LoadI32(rec + F.offset);
 }
 
-// Is the field sent? Against prev when kFirst is false, else against the
-// default.
-template <Field F, const auto& L, bool kFirst>
+// Is the field sent? Against prev, or for the first record (prev null)
+// against the defaults. One instantiation serves both: the test of prev is
+// the same for every field of a record and predicted.
+template <Field F, const auto& L>
 TRDCOMP_FORCE_INLINE bool Sent(const char* cur, const char* prev) {
     const char* c = cur + F.offset;
     if constexpr (F.fast == FastKind::Char) {
-        if constexpr (kFirst) return static_cast<unsigned char>(*c) != F.fastDefault;
-        else return *c != prev[F.offset];
+        return prev ? *c != prev[F.offset] : static_cast<unsigned char>(*c) != F.fastDefault;
     } else if constexpr (F.fast == FastKind::Int) {
-        if constexpr (kFirst) return I32<F>(cur) != F.fastDefault;
-        else return I32<F>(cur) != I32<F>(prev);
+        return prev ? I32<F>(cur) != I32<F>(prev) : I32<F>(cur) != F.fastDefault;
     } else if constexpr (F.fast == FastKind::Int64) {
         std::int64_t v, w = 0;
         std::memcpy(&v, c, 8);
-        if constexpr (!kFirst) std::memcpy(&w, prev + F.offset, 8);
+        if (prev) std::memcpy(&w, prev + F.offset, 8);
         return v != w;
     } else if constexpr (F.fast == FastKind::Double) {
         double v, w = 0.0;
         std::memcpy(&v, c, 8);
-        if constexpr (!kFirst) std::memcpy(&w, prev + F.offset, 8);
+        if (prev) std::memcpy(&w, prev + F.offset, 8);
         return v != w;  // a NaN always counts as changed
     } else if constexpr (F.fast == FastKind::String || F.fast == FastKind::Ascii) {
         // strcmp semantics: a full text compares on into the bytes behind it,
-        // but never past the end of the record.
-        if constexpr (kFirst) return true;
-        else return d::TextDiffers<F.width>(c, prev + F.offset, L.size - F.offset);
+        // but never past the end of the record. The first record sends its texts.
+        return !prev || d::TextDiffers<F.width>(c, prev + F.offset, L.size - F.offset);
     } else if constexpr (F.fast == FastKind::Bytes) {
-        if constexpr (kFirst) return d::AnyNonZero<F.width>(c);
-        else return d::BlockDiffers<F.width>(c, prev + F.offset);
+        return prev ? d::BlockDiffers<F.width>(c, prev + F.offset) : d::AnyNonZero<F.width>(c);
     } else {
         return true;  // the sized block and its length are always sent
     }
@@ -143,35 +140,37 @@ template <Field F>
 inline constexpr bool kAlwaysWritten = F.fast == FastKind::Char || F.fast == FastKind::Int ||
                                        F.fast == FastKind::Int64 || F.fast == FastKind::Double;
 
-template <Field F>
-inline std::int64_t Get(const BoundedSource& in, std::int64_t at, char* cur) {
-    char* c = cur + F.offset;
-    if constexpr (F.fast == FastKind::Char) {
+// Reads a value through the bounded source into the field at c: the cold
+// path near the message's end, out of line and shared by every field of the
+// same kind and width.
+template <FastKind K, std::uint32_t W>
+[[gnu::noinline]] std::int64_t Get(const BoundedSource& in, std::int64_t at, char* c) {
+    if constexpr (K == FastKind::Char) {
         signed char v;
         const std::int64_t k = GetSignedAt(in, at, &v);
         *c = static_cast<char>(v);
         return k;
-    } else if constexpr (F.fast == FastKind::Int || F.fast == FastKind::BlockLength) {
+    } else if constexpr (K == FastKind::Int || K == FastKind::BlockLength) {
         std::int32_t v;
         const std::int64_t k = GetSignedAt(in, at, &v);
         d::StoreI32(c, v);
         return k;
-    } else if constexpr (F.fast == FastKind::Int64) {
+    } else if constexpr (K == FastKind::Int64) {
         std::int64_t v;
         const std::int64_t k = GetSignedAt(in, at, &v);
         std::memcpy(c, &v, 8);
         return k;
-    } else if constexpr (F.fast == FastKind::Double) {
+    } else if constexpr (K == FastKind::Double) {
         double v;
         const std::int64_t k = GetPriceAt(in, at, &v);
         std::memcpy(c, &v, 8);
         return k;
-    } else if constexpr (F.fast == FastKind::String) {
-        return GetStringAt(in, at, c, static_cast<int>(F.width));
-    } else if constexpr (F.fast == FastKind::Ascii) {
-        return GetAsciiAt(in, at, c, static_cast<int>(F.width));
+    } else if constexpr (K == FastKind::String) {
+        return GetStringAt(in, at, c, static_cast<int>(W));
+    } else if constexpr (K == FastKind::Ascii) {
+        return GetAsciiAt(in, at, c, static_cast<int>(W));
     } else {
-        return GetBytesAt(in, at, c, static_cast<int>(F.width));
+        return GetBytesAt(in, at, c, static_cast<int>(W));
     }
 }
 
@@ -240,7 +239,7 @@ TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t
             }
         }
     }
-    return Get<F>(in, at, cur);
+    return Get<F.fast, F.width>(in, at, cur + F.offset);
 }
 
 // A field that was not sent: from prev as it stands, else its default.
@@ -259,11 +258,11 @@ TRDCOMP_FORCE_INLINE void Fill(char* cur, const char* prev) {
 // One field of the encoder: numbers are written whether sent or not and
 // kept by advancing the cursor, so that a change costs no branch; the
 // presence bits gather in `map`.
-template <std::size_t I, const auto& L, bool kFirst>
+template <std::size_t I, const auto& L>
 TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* prev, byte* out, std::uint32_t& n,
                                                byte* map) {
     constexpr Field F = L.fields[I];
-    const bool sent = Sent<F, L, kFirst>(cur, prev);
+    const bool sent = Sent<F, L>(cur, prev);
     if constexpr (kAlwaysWritten<F>) {
         const std::uint32_t k = Put<F>(out + n, cur);
         n += sent ? k : 0u;
@@ -274,13 +273,13 @@ TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* prev, byte* o
     }
 }
 
-template <const auto& L, bool kFirst>
+template <const auto& L>
 TRDCOMP_FORCE_INLINE std::uint32_t EncodeFields(const char* cur, const char* prev, byte* out) {
     constexpr std::size_t P = kPresenceBytes<L>;
     byte map[P] = {};
     std::uint32_t n = P;
     [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
-        (EncodeField<I, L, kFirst>(cur, prev, out, n, map), ...);
+        (EncodeField<I, L>(cur, prev, out, n, map), ...);
     }(std::make_index_sequence<L.fields.size()>{});
     map[P - 1] |= 0x80u;
     std::memcpy(out, map, P);
@@ -295,10 +294,8 @@ template <const auto& L>
 inline std::uint32_t EncodeRecord(const char* cur, const char* prev, byte* out) {
     if constexpr (kPresenceBytes<L> == 0) {
         return 0;
-    } else if (prev != nullptr) {
-        return internal::EncodeFields<L, false>(cur, prev, out);
     } else {
-        return internal::EncodeFields<L, true>(cur, nullptr, out);
+        return internal::EncodeFields<L>(cur, prev, out);
     }
 }
 

@@ -10,23 +10,25 @@
 #include <cstring>
 #include <vector>
 
+#include "CatalogueTables.h"
 #include "trdcomp/TrdCompData.h"
 
 namespace {
 
 // Every routed function id, from the catalogue's routing tables.
-const int kIds[] = {
-#define TRD_ROUTE(ID, P8, PF, R8, RF) ID,
-#include "request_routes.def"
-#include "answer_routes.def"
-#undef TRD_ROUTE
-};
+std::vector<int> RoutedIds() {
+    std::vector<int> ids;
+    for (const auto& r : trdcomp::generated::kCatalogueRequestRoutes) ids.push_back(r.id);
+    for (const auto& r : trdcomp::generated::kCatalogueAnswerRoutes) ids.push_back(r.id);
+    return ids;
+}
+const std::vector<int> kIds = RoutedIds();
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size < 5) return 0;
-    const int id = kIds[data[0] % (sizeof kIds / sizeof kIds[0])];
+    const int id = kIds[data[0] % kIds.size()];
     const bool fast = data[1] & 1;
     const char flag = static_cast<char>(data[2] % 3);
     const int count = data[3] % 8;

@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-30}
-build=${2:-build/fuzz}
+build=${2:-build/asan}
 if [ "${seconds}" = "-h" ] || [ "${seconds}" = "--help" ]; then sed -n '2,5p' "$0" | sed 's/^# \{0,1\}//'; exit 0; fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

@@ -68,9 +68,9 @@ py::bytes Encode(const py::object& message) {
     }
 }
 
-py::object Cell(const std::string& cell) {
-    if (catalogue_model::IsCodec(cell)) return py::int_(std::stoi(cell));
-    return py::str(cell);
+py::object Cell(const catalogue_model::Cell& cell) {
+    if (cell.IsCodec()) return py::int_(cell.codec);
+    return py::str(cell.Text());
 }
 
 py::dict Routes(const std::vector<catalogue_model::Route>& routes) {

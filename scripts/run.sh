@@ -2,7 +2,7 @@
 # The project's two jobs, runnable on a fresh Debian 12 machine as root:
 #   scripts/run.sh demo   build (release) and run the example
 #   scripts/run.sh test   build and run the tests: release (with the Python module, the install
-#                         tree and the Debian packages), sanitizers, threads, fuzzing
+#                         tree and the Debian packages), sanitizers, fuzzing
 # Each installs with apt-get whatever the machine lacks.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -32,14 +32,10 @@ case "${1:-}" in
       libbenchmark-dev liblz4-dev libzstd-dev pybind11-dev python3-dev python3-numpy python3-pytest dpkg-dev file libpcap-dev
     echo "== release build, warnings as errors; the Python module, the install tree and the Debian packages"
     cmake --workflow --preset ci
-    echo "== AddressSanitizer + UndefinedBehaviorSanitizer (LeakSanitizer on)"
+    echo "== AddressSanitizer + UndefinedBehaviorSanitizer (clang, LeakSanitizer on), with the fuzz targets"
     cmake --workflow --preset asan
-    echo "== ThreadSanitizer: many threads at once"
-    cmake --workflow --preset tsan
     echo "== fuzzing, ${TRDCOMP_FUZZ_SECONDS:-20} s a target"
-    cmake --preset fuzz
-    cmake --build --preset fuzz
-    fuzz/run.sh "${TRDCOMP_FUZZ_SECONDS:-20}"
+    fuzz/run.sh "${TRDCOMP_FUZZ_SECONDS:-20}" build/asan
     ;;
   -h|--help|help)
     usage

@@ -151,13 +151,29 @@ TEST(AnswerFraming, CountSwitchedLayoutFollowsTheCount) {
     }
 }
 
-TEST(AnswerFraming, FastStreamCountMustMatchTheHead) {
+TEST(FastFraming, StreamCountMustMatchTheHead) {
+    // The u16 count behind a request's head, and an answer head's count,
+    // each one more than the other says: refused. The request's zeroed
+    // buffer stays in *out.
     const Answer a = Make({{2, 28}});
-    auto m = Pack<d::Sections<kT_SEVEN>, true>(a);
-    SetWord(m.data(), 88, 3);
-    Restored r;
-    Restore<d::Sections<kT_SEVEN>, true>(r, m);
+    std::vector<char> req(1 << 12, 0);
+    const tagREQ_HEAD head = ReqHead(9000, 0x10, 2, 28);
+    std::memcpy(req.data(), &head, 76);
+    int len = 76;
+    trdcomp::fast::PackRequest<kT_SEVEN>(req.data(), len, a.arrays[0].data(), 56, 1);
+    req.resize(static_cast<std::size_t>(len));
+    req[76] = 3;
+    auto ans = Pack<d::Sections<kT_SEVEN>, true>(a);
+    SetWord(ans.data(), 88, 3);
+
+    Restored r, q;
+    Exact in(req);
+    r.rc = trdcomp::fast::RestoreRequest<kT_SEVEN>(in.data(), in.size(), &r.p, r.len, 1);
     EXPECT_EQ(r.rc, 0);
+    EXPECT_NE(r.p, nullptr);
+    EXPECT_EQ(r.len, 76 + 2 * 28);
+    Restore<d::Sections<kT_SEVEN>, true>(q, ans);
+    EXPECT_EQ(q.rc, 0);
 }
 
 TEST(AnswerFraming, AllocationFailureClearsOutLen) {

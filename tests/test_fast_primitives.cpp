@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fastcodec/FastPrimitives.h"
@@ -74,32 +75,27 @@ TEST(FastPrimitives, SignedWriterAndReaderMatchTheWireTable) {
     }
 }
 
-TEST(FastPrimitives, SignedSizeFollowsMagnitudeThresholds) {
-    // Each step: the largest value of n bytes and the smallest of n + 1, both signs.
-    for (int n = 1; n <= 9; ++n) {
-        const std::int64_t limit = std::int64_t{1} << (7 * n - 1);
+TEST(FastPrimitives, SizesFollowMagnitudeThresholds) {
+    // Each step: the largest value of n bytes and the smallest of n + 1, signed
+    // (both signs) and unsigned.
+    for (std::uint32_t n = 1; n <= 9; ++n) {
         SCOPED_TRACE(n);
-        EXPECT_EQ(FastSizeInt64(limit - 1), static_cast<std::uint32_t>(n));
-        EXPECT_EQ(FastSizeInt64(limit), static_cast<std::uint32_t>(n + 1));
-        EXPECT_EQ(FastSizeInt64(-(limit - 1)), static_cast<std::uint32_t>(n));
-        EXPECT_EQ(FastSizeInt64(-limit), static_cast<std::uint32_t>(n + 1));
-    }
-}
-
-TEST(FastPrimitives, UnsignedSizeAndWriter) {
-    for (int n = 1; n <= 9; ++n) {
-        const std::uint64_t limit = std::uint64_t{1} << (7 * n);
-        EXPECT_EQ(FastSizeUInt64(limit - 1), static_cast<std::uint32_t>(n)) << n;
-        EXPECT_EQ(FastSizeUInt64(limit), static_cast<std::uint32_t>(n + 1)) << n;
+        const std::int64_t s = std::int64_t{1} << (7 * n - 1);
+        const std::uint64_t u = std::uint64_t{1} << (7 * n);
+        const std::pair<std::uint32_t, std::uint32_t> sizes[] = {
+            {FastSizeInt64(s - 1), n},  {FastSizeInt64(s), n + 1},  {FastSizeInt64(-(s - 1)), n},
+            {FastSizeInt64(-s), n + 1}, {FastSizeUInt64(u - 1), n}, {FastSizeUInt64(u), n + 1}};
+        for (const auto& [got, want] : sizes) EXPECT_EQ(got, want);
     }
     EXPECT_EQ(FastSizeUInt64(UINT64_MAX), 10u);
-    EXPECT_EQ(Written([](byte* p) { return FastPutUInt64(p, 0); }), Bytes({0x80}));
+}
+
+TEST(FastPrimitives, UnsignedWriters) {
     // One byte for 64..127 unsigned, where the signed writer needs two.
-    EXPECT_EQ(Written([](byte* p) { return FastPutUInt64(p, 64); }), Bytes({0xc0}));
-    EXPECT_EQ(Written([](byte* p) { return FastPutUInt64(p, 127); }), Bytes({0xff}));
+    const std::pair<std::uint64_t, Bytes> cases[] = {
+        {0, {0x80}}, {64, {0xc0}}, {127, {0xff}}, {UINT64_MAX, {0x01, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0xff}}};
+    for (const auto& [value, wire] : cases) EXPECT_EQ(Written([&](byte* p) { return FastPutUInt64(p, value); }), wire) << value;
     EXPECT_EQ(Written([](byte* p) { return FastPutUInt16(p, 0xFFFF); }), Bytes({0x03, 0x7f, 0xff}));
-    EXPECT_EQ(Written([](byte* p) { return FastPutUInt64(p, UINT64_MAX); }),
-              Bytes({0x01, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0xff}));
 }
 
 TEST(FastPrimitives, NarrowReadersKeepTheirWidth) {

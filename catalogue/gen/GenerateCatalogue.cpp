@@ -10,7 +10,11 @@
 //   CatalogueFingerprint.h      the catalogue's fingerprint: FNV-1a 64 of its
 //                               canonical text (below);
 //   RecordFields.h              every layout's fields as NumPy formats, for
-//                               the Python module's record arrays.
+//                               the Python module's record arrays;
+//   CatalogueTables.h           the whole catalogue as constant run-time data
+//                               (fields with kinds, limits and coding order;
+//                               typed routing cells; shapes), for the model
+//                               that the tool, tests and fuzzers use.
 // The generated code holds no logic of its own: the engines do the coding.
 //
 // The canonical text lists what was read, one line per catalogue line and in
@@ -39,6 +43,10 @@ struct Entry {
     int width = 0;
     std::string sub;   // array: entry layout
     int entries = 0;
+    int countOffset = 0;  // array: offset of its count
+    int def = 0;          // char: the Fast first-record default
+    int limit = 0;        // text: the decode limit when it differs from the width (0: none)
+    bool last = false;    // text coded after every other field of the record
 };
 
 struct Layout {
@@ -78,18 +86,19 @@ void Canon(const char* tag, const A&... args) {
 
 Layout& Current() { return g_target->back(); }
 void Begin(const char* name, int size) { g_target->push_back(Layout{name, size, {}}); }
-void Add(const char* kind, int off, int width, const char* sub = "", int entries = 0) {
+Entry& Add(const char* kind, int off, int width, const char* sub = "", int entries = 0) {
     Current().entries.push_back(Entry{kind, off, width, sub, entries});
+    return Current().entries.back();
 }
 
 #define TRD_LAYOUT(NAME, SIZE) Begin(#NAME, SIZE), Canon("LAYOUT", #NAME, SIZE);
 #define TRD_END(NAME) Canon("END", #NAME);
 #define TRD_CHAR(OFF) Add("char", OFF, 1), Canon("CHAR", OFF);
-#define TRD_CHAR_DEF(OFF, D) Add("char", OFF, 1), Canon("CHAR_DEF", OFF, static_cast<int>(D));
+#define TRD_CHAR_DEF(OFF, D) Add("char", OFF, 1).def = D, Canon("CHAR_DEF", OFF, static_cast<int>(D));
 #define TRD_TEXT(OFF, N) Add("text", OFF, N), Canon("TEXT", OFF, N);
-#define TRD_TEXT_LIMIT(OFF, N, LIMIT) Add("text", OFF, N), Canon("TEXT_LIMIT", OFF, N, LIMIT);
-#define TRD_TEXT_LAST(OFF, N) Add("text", OFF, N), Canon("TEXT_LAST", OFF, N);
-#define TRD_ASCII(OFF, N) Add("text", OFF, N), Canon("ASCII", OFF, N);
+#define TRD_TEXT_LIMIT(OFF, N, LIMIT) Add("text", OFF, N).limit = LIMIT, Canon("TEXT_LIMIT", OFF, N, LIMIT);
+#define TRD_TEXT_LAST(OFF, N) Add("text", OFF, N).last = true, Canon("TEXT_LAST", OFF, N);
+#define TRD_ASCII(OFF, N) Add("ascii", OFF, N), Canon("ASCII", OFF, N);
 #define TRD_BYTES(OFF, N) Add("bytes", OFF, N), Canon("BYTES", OFF, N);
 #define TRD_INT32(OFF) Add("int32", OFF, 4), Canon("INT32", OFF);
 #define TRD_INT64(OFF) Add("int64", OFF, 8), Canon("INT64", OFF);
@@ -97,7 +106,7 @@ void Add(const char* kind, int off, int width, const char* sub = "", int entries
 #define TRD_UNCODED(OFF, N) Add("uncoded", OFF, N), Canon("UNCODED", OFF, N);
 #define TRD_SIZED_BLOCK(OFF, N) Add("sized", OFF, N), Canon("SIZED_BLOCK", OFF, N);
 #define TRD_COUNTED_ARRAY(OFF, E, ENTRY, COUNT_OFF) \
-    Add("array", OFF, 0, #ENTRY, E), Canon("COUNTED_ARRAY", OFF, E, #ENTRY, COUNT_OFF);
+    Add("array", OFF, 0, #ENTRY, E).countOffset = COUNT_OFF, Canon("COUNTED_ARRAY", OFF, E, #ENTRY, COUNT_OFF);
 #define TRD_REQ_LAYOUT_IDS(NAME, ...)                                     \
     for (int id : std::vector<int>{__VA_ARGS__}) g_req_layout_of[id] = #NAME; \
     Canon("REQ_LAYOUT_IDS", #NAME, __VA_ARGS__);
@@ -510,7 +519,7 @@ void WriteFingerprint(std::ostream& o) {
 std::string NumpyFormat(const Entry& e) {
     const std::string w = std::to_string(e.width);
     if (e.kind == "char") return "S1";
-    if (e.kind == "text") return "S" + w;
+    if (e.kind == "text" || e.kind == "ascii") return "S" + w;
     if (e.kind == "int32") return "<i4";
     if (e.kind == "int64") return "<i8";
     if (e.kind == "double") return "<f8";
@@ -552,6 +561,111 @@ void WriteRecordFields(std::ostream& o) {
     o << "};\n\ninline constexpr RecordLayout kRecordLayouts[] = {\n" << layouts.str() << "};\n\n}  // namespace trdcomp::generated\n";
 }
 
+// The run-time description of the catalogue for the tool, the tests, the
+// fuzzers and the Python module: every layout with each field's kind, limit
+// and coding order, the request layout of each id, both routing tables with
+// typed cells, the answer shapes and aliases. Nothing else reads the data.
+const Layout& LayoutNamed(const std::string& name) {
+    for (const auto* group : {&g_req_layouts, &g_ans_layouts})
+        for (const Layout& l : *group)
+            if (l.name == name) return l;
+    throw std::runtime_error("no layout " + name);
+}
+
+std::string CellOf(const std::string& cell) {
+    if (IsCodec(cell)) return "{CellKind::codec, " + cell + "}";
+    static const std::map<std::string, std::string> kKinds = {
+        {"RAW", "raw"}, {"NO_RECORDS", "no_records"}, {"HEAD_ONLY", "head_only"}, {"NOTHING", "nothing"}};
+    const auto it = kKinds.find(cell);
+    if (it == kKinds.end()) throw std::runtime_error("unknown routing cell " + cell);
+    return "{CellKind::" + it->second + ", 0}";
+}
+
+// The offsets of a layout's coded fields in the order the engines code them:
+// offset order, a counted array entry by entry, a sized block as its block
+// then its length, never-coded bytes left out, late texts behind all others.
+std::vector<int> CodingOrder(const Layout& l) {
+    std::vector<std::pair<int, bool>> flat;  // offset, late
+    for (const Entry& e : l.entries) {
+        if (e.kind == "uncoded") continue;
+        if (e.kind == "sized") {
+            flat.push_back({e.offset, false});
+            flat.push_back({e.offset + e.width, false});
+        } else if (e.kind == "array") {
+            const Layout& sub = LayoutNamed(e.sub);
+            for (int k = 0; k < e.entries; ++k)
+                for (const Entry& f : sub.entries) flat.push_back({e.offset + k * sub.size + f.offset, f.last});
+        } else {
+            flat.push_back({e.offset, e.last});
+        }
+    }
+    std::vector<int> order;
+    for (bool late : {false, true})
+        for (const auto& [offset, isLate] : flat)
+            if (isLate == late) order.push_back(offset);
+    return order;
+}
+
+void WriteModelTables(std::ostream& o) {
+    o << "// Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
+         "// The catalogue as run-time data (see catalogue/model/CatalogueModel.h).\n"
+         "#pragma once\n\nnamespace trdcomp::generated {\n\n"
+         "enum class CellKind { codec, raw, no_records, head_only, nothing };\n"
+         "struct CatalogueField {\n"
+         "    const char* kind;  // char text ascii bytes int32 int64 double uncoded sized array\n"
+         "    int offset, width, def, limit;\n    bool last;\n"
+         "    const char* entry;\n    int entries, countOffset;\n};\n"
+         "struct CatalogueLayout {\n    const char* name;\n    int size, first, count;  // fields [first, first + count)\n"
+         "    int orderFirst, orderCount;  // coding order: kCatalogueCodingOrder[orderFirst, + orderCount)\n};\n"
+         "struct CatalogueRequestLayout {\n    int id;\n    const char* layout;\n};\n"
+         "struct CatalogueCell {\n    CellKind kind;\n    int codec;\n};\n"
+         "struct CatalogueRoute {\n    int id;\n    CatalogueCell cell[4];  // pack 2008, pack Fast, restore 2008, restore Fast\n};\n"
+         "struct CatalogueShape {\n    int id;\n    const char* kind;  // single sections switched\n"
+         "    int count;\n    const char* layouts[3];\n};\n"
+         "struct CatalogueAlias {\n    int id, of;\n};\n\n"
+         "inline constexpr CatalogueField kCatalogueFields[] = {\n";
+    std::ostringstream layouts, order;
+    int index = 0, orderIndex = 0;
+    for (const auto* group : {&g_req_layouts, &g_ans_layouts}) {
+        for (const Layout& l : *group) {
+            const int first = index;
+            const std::vector<int> coding = CodingOrder(l);
+            for (int offset : coding) order << offset << (++orderIndex % 16 ? ", " : ",\n    ");
+            for (const Entry& e : l.entries) {
+                const int width = e.kind == "array" ? e.entries * LayoutNamed(e.sub).size : e.width;
+                o << "    {\"" << e.kind << "\", " << e.offset << ", " << width << ", " << e.def << ", " << e.limit
+                  << ", " << (e.last ? "true" : "false") << ", \"" << e.sub << "\", " << e.entries << ", "
+                  << e.countOffset << "},\n";
+                ++index;
+            }
+            layouts << "    {\"" << l.name << "\", " << l.size << ", " << first << ", " << index - first << ", "
+                    << orderIndex - static_cast<int>(coding.size()) << ", " << coding.size() << "},\n";
+        }
+    }
+    o << "};\n\ninline constexpr CatalogueLayout kCatalogueLayouts[] = {\n" << layouts.str() << "};\n\n";
+    o << "inline constexpr int kCatalogueCodingOrder[] = {\n    " << order.str() << "\n};\n\n";
+    o << "inline constexpr CatalogueRequestLayout kCatalogueRequestLayouts[] = {\n";
+    for (const auto& [id, name] : g_req_layout_of) o << "    {" << id << ", \"" << name << "\"},\n";
+    for (const auto* routes : {&g_req_routes, &g_ans_routes}) {
+        o << "};\n\ninline constexpr CatalogueRoute " << (routes == &g_req_routes ? "kCatalogueRequestRoutes" : "kCatalogueAnswerRoutes")
+          << "[] = {\n";
+        for (const Route& r : *routes) {
+            o << "    {" << r.id << ", {";
+            for (int k = 0; k < 4; ++k) o << (k ? ", " : "") << CellOf(r.cell[k]);
+            o << "}},\n";
+        }
+    }
+    o << "};\n\ninline constexpr CatalogueShape kCatalogueShapes[] = {\n";
+    for (const auto& [id, shape] : g_shapes) {
+        o << "    {" << id << ", \"" << shape.kind << "\", " << shape.layouts.size() << ", {";
+        for (std::size_t i = 0; i < shape.layouts.size(); ++i) o << (i ? ", " : "") << '"' << shape.layouts[i] << '"';
+        o << "}},\n";
+    }
+    o << "};\n\ninline constexpr CatalogueAlias kCatalogueAliases[] = {\n";
+    for (const auto& [id, of] : g_aliases) o << "    {" << id << ", " << of << "},\n";
+    o << "};\n\n}  // namespace trdcomp::generated\n";
+}
+
 // Writes a file only when its content changed, so builds stay incremental.
 void Emit(const std::string& path, const std::string& text) {
     std::ifstream in(path, std::ios::binary);
@@ -570,8 +684,8 @@ int main(int argc, char** argv) {
     if (argc != 2 || arg == "--help") {
         std::cerr << "usage: trdcomp_catalogue_gen OUTPUT_DIR | --canonical | --hash\n"
                      "OUTPUT_DIR: writes trdcomp/TrdCompMembers.inc, trdcomp/TrdCompRecords.h, CatalogueRequests.cpp,\n"
-                     "  CatalogueAnswers.cpp, CatalogueFingerprint.h and RecordFields.h from the catalogue compiled\n"
-                     "  into this program\n"
+                     "  CatalogueAnswers.cpp, CatalogueFingerprint.h, RecordFields.h and CatalogueTables.h from the\n"
+                     "  catalogue compiled into this program\n"
                      "--canonical: prints the catalogue's canonical text, of which the fingerprint is the hash\n"
                      "--hash: prints the fingerprint (FNV-1a 64, 16 hex digits) of the text on standard input\n";
         return argc == 2 ? 0 : 2;
@@ -590,19 +704,21 @@ int main(int argc, char** argv) {
         }
         const Members m = Collect();
         const std::string dir = arg;
-        std::ostringstream members, records, requests, answers, fingerprint, fields;
+        std::ostringstream members, records, requests, answers, fingerprint, fields, tables;
         WriteMembers(members, m);
         WriteRecords(records);
         WriteRequests(requests, m);
         WriteAnswers(answers, m);
         WriteFingerprint(fingerprint);
         WriteRecordFields(fields);
+        WriteModelTables(tables);
         Emit(dir + "/trdcomp/TrdCompMembers.inc", members.str());
         Emit(dir + "/trdcomp/TrdCompRecords.h", records.str());
         Emit(dir + "/CatalogueRequests.cpp", requests.str());
         Emit(dir + "/CatalogueAnswers.cpp", answers.str());
         Emit(dir + "/CatalogueFingerprint.h", fingerprint.str());
         Emit(dir + "/RecordFields.h", fields.str());
+        Emit(dir + "/CatalogueTables.h", tables.str());
     } catch (const std::exception& e) {
         std::cerr << "trdcomp_catalogue_gen: " << e.what() << "\n";
         return 1;

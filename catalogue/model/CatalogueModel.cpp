@@ -1,5 +1,7 @@
 #include "model/CatalogueModel.h"
 
+#include "CatalogueTables.h"
+
 #include <cmath>
 #include <cstring>
 #include <sstream>
@@ -9,54 +11,37 @@ namespace catalogue_model {
 
 namespace {
 
-Catalogue Load() {
-    Catalogue c;
-    Layout* cur = nullptr;
-    std::vector<Route>* routes = nullptr;
-    auto add = [&](const char* kind, int off, int width, int def = 0) {
-        Field f;
-        f.kind = kind;
-        f.offset = off;
-        f.width = width;
-        f.def = def;
-        cur->fields.push_back(f);
-    };
-#define TRD_LAYOUT(NAME, SIZE) cur = &(c.layouts[#NAME] = Layout{#NAME, SIZE, {}});
-#define TRD_END(NAME)
-#define TRD_CHAR(OFF) add("char", OFF, 1);
-#define TRD_CHAR_DEF(OFF, D) add("char", OFF, 1, D);
-#define TRD_TEXT(OFF, N) add("text", OFF, N);
-#define TRD_TEXT_LIMIT(OFF, N, LIMIT) add("text", OFF, N);
-#define TRD_TEXT_LAST(OFF, N) add("text", OFF, N);
-#define TRD_ASCII(OFF, N) add("ascii", OFF, N);
-#define TRD_BYTES(OFF, N) add("bytes", OFF, N);
-#define TRD_INT32(OFF) add("int32", OFF, 4);
-#define TRD_INT64(OFF) add("int64", OFF, 8);
-#define TRD_DOUBLE(OFF) add("double", OFF, 8);
-#define TRD_UNCODED(OFF, N) add("uncoded", OFF, N);
-#define TRD_SIZED_BLOCK(OFF, N) add("sized", OFF, N);
-#define TRD_COUNTED_ARRAY(OFF, E, ENTRY, COUNT_OFF)                      \
-    {                                                                    \
-        add("array", OFF, E * c.layouts.at(#ENTRY).size);                \
-        cur->fields.back().entry = #ENTRY;                               \
-        cur->fields.back().entries = E;                                  \
-        cur->fields.back().countOffset = COUNT_OFF;                      \
+Cell CellOf(const trdcomp::generated::CatalogueCell& c) {
+    using trdcomp::generated::CellKind;
+    switch (c.kind) {
+        case CellKind::codec: return Cell{Cell::Kind::codec, c.codec};
+        case CellKind::raw: return Cell{Cell::Kind::raw, 0};
+        case CellKind::no_records: return Cell{Cell::Kind::no_records, 0};
+        case CellKind::head_only: return Cell{Cell::Kind::head_only, 0};
+        case CellKind::nothing: return Cell{Cell::Kind::nothing, 0};
     }
-#define TRD_REQ_LAYOUT_IDS(NAME, ...) \
-    for (int id : std::vector<int>{__VA_ARGS__}) c.requestLayoutOf[id] = #NAME;
-#define TRD_ROUTE(ID, P8, PF, R8, RF) routes->push_back(Route{ID, {#P8, #PF, #R8, #RF}});
-#define TRD_ANS_SINGLE(ID, L) c.shapes[ID] = Shape{"single", {#L}};
-#define TRD_ANS_SECTIONS2(ID, L1, L2) c.shapes[ID] = Shape{"sections", {#L1, #L2}};
-#define TRD_ANS_SECTIONS3(ID, L1, L2, L3) c.shapes[ID] = Shape{"sections", {#L1, #L2, #L3}};
-#define TRD_ANS_SWITCHED(ID, N, E) c.shapes[ID] = Shape{"switched", {#N, #E}};
-#define TRD_ANS_ALIAS(ID, OF) c.aliases[ID] = OF;
-#include "request_layouts.def"
-#include "answer_layouts.def"
-    routes = &c.requestRoutes;
-#include "request_routes.def"
-    routes = &c.answerRoutes;
-#include "answer_routes.def"
-#include "answer_shapes.def"
+    return Cell{};
+}
+
+Catalogue Load() {
+    namespace g = trdcomp::generated;
+    Catalogue c;
+    for (const g::CatalogueLayout& l : g::kCatalogueLayouts) {
+        Layout& layout = c.layouts[l.name] = Layout{l.name, l.size, {}, {}};
+        layout.codingOrder.assign(g::kCatalogueCodingOrder + l.orderFirst, g::kCatalogueCodingOrder + l.orderFirst + l.orderCount);
+        for (int i = l.first; i < l.first + l.count; ++i) {
+            const g::CatalogueField& f = g::kCatalogueFields[i];
+            layout.fields.push_back(Field{f.kind, f.offset, f.width, f.def, f.limit, f.last, f.entry, f.entries, f.countOffset});
+        }
+    }
+    for (const g::CatalogueRequestLayout& r : g::kCatalogueRequestLayouts) c.requestLayoutOf[r.id] = r.layout;
+    for (const g::CatalogueRoute& r : g::kCatalogueRequestRoutes)
+        c.requestRoutes.push_back(Route{r.id, {CellOf(r.cell[0]), CellOf(r.cell[1]), CellOf(r.cell[2]), CellOf(r.cell[3])}});
+    for (const g::CatalogueRoute& r : g::kCatalogueAnswerRoutes)
+        c.answerRoutes.push_back(Route{r.id, {CellOf(r.cell[0]), CellOf(r.cell[1]), CellOf(r.cell[2]), CellOf(r.cell[3])}});
+    for (const g::CatalogueShape& s : g::kCatalogueShapes)
+        c.shapes[s.id] = Shape{s.kind, std::vector<std::string>(s.layouts, s.layouts + s.count)};
+    for (const g::CatalogueAlias& a : g::kCatalogueAliases) c.aliases[a.id] = a.of;
     return c;
 }
 
@@ -128,6 +113,17 @@ void FillField(const Field& f, char* r, std::mt19937& rng) {
 }
 
 }  // namespace
+
+std::string Cell::Text() const {
+    switch (kind) {
+        case Kind::codec: return std::to_string(codec);
+        case Kind::raw: return "RAW";
+        case Kind::no_records: return "NO_RECORDS";
+        case Kind::head_only: return "HEAD_ONLY";
+        case Kind::nothing: return "NOTHING";
+    }
+    return "";
+}
 
 const Catalogue& Get() {
     static const Catalogue c = Load();

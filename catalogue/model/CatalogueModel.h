@@ -1,5 +1,5 @@
-// The catalogue as plain run-time data (read from the same .def files the
-// library is generated from) for the tools and the tests: a generator of
+// The catalogue as plain run-time data (the tables the catalogue generator
+// writes beside the library's generated code) for the tools and the tests: a generator of
 // realistic records, and the model of what each coding gives back: the
 // documented losses only, not a second codec.
 #pragma once
@@ -17,6 +17,8 @@ struct Field {
     int offset = 0;
     int width = 0;
     int def = 0;            // Fast first-record default of a char
+    int limit = 0;          // text: decode limit when it differs from the width (0: none)
+    bool last = false;      // text: coded after every other field of the record
     std::string entry;      // array: the entry layout
     int entries = 0;        // array: entry count
     int countOffset = 0;    // array: offset of the count
@@ -26,11 +28,22 @@ struct Layout {
     std::string name;
     int size = 0;
     std::vector<Field> fields;  // offset order
+    std::vector<int> codingOrder;  // offsets of the coded fields in the order the engines code them
+};
+
+// A routing cell: the id whose codec serves a function id in one direction
+// and coding, or what happens instead.
+struct Cell {
+    enum class Kind { codec, raw, no_records, head_only, nothing };
+    Kind kind = Kind::raw;
+    int codec = 0;  // Kind::codec: the id whose codec it is
+    bool IsCodec() const { return kind == Kind::codec; }
+    std::string Text() const;  // "1013", "RAW", "NO_RECORDS", "HEAD_ONLY", "NOTHING"
 };
 
 struct Route {
     int id = 0;
-    std::string cell[4];  // pack 2008, pack Fast, restore 2008, restore Fast
+    Cell cell[4];  // pack 2008, pack Fast, restore 2008, restore Fast
 };
 
 struct Shape {

@@ -20,8 +20,6 @@ std::vector<int> RoutedIds() {
     return ids;
 }
 
-bool IsCodec(const std::string& cell) { return !cell.empty() && cell[0] >= '0' && cell[0] <= '9'; }
-
 std::vector<char> SampleRecords(const Layout& l, int count, std::mt19937& rng) {
     std::vector<char> all, prev;
     for (int i = 0; i < count; ++i) {
@@ -36,8 +34,8 @@ bool SampleRequest(int id, Coding coding, RequestSample& out) {
     const auto& c = Get();
     const bool fast = coding == Coding::kFast;
     const auto* route = c.RequestRoute(id);
-    if (!route || !IsCodec(route->cell[fast ? 1 : 0])) return false;
-    out.layout = &c.At(c.requestLayoutOf.at(std::stoi(route->cell[fast ? 1 : 0])));
+    if (!route || !route->cell[fast ? 1 : 0].IsCodec()) return false;
+    out.layout = &c.At(c.requestLayoutOf.at(route->cell[fast ? 1 : 0].codec));
     std::mt19937 rng(static_cast<unsigned>(id * 2 + fast));
     const int count = SampleCount(*out.layout);
     out.data = SampleRecords(*out.layout, count, rng);
@@ -56,7 +54,7 @@ std::vector<AnswerSample> SampleAnswers(int id, Coding coding) {
     const bool fast = coding == Coding::kFast;
     std::vector<AnswerSample> out;
     const auto* route = c.AnswerRoute(id);
-    if (!route || !IsCodec(route->cell[fast ? 1 : 0])) return out;
+    if (!route || !route->cell[fast ? 1 : 0].IsCodec()) return out;
     const auto& shape = c.AnswerShape(id);
     std::vector<std::vector<int>> variants;
     if (shape.kind == "switched")

@@ -14,9 +14,6 @@ namespace catalogue_model {
 // Every id that has a routing slot: 1000..1261 and 8996..8999.
 std::vector<int> RoutedIds();
 
-// True for a routing cell that names a codec (a function id).
-bool IsCodec(const std::string& cell);
-
 // A request as its caller hands it over: head and record array.
 struct RequestSample {
     const Layout* layout = nullptr;  // the layout of the records

@@ -17,7 +17,6 @@ namespace {
 
 using catalogue_model::Coding;
 using catalogue_model::Get;
-using catalogue_model::IsCodec;
 using catalogue_model::Layout;
 
 struct Outcome {
@@ -41,11 +40,11 @@ Outcome RunRequest(const catalogue_model::RequestSample& base, Coding coding) {
     Outcome o;
     const bool fast = coding == Coding::kFast;
     const auto* route = Get().RequestRoute(base.head.nFuncId);
-    if (!route || !IsCodec(route->cell[fast])) return o;
+    if (!route || !route->cell[fast].IsCodec()) return o;
     o.coded = true;
     // A coding whose codec reads another layout gets records of that layout.
     catalogue_model::RequestSample own;
-    const bool sameLayout = Get().requestLayoutOf.at(std::stoi(route->cell[fast])) == base.layout->name;
+    const bool sameLayout = Get().requestLayoutOf.at(route->cell[fast].codec) == base.layout->name;
     if (!sameLayout) catalogue_model::SampleRequest(base.head.nFuncId, coding, own);
     const catalogue_model::RequestSample& s = sameLayout ? base : own;
     const trdcomp::Coding c = fast ? trdcomp::Coding::Fast() : trdcomp::Coding::C2008();
@@ -66,7 +65,7 @@ Outcome RunAnswer(const catalogue_model::AnswerSample& s, Coding coding) {
     Outcome o;
     const bool fast = coding == Coding::kFast;
     const auto* route = Get().AnswerRoute(s.proc.nFuncId);
-    if (!route || !IsCodec(route->cell[fast])) return o;
+    if (!route || !route->cell[fast].IsCodec()) return o;
     o.coded = true;
     const trdcomp::Coding c = fast ? trdcomp::Coding::Fast() : trdcomp::Coding::C2008();
     std::vector<trdcomp::Array> arrays;

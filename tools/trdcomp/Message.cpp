@@ -14,7 +14,6 @@ namespace tool {
 namespace {
 
 using catalogue_model::Get;
-using catalogue_model::IsCodec;
 using catalogue_model::Shape;
 
 constexpr int kReqHead = TRDCOMP_REQ_HEAD_LEN;
@@ -31,13 +30,13 @@ std::uint16_t U16(const std::vector<char>& b, std::size_t off) {
 std::int64_t Records(std::int64_t count) { return count > 0 ? count : 0; }
 
 // The routing cell of `id` for restoring (or packing) in a coding.
-std::string RestoreCell(bool request, int id, bool fast) {
+catalogue_model::Cell RestoreCell(bool request, int id, bool fast) {
     const auto* r = request ? Get().RequestRoute(id) : Get().AnswerRoute(id);
-    return r ? r->cell[2 + fast] : "RAW";
+    return r ? r->cell[2 + fast] : catalogue_model::Cell{};
 }
-std::string PackCell(bool request, int id, bool fast) {
+catalogue_model::Cell PackCell(bool request, int id, bool fast) {
     const auto* r = request ? Get().RequestRoute(id) : Get().AnswerRoute(id);
-    return r ? r->cell[fast] : "RAW";
+    return r ? r->cell[fast] : catalogue_model::Cell{};
 }
 
 int ShapeArrays(const Shape& s) { return s.kind == "sections" ? static_cast<int>(s.layouts.size()) : 1; }
@@ -56,11 +55,11 @@ std::string WhyRefused(const std::vector<char>& w, bool request, int version) {
     const std::int32_t headLen = Word(w, 0), id = Word(w, 4), flags = Word(w, 8);
     const bool fast = version != 0;
     const std::string coding = CodingName(version);
-    const std::string cell = RestoreCell(request, id, fast);
+    const catalogue_model::Cell cell = RestoreCell(request, id, fast);
     if (n < 12) return "the message has " + Plural(n, "byte") + "; a restore reads 12 (head length, function id, flags)";
     if (headLen > n) return "the head length word says " + std::to_string(headLen) + " bytes but the message has only " + std::to_string(n);
     const std::int32_t minHead = request ? kReqHead : kAnsHead;
-    if (cell == "RAW") {
+    if (cell.kind == catalogue_model::Cell::Kind::raw) {
         if (flags & TRDCOMP_FLAG_CODED)
             return "function id " + std::to_string(id) + " has no codec for the " + coding +
                    " coding, and flag bit 0 says its records are coded";
@@ -92,7 +91,7 @@ std::string WhyRefused(const std::vector<char>& w, bool request, int version) {
                    " behind the head can hold (at most " + std::to_string(most) + ")";
         return "the restored size (record count times layout size) does not fit an int, or the allocation failed";
     }
-    const Shape& shape = Get().AnswerShape(std::stoi(cell));
+    const Shape& shape = Get().AnswerShape(cell.codec);
     const int k = ShapeArrays(shape);
     std::int64_t records = 0;
     if (fast) {
@@ -230,8 +229,8 @@ Decoded Decode(const std::vector<char>& wire, char flag) {
         m.restoredNothing = true;
         return m;
     }
-    const std::string cell = RestoreCell(m.request, id, fast);
-    const bool codec = IsCodec(cell);
+    const catalogue_model::Cell cell = RestoreCell(m.request, id, fast);
+    const bool codec = cell.IsCodec();
     const char* p = r.Data();
     const std::int64_t size = static_cast<std::int64_t>(r.Size());
     std::int64_t end = m.request ? kReqHead : kAnsHead;
@@ -249,8 +248,8 @@ Decoded Decode(const std::vector<char>& wire, char flag) {
         out.count = s.count;
         out.slot = s.size;
         if (codec) {
-            out.layout = m.request ? &Get().At(Get().requestLayoutOf.at(std::stoi(cell)))
-                                   : AnswerLayout(Get().AnswerShape(std::stoi(cell)), j, s.count);
+            out.layout = m.request ? &Get().At(Get().requestLayoutOf.at(cell.codec))
+                                   : AnswerLayout(Get().AnswerShape(cell.codec), j, s.count);
             if (out.layout && out.layout->size != s.size) out.layout = nullptr;
         }
         // The size the sender stated: the request head, the answer's section
@@ -376,7 +375,7 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     std::vector<char> trailing;
     if (msg.contains("trailing") && (!msg.at("trailing").is_string() || !ParseHex(msg.at("trailing").get<std::string>(), trailing)))
         throw std::runtime_error("\"trailing\" must be a string of hex digits");
-    const bool codec = IsCodec(PackCell(request, static_cast<int>(id), version != 0));
+    const bool codec = PackCell(request, static_cast<int>(id), version != 0).IsCodec();
     const trdcomp::Coding coding = version ? trdcomp::Coding::Fast(version) : trdcomp::Coding::C2008(flag);
 
     if (request) {

@@ -1,6 +1,6 @@
 // Which fields of each Fast record were sent: the presence map of every
 // record, read by the Fast engine's own map reader, laid over the layout's
-// fields in coding order (the constant layouts the library is built from).
+// fields in coding order (as the catalogue's description gives it).
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -8,39 +8,12 @@
 #include <vector>
 
 #include "Message.h"
-#include "common/LayoutMacros.h"
 #include "fastcodec/FastPrimitives.h"
 #include "trdcomp/TrdCompData.h"
 
 namespace tool {
 
 namespace {
-
-// Offsets of each layout's coded fields in coding order, by layout name.
-std::map<std::string, std::vector<int>>& CodingOrders() {
-    static std::map<std::string, std::vector<int>> orders;
-    return orders;
-}
-
-template <class L>
-bool Register(const char* name, const L& layout) {
-    std::vector<int> offsets;
-    for (const auto& f : layout.fields) offsets.push_back(static_cast<int>(f.offset));
-    CodingOrders()[name] = std::move(offsets);
-    return true;
-}
-
-namespace layouts {
-#undef TRD_END
-#define TRD_END(NAME)                                                                                              \
-    }                                                                                                              \
-    ;                                                                                                              \
-    inline constexpr auto k##NAME =                                                                                \
-        ::trdcomp::model::Build<::trdcomp::model::CodedFields(k##NAME##_entries)>(k##NAME##_entries);          \
-    inline const bool k##NAME##_registered = Register(#NAME, k##NAME);
-#include "request_layouts.def"
-#include "answer_layouts.def"
-}  // namespace layouts
 
 std::uint16_t U16(const std::vector<char>& b, std::size_t at) {
     return at + 2 <= b.size() ? static_cast<std::uint16_t>(static_cast<unsigned char>(b[at]) |
@@ -67,11 +40,11 @@ std::vector<std::vector<std::map<int, Origin>>> SentFields(const Decoded& m) {
     for (std::size_t j = 0; j < arrays; ++j) {
         const Section& s = m.sections[j];
         const int coded = U16(m.wire, static_cast<std::size_t>(headLen) + 2 * j);
-        const auto order = s.layout ? CodingOrders().find(s.layout->name) : CodingOrders().end();
+        const std::vector<int>* order = s.layout ? &s.layout->codingOrder : nullptr;
         for (int i = 0; i < coded && cursor + 2 <= src.size; ++i) {
             const std::int64_t len = U16(m.wire, static_cast<std::size_t>(cursor));
-            if (order != CodingOrders().end()) {
-                const std::vector<int>& fields = order->second;
+            if (order) {
+                const std::vector<int>& fields = *order;
                 std::vector<trdcomp::fast::byte> map((fields.size() + 6) / 7 + 1, 0);
                 if (trdcomp::fast::ReadPresenceMap(src, cursor + 2, len, map.data(), map.size() - 1) == 0)
                     std::fill(map.begin(), map.end(), 0);

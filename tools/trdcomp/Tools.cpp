@@ -28,7 +28,6 @@ std::vector<char> ReadAll(const std::string& file) {
 namespace {
 
 using catalogue_model::Get;
-using catalogue_model::IsCodec;
 
 void WriteAll(const std::string& file, const std::vector<char>& bytes) {
     if (file == "-") {
@@ -42,12 +41,16 @@ void WriteAll(const std::string& file, const std::vector<char>& bytes) {
     if (!out) throw std::runtime_error("cannot write " + file);
 }
 
-std::string CellText(const std::string& cell, int id) {
-    if (cell == "RAW") return "raw";
-    if (cell == "NO_RECORDS") return "no records";
-    if (cell == "HEAD_ONLY") return "head only";
-    if (cell == "NOTHING") return "nothing";
-    return cell == std::to_string(id) ? "codec" : "codec " + cell;
+std::string CellText(const catalogue_model::Cell& cell, int id) {
+    using Kind = catalogue_model::Cell::Kind;
+    switch (cell.kind) {
+        case Kind::raw: return "raw";
+        case Kind::no_records: return "no records";
+        case Kind::head_only: return "head only";
+        case Kind::nothing: return "nothing";
+        case Kind::codec: break;
+    }
+    return cell.codec == id ? "codec" : "codec " + std::to_string(cell.codec);
 }
 
 std::string ShapeText(int codec) {
@@ -147,8 +150,8 @@ int RunCatalogue(int id) {
         std::vector<std::string> shown;
         for (int k = 0; k < 4; ++k) {
             std::cout << "  " << std::left << std::setw(14) << column[k] << CellText(r->cell[k], id);
-            if (IsCodec(r->cell[k])) {
-                const int codec = std::stoi(r->cell[k]);
+            if (r->cell[k].IsCodec()) {
+                const int codec = r->cell[k].codec;
                 const std::string what = dir == 0 ? c.requestLayoutOf.at(codec) : ShapeText(codec);
                 std::cout << ": " << what;
                 if (dir == 0) shown.push_back(what);
