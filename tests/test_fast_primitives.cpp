@@ -94,7 +94,7 @@ TEST(FastPrimitives, UnsignedWriters) {
     // One byte for 64..127 unsigned, where the signed writer needs two.
     const std::pair<std::uint64_t, Bytes> cases[] = {
         {0, {0x80}}, {64, {0xc0}}, {127, {0xff}}, {UINT64_MAX, {0x01, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0xff}}};
-    for (const auto& [value, wire] : cases) EXPECT_EQ(Written([&](byte* p) { return FastPutUInt64(p, value); }), wire) << value;
+    for (const auto& c : cases) EXPECT_EQ(Written([&](byte* p) { return FastPutUInt64(p, c.first); }), c.second) << c.first;
     EXPECT_EQ(Written([](byte* p) { return FastPutUInt16(p, 0xFFFF); }), Bytes({0x03, 0x7f, 0xff}));
 }
 

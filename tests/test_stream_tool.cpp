@@ -294,7 +294,7 @@ TEST(Sent, EveryFastGoldenRecordsOriginsAgreeWithTheRestoredValues) {
                     if (origin != tool::Origin::fromPrevious) continue;
                     // A field not sent holds the previous record's value.
                     const auto f = std::find_if(s.layout->fields.begin(), s.layout->fields.end(),
-                                                [&](const auto& x) { return x.offset == offset; });
+                                                [at = offset](const auto& x) { return x.offset == at; });
                     // Inside a counted array, the entry's own fields (the first at the array's offset).
                     int width = f != s.layout->fields.end() ? f->width : 1;
                     if (f != s.layout->fields.end() && f->kind == "array")
