@@ -159,6 +159,10 @@ std::string Hex(const char* p, std::size_t n) {
     return s;
 }
 
+std::string Plural(long long n, const std::string& one, const std::string& plural) {
+    return std::to_string(n) + " " + (n == 1 ? one : plural.empty() ? one + "s" : plural);
+}
+
 bool ParseHex(const std::string& text, std::vector<char>& out) {
     out.clear();
     int half = -1;
