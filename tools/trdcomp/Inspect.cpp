@@ -136,7 +136,7 @@ int RunDiff(const DiffOptions& o, std::ostream& out) {
         out << what << ": " << x << " -> " << y << "\n";
     };
     differ("direction", a.request ? "request" : "answer", b.request ? "request" : "answer");
-    const Json ha = ToJson(a).at("head"), hb = ToJson(b).at("head");
+    const Json ha = HeadJson(a), hb = HeadJson(b);
     for (const auto& [key, v] : ha.items()) {
         // The coding bits differ with the coding; the restored head keeps them.
         differ("head " + key, HeadValueText(key, v), hb.contains(key) ? HeadValueText(key, hb.at(key)) : "(none)");

@@ -138,27 +138,6 @@ std::string WhyRefused(const std::vector<char>& w, bool request, int version) {
     }
 }
 
-Json HeadJson(const Decoded& m) {
-    const std::vector<char>& w = m.wire;
-    Json h;
-    h["nHeadLen"] = Word(w, 0);
-    h["nFuncId"] = Word(w, 4);
-    h["nFlags"] = Word(w, 8);
-    if (m.request) {
-        Json user = Json::array();
-        for (int i = 0; i < 14; ++i) user.push_back(Word(w, 12 + 4 * static_cast<std::size_t>(i)));
-        h["nUser"] = user;
-        h["nRecCount"] = Word(w, 68);
-        h["nRecSize"] = Word(w, 72);
-    } else {
-        h["cReserved"] = Hex(w.data() + 12, 8);
-        h["szShort"] = TextJson(w.data() + 20, 4);
-        h["szLong"] = TextJson(w.data() + 24, 64);
-        h["nRecCount"] = Word(w, 88);
-        h["nRecSize"] = Word(w, 92);
-    }
-    return h;
-}
 
 // An integer member of the JSON, or `fallback` when it has none.
 template <class T>
@@ -255,6 +234,28 @@ Array ReadArray(const Json& sec, const Layout* expected, const std::string& expe
 
 }  // namespace
 
+Json HeadJson(const Decoded& m) {
+    const std::vector<char>& w = m.wire;
+    Json h;
+    h["nHeadLen"] = Word(w, 0);
+    h["nFuncId"] = Word(w, 4);
+    h["nFlags"] = Word(w, 8);
+    if (m.request) {
+        Json user = Json::array();
+        for (int i = 0; i < 14; ++i) user.push_back(Word(w, 12 + 4 * static_cast<std::size_t>(i)));
+        h["nUser"] = user;
+        h["nRecCount"] = Word(w, 68);
+        h["nRecSize"] = Word(w, 72);
+    } else {
+        h["cReserved"] = Hex(w.data() + 12, 8);
+        h["szShort"] = TextJson(w.data() + 20, 4);
+        h["szLong"] = TextJson(w.data() + 24, 64);
+        h["nRecCount"] = Word(w, 88);
+        h["nRecSize"] = Word(w, 92);
+    }
+    return h;
+}
+
 int ParseCoding(const std::string& text) {
     if (text == "2008") return 0;
     if (text == "fast") return 1;
@@ -275,7 +276,7 @@ std::size_t ParseByteLimit(const std::string& text) {
     const int shift = unit.empty() ? 0 : unit == "K" || unit == "k" ? 10 : unit == "M" ? 20 : unit == "G" ? 30 : -1;
     const std::uint64_t n = digits == 0 || shift < 0 || digits > 15 ? 0 : std::stoull(text.substr(0, digits));
     if (digits == 0 || shift < 0 || digits > 15 || n > (UINT64_MAX >> 1 >> shift))
-        throw std::runtime_error("--max-bytes \"" + text + "\": expected a number of bytes (with K, M or G for KiB, MiB, GiB), "
+        throw std::runtime_error("\"" + text + "\": expected a number of bytes (with K, M or G for KiB, MiB, GiB), "
                                  "or unlimited");
     return n == 0 ? static_cast<std::size_t>(-1) : static_cast<std::size_t>(n << shift);
 }

@@ -86,6 +86,8 @@ const char* OriginName(Origin o);
 // maps. Empty for the 2008 coding and raw records.
 std::vector<std::vector<std::map<int, Origin>>> SentFields(const Decoded& m);
 
+// The head as the sender wrote it, the "head" of ToJson.
+Json HeadJson(const Decoded& m);
 Json ToJson(const Decoded& m);
 // Prints ToJson(m).dump(2) record by record, without building the document:
 // the memory it needs does not grow with the number of records.
