@@ -238,9 +238,13 @@ TEST(Tool, EncodeRefusesJsonThatCannotBeRight) {
          {}, "more than encode packs (at most 268435456 bytes (256 MiB))"},
         {"several raw arrays in the Fast coding", edit(RawAnswer(), [](tool::Json& j) { j["coding"] = "fast:2"; }), {},
          "raw answers in the Fast coding carry no section table"},
+        {"more arrays than the codec packs", edit(answer, [](tool::Json& j) { j["arrays"] = 8; }), {},
+         "\"arrays\" is 8, but function id 1110 in the 2008 coding packs 1 record array"},
         {"fewer arrays than sections", edit(RawAnswer(), [](tool::Json& j) { j["arrays"] = 1; }), {}, "\"arrays\" is 1"},
         {"trailing bytes behind coded records", edit(request, [](tool::Json& j) { j["trailing"] = "ff"; }), {},
          "\"trailing\" bytes travel only behind raw records"},
+        {"a request head the restore refuses", edit(request, [](tool::Json& j) { j["head"]["nFlags"] = 3; }), {},
+         "the message would not restore: flag bit 1 (several record arrays) is set on a request"},
         {"a layout that is no name", edit(request, [](tool::Json& j) { j["sections"][0]["layout"] = 7; }), {},
          "\"layout\" must be a layout's name"},
         {"a count that is no integer", edit(answer, [](tool::Json& j) { j["sections"][0]["count"] = "3"; }), {},
@@ -289,8 +293,9 @@ TEST(Tool, RawMessagesKeepTheirTrailingBytes) {
     fast["coding"] = "fast:1";
     const tool::Json request = tool::Json::parse(R"({"direction": "request", "coding": "2008", "head": {"nFuncId": 4321},
         "sections": [{"layout": null, "size": 3, "records": ["aabbcc"]}]})");
+    const tool::Json noRecords = tool::Json::parse(R"({"direction": "answer", "coding": "2008", "head": {"nFuncId": 4321}, "arrays": 2})");
     const std::vector<char> behind = {'\x7f', 0, '\x01'};
-    for (const tool::Json& j : {RawAnswer(), oneArray, fast, request}) {
+    for (const tool::Json& j : {RawAnswer(), oneArray, fast, request, noRecords}) {
         SCOPED_TRACE(j.dump());
         std::vector<char> wire = tool::Encode(j, {});
         wire.insert(wire.end(), behind.begin(), behind.end());

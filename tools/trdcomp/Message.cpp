@@ -7,6 +7,7 @@
 #include <cstring>
 #include <iomanip>
 #include <optional>
+#include <utility>
 #include <ostream>
 
 #include "model/Samples.h"
@@ -369,12 +370,12 @@ Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& opt
         }
         m.sections.push_back(std::move(out));
     }
-    if (!codec && end < size) m.trailing.assign(p + end, p + size);
-    // A raw answer restores to its head, section table and records, the
-    // message's first `size` bytes (its head length is 96); the bytes the
-    // sender put behind them are only in the message.
-    if (!codec && !m.request && size < static_cast<std::int64_t>(wire.size()))
-        m.trailing.insert(m.trailing.end(), wire.begin() + size, wire.end());
+    // A raw request restores to the message itself. A raw answer restores to
+    // its head, section table and records, the message's first `size` bytes
+    // (its head length is 96); the bytes the sender put behind them are only
+    // in the message.
+    if (!codec && m.request && end < size) m.trailing.assign(p + end, p + size);
+    if (!codec && !m.request && size < static_cast<std::int64_t>(wire.size())) m.trailing.assign(wire.begin() + size, wire.end());
     return m;
 }
 
@@ -503,6 +504,23 @@ void PrintText(const Decoded& m, std::ostream& out, bool sent) {
     if (!m.trailing.empty()) out << "\ntrailing bytes: " << Hex(m.trailing.data(), m.trailing.size()) << "\n";
 }
 
+namespace {
+
+// Encode writes only messages the library restores: a head the JSON set up
+// against the restore's checks (a request's flag bit 1, the coded bit of a
+// raw id, ...) is refused with the check that would fail.
+std::vector<char> Restorable(std::vector<char> wire, bool request, char flag) {
+    const trdcomp::span<const char> in(wire.data(), wire.size());
+    const trdcomp::Restored r = request ? trdcomp::RestoreRequest(in, flag) : trdcomp::RestoreAnswer(in, flag);
+    if (!r && r.Error() != trdcomp::Errc::out_of_memory) {
+        const int version = (Word(wire, 8) >> TRDCOMP_FLAG_FAST_SHIFT) & 0xF;
+        throw std::runtime_error("the message would not restore: " + WhyRefused(wire, request, version));
+    }
+    return wire;
+}
+
+}  // namespace
+
 std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     if (!msg.is_object()) throw std::runtime_error("the input must be a JSON object (the shape `trdcomp decode --json` prints)");
     const Json head = msg.contains("head") ? msg.at("head") : Json::object();
@@ -597,7 +615,7 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
         const trdcomp::PackResult res = trdcomp::PackRequest(out, h, trdcomp::span<const char>(a.bytes.data(), a.bytes.size()), coding);
         if (!res) throw std::runtime_error(std::string("packing failed: ") + trdcomp::Message(res.error));
         out.resize(res.size);
-        return out;
+        return Restorable(std::move(out), true, flag);
     }
 
     if (sections.size() > 5) throw std::runtime_error("an answer has at most 5 record arrays; the JSON has " + std::to_string(sections.size()));
@@ -611,6 +629,9 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
                                  Plural(static_cast<long long>(sections.size()), "section") + " given and " + std::to_string(kMaxArrays));
     proc.nArrayCount = static_cast<std::int32_t>(arrays);
     const Shape* shape = codec ? &Get().AnswerShape(layoutOf) : nullptr;
+    if (shape && arrays != ShapeArrays(*shape))
+        throw std::runtime_error("\"arrays\" is " + std::to_string(arrays) + ", but " + packs + " packs " +
+                                 Plural(ShapeArrays(*shape), "record array"));
     if (cell == "RAW" && version != 0 && arrays > 1)
         throw std::runtime_error(packs + " sends its records raw, and raw answers in the Fast coding carry no section table: "
                                  "an answer of " + Plural(arrays, "array") + " could not be restored");
@@ -654,7 +675,7 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     if (len == 0) throw std::runtime_error("the library refused to pack the answer");
     out.resize(static_cast<std::size_t>(len));
     out.insert(out.end(), trailing.begin(), trailing.end());
-    return out;
+    return Restorable(std::move(out), false, flag);
 }
 
 }  // namespace tool
