@@ -1,4 +1,6 @@
 // trdcomp decode (one message, a stream, a capture) and trdcomp diff.
+#include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <iomanip>
 #include <map>
@@ -17,15 +19,18 @@ namespace {
 
 std::vector<char> Input(const std::string& file, bool hex) {
     std::vector<char> bytes = ReadAll(file);
-    std::vector<char> parsed;
-    const bool isHex = ParseHex(std::string(bytes.begin(), bytes.end()), parsed);
     if (hex) {
-        if (!isHex) throw std::runtime_error(file + ": the input is not hex: expected pairs of hex digits, white space between bytes only");
+        std::vector<char> parsed;
+        if (!ParseHex(std::string(bytes.begin(), bytes.end()), parsed))
+            throw std::runtime_error(file + ": the input is not hex: expected pairs of hex digits, white space between bytes only");
         bytes.swap(parsed);
-    } else if (isHex && !parsed.empty()) {
-        // A message begins with 76 or 96 and zero bytes: never hex digits.
-        throw std::runtime_error(file + ": the input is hex text, not a message: decode it with --hex");
+        return bytes;
     }
+    // A message begins with 76 or 96 and zero bytes, never with hex digits.
+    const auto lead = bytes.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(bytes.size(), 64));
+    auto hexText = [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) || std::isspace(static_cast<unsigned char>(c)); };
+    if (lead - bytes.begin() >= 8 && std::all_of(bytes.begin(), lead, hexText))
+        throw std::runtime_error(file + ": the input is hex text, not a message: decode it with --hex");
     return bytes;
 }
 
