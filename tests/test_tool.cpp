@@ -224,6 +224,8 @@ TEST(Tool, EncodeRefusesJsonThatCannotBeRight) {
          edit(answer, [](tool::Json& j) { j.erase("sections"), j["head"]["nRecCount"] = 5; }), {}, "lists no records"},
         {"raw records without a size", edit(RawAnswer(), [](tool::Json& j) { j["sections"][0].erase("size"); }), {},
          "section 1 lists 2 records but no record size"},
+        {"a record size below the codec's layout", edit(answer, [](tool::Json& j) { j["sections"][0]["size"] = 192; }), {},
+         "section 1: a record size of 192 is less than ANS_1110's 193 bytes"},
         {"raw record longer than its size", edit(RawAnswer(), [](tool::Json& j) { j["sections"][1]["records"][0] = "0a0b0c"; }), {},
          "section 2 record 0 has 3 bytes, more than the record size (2)"},
         {"--id of another layout", request, otherId, "holds REQ_1002 records, but function id 1003 in the 2008 coding packs REQ_1003"},

@@ -200,6 +200,10 @@ Array ReadArray(const Json& sec, const Layout* expected, const std::string& expe
     if (given > 0 && a.size == 0)
         throw std::runtime_error(where + " lists " + Plural(given, "record") + " but no record size: say \"size\" (raw records have "
                                  "no layout to take it from)");
+    // A codec reads whole records of its layout, a record size apart.
+    if (expected && given > 0 && a.size < expected->size)
+        throw std::runtime_error(where + ": a record size of " + std::to_string(a.size) + " is less than " + expected->name +
+                                 "'s " + Plural(expected->size, "byte") + ", which the codec reads of every record");
     if (a.size > kMaxRecordSize)
         throw std::runtime_error(where + ": a record size of " + std::to_string(a.size) + " bytes is more than encode packs (at most " +
                                  ByteLimitText(kMaxRecordSize) + " a record)");
