@@ -102,8 +102,12 @@ struct EncodeOptions {
     int flag = -1;         // -1: from the JSON
 };
 
-// Packs the message the JSON describes (the shape ToJson prints). Throws
-// std::runtime_error naming what is wrong.
+// Packs the message the JSON describes (the shape ToJson prints). A section
+// may leave out what the function id gives: its layout, record size and
+// count. Throws std::runtime_error naming what is wrong: a count other than
+// the records listed, a size that does not hold them, a layout other than
+// the id's, a limit above (kMaxRecordSize, kMaxRecordBytes, kMaxArrays), a
+// message the library would not restore.
 std::vector<char> Encode(const Json& message, const EncodeOptions& options);
 
 }  // namespace tool
