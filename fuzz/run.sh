@@ -14,7 +14,7 @@ findings=fuzz/findings
 mkdir -p "$findings"
 
 # Seeds: every golden message, prefixed with the flag byte 0.
-mkdir -p "$work/request" "$work/answer" "$work/pack" "$work/primitives"
+mkdir -p "$work/request" "$work/answer" "$work/pack" "$work/primitives" "$work/json"
 for f in tests/golden/corpus/*.wire; do
   name=$(basename "$f" .wire)
   case "$name" in req_*) dir=request ;; *) dir=answer ;; esac
@@ -22,6 +22,7 @@ for f in tests/golden/corpus/*.wire; do
 done
 for i in $(seq 0 40); do printf "\\x$(printf %02x "$i")\\x$(printf %02x $((i % 2)))\\x00\\x03abcdefghijklmnop" > "$work/pack/seed$i"; done
 printf '\x80\x01\x7f\xff' > "$work/primitives/seed"
+cp fuzz/json/*.json "$work/json/"
 
 export ASAN_OPTIONS=allocator_may_return_null=1:detect_leaks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
@@ -53,5 +54,11 @@ run fuzz_restore_request_foreign request -dict=fuzz/heads.dict & a=$!
 run fuzz_restore_answer_foreign answer -dict=fuzz/heads.dict & b=$!
 wait $a || status=1
 wait $b || status=1
+# The tool's JSON reader, seeded with documents `trdcomp decode --json` printed.
+if [ -x "$build/fuzz/fuzz_tool_json" ]; then
+  run fuzz_tool_json json -dict=fuzz/json.dict || status=1
+else
+  echo "fuzz_tool_json: not built (no nlohmann-json), skipped"
+fi
 if [ $status -ne 0 ]; then echo "fuzzing found a problem: see $findings/"; else echo "fuzzing: no findings"; fi
 exit $status

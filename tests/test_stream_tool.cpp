@@ -252,8 +252,8 @@ TEST(Diff, GoldenPairs) {
     const Case cases[] = {
         {"a message and itself", Golden("ans_1110_2008"), Golden("ans_1110_2008"), 0, {"identical messages"}},
         {"one field of one record", Golden("req_1002_2008"), edited, 1,
-         {"section 1 record 1 offset 2 (char, 1 bytes): ", "-> 'Q' (81)", "1 difference"}},
-        {"the same records in the other coding", Golden("req_1002_2008"), Golden("req_1002_fast"), 1, {"head nFlags: 1 -> 17"}},
+         {"section 1 record 1 offset 2 (char, 1 byte): ", "-> 'Q' (81)", "1 difference"}},
+        {"the same records in the other coding", Golden("req_1002_2008"), Golden("req_1002_fast"), 1, {"head nFlags: 0x1 (coded) -> 0x11 (coded, fast:1)"}},
         {"another id", Golden("ans_1002_2008"), Golden("ans_1003_2008"), 1, {"head nFuncId: 1002 -> 1003", "section 1 layout"}},
     };
     for (const Case& c : cases) {

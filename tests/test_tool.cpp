@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "Commands.h"
 #include "Message.h"
 
 namespace fs = std::filesystem;
@@ -170,4 +171,188 @@ TEST(Tool, EncodeNamesWhatIsWrong) {
     const std::vector<char> fast = tool::Encode(good, o);
     EXPECT_EQ(tool::Decode(fast, 0).fastVersion, 2);
     EXPECT_EQ(Content(fast)["sections"], Content(request)["sections"]);
+}
+
+namespace {
+
+tool::Json GoldenJson(const std::string& name) {
+    return tool::ToJson(tool::Decode(ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / (name + ".wire")), 0));
+}
+
+std::string EncodeError(const tool::Json& j, const tool::EncodeOptions& o = {}) {
+    try {
+        tool::Encode(j, o);
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "accepted";
+}
+
+// A raw answer of function id 4321: two arrays (a section table), records of 4 and 2 bytes.
+tool::Json RawAnswer() {
+    return tool::Json::parse(R"({"direction": "answer", "coding": "2008", "head": {"nFuncId": 4321}, "arrays": 2,
+        "sections": [{"layout": null, "count": 2, "size": 4, "records": ["01020304", "05060708"]},
+                     {"layout": null, "count": 1, "size": 2, "records": ["0a0b"]}]})");
+}
+
+}  // namespace
+
+TEST(Tool, EncodeRefusesJsonThatCannotBeRight) {
+    const tool::Json request = GoldenJson("req_1002_2008"), answer = GoldenJson("ans_1110_2008");
+    auto edit = [](tool::Json j, auto change) {
+        change(j);
+        return j;
+    };
+    tool::EncodeOptions otherId;
+    otherId.id = 1003;
+    struct Case {
+        const char* what;
+        tool::Json message;
+        tool::EncodeOptions options;
+        const char* error;
+    };
+    const Case cases[] = {
+        {"answer count beyond its records", edit(answer, [](tool::Json& j) { j["sections"][0]["count"] = 100; }), {},
+         "count is 100 but it lists 3 records"},
+        {"request count beyond its records",
+         edit(request, [](tool::Json& j) { j["head"]["nRecCount"] = j["sections"][0]["count"] = 9; }), {}, "count is 9 but it lists 3"},
+        {"head count unlike the section's", edit(request, [](tool::Json& j) { j["head"]["nRecCount"] = 2; }), {},
+         "differ from section 1's count and size (3, 83)"},
+        {"fewer records than counted by none", edit(answer, [](tool::Json& j) { j["sections"][0]["count"] = -1; }), {},
+         "count is -1 but it lists 3 records"},
+        {"an answer's head count without records",
+         edit(answer, [](tool::Json& j) { j.erase("sections"), j["head"]["nRecCount"] = 5; }), {}, "lists no records"},
+        {"raw records without a size", edit(RawAnswer(), [](tool::Json& j) { j["sections"][0].erase("size"); }), {},
+         "section 1 lists 2 records but no record size"},
+        {"a record size below the codec's layout", edit(answer, [](tool::Json& j) { j["sections"][0]["size"] = 192; }), {},
+         "section 1: a record size of 192 is less than ANS_1110's 193 bytes"},
+        {"raw record longer than its size", edit(RawAnswer(), [](tool::Json& j) { j["sections"][1]["records"][0] = "0a0b0c"; }), {},
+         "section 2 record 0 has 3 bytes, more than the record size (2)"},
+        {"--id of another layout", request, otherId, "holds REQ_1002 records, but function id 1003 in the 2008 coding packs REQ_1003"},
+        {"a record size of 2 GiB", edit(request, [](tool::Json& j) { j["head"]["nRecSize"] = j["sections"][0]["size"] = 2147483647; }),
+         {}, "a record size of 2147483647 bytes is more than encode packs (at most 1048576 bytes (1 MiB) a record)"},
+        {"records of 300 MiB",
+         edit(answer, [](tool::Json& j) {
+             j["sections"][0]["size"] = 1 << 20;
+             j["sections"][0]["count"] = 300;
+             j["sections"][0]["records"] = tool::Json(std::vector<tool::Json>(300, tool::Json::object()));
+         }),
+         {}, "more than encode packs (at most 268435456 bytes (256 MiB))"},
+        {"several raw arrays in the Fast coding", edit(RawAnswer(), [](tool::Json& j) { j["coding"] = "fast:2"; }), {},
+         "raw answers in the Fast coding carry no section table"},
+        {"more arrays than the codec packs", edit(answer, [](tool::Json& j) { j["arrays"] = 8; }), {},
+         "\"arrays\" is 8, but function id 1110 in the 2008 coding packs 1 record array"},
+        {"fewer arrays than sections", edit(RawAnswer(), [](tool::Json& j) { j["arrays"] = 1; }), {}, "\"arrays\" is 1"},
+        {"trailing bytes behind coded records", edit(request, [](tool::Json& j) { j["trailing"] = "ff"; }), {},
+         "\"trailing\" bytes travel only behind raw records"},
+        {"a request head the restore refuses", edit(request, [](tool::Json& j) { j["head"]["nFlags"] = 3; }), {},
+         "the message would not restore: flag bit 1 (several record arrays) is set on a request"},
+        {"a layout that is no name", edit(request, [](tool::Json& j) { j["sections"][0]["layout"] = 7; }), {},
+         "\"layout\" must be a layout's name"},
+        {"a count that is no integer", edit(answer, [](tool::Json& j) { j["sections"][0]["count"] = "3"; }), {},
+         "section 1: \"count\" must be an integer"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const std::string error = EncodeError(c.message, c.options);
+        EXPECT_NE(error.find(c.error), std::string::npos) << error;
+    }
+}
+
+// What the id determines may be left out: the layout, the record size and
+// the count give the same message; and the streamed JSON is the document.
+TEST(Tool, EncodeDerivesLayoutSizeAndCountFromTheId) {
+    int messages = 0;
+    for (const auto& entry : fs::directory_iterator(TRDCOMP_GOLDEN_DIR)) {
+        if (entry.path().extension() != ".wire") continue;
+        SCOPED_TRACE(entry.path().stem().string());
+        const tool::Decoded m = tool::Decode(ReadFile(entry.path()), 0);
+        tool::Json j = tool::ToJson(m);
+        std::ostringstream streamed;
+        tool::WriteJson(m, streamed);
+        EXPECT_EQ(streamed.str(), j.dump(2) + "\n");
+        const std::vector<char> full = tool::Encode(j, {});
+        bool left = false;
+        for (auto& sec : j["sections"]) {
+            if (sec["layout"].is_null() || sec["size"] != catalogue_model::Get().At(sec["layout"].get<std::string>()).size) continue;
+            sec.erase("layout"), sec.erase("size"), sec.erase("count");
+            left = true;
+        }
+        if (!left) continue;
+        if (j["direction"] == "request") j["head"].erase("nRecSize"), j["head"].erase("nRecCount");
+        ++messages;
+        EXPECT_EQ(tool::Encode(j, {}), full);
+    }
+    EXPECT_GT(messages, 400);
+}
+
+// Raw messages with bytes behind their records come back byte for byte.
+TEST(Tool, RawMessagesKeepTheirTrailingBytes) {
+    tool::Json oneArray = RawAnswer();
+    oneArray["arrays"] = 1;
+    oneArray["sections"].erase(1);
+    tool::Json fast = oneArray;
+    fast["coding"] = "fast:1";
+    const tool::Json request = tool::Json::parse(R"({"direction": "request", "coding": "2008", "head": {"nFuncId": 4321},
+        "sections": [{"layout": null, "size": 3, "records": ["aabbcc"]}]})");
+    const tool::Json noRecords = tool::Json::parse(R"({"direction": "answer", "coding": "2008", "head": {"nFuncId": 4321}, "arrays": 2})");
+    const std::vector<char> behind = {'\x7f', 0, '\x01'};
+    for (const tool::Json& j : {RawAnswer(), oneArray, fast, request, noRecords}) {
+        SCOPED_TRACE(j.dump());
+        std::vector<char> wire = tool::Encode(j, {});
+        wire.insert(wire.end(), behind.begin(), behind.end());
+        const tool::Decoded m = tool::Decode(wire, 0);
+        EXPECT_EQ(m.trailing, behind);
+        EXPECT_EQ(tool::Encode(ThroughText(tool::ToJson(m)), {}), wire);
+    }
+}
+
+TEST(Tool, DecodeRefusesARestoreBeyondMaxBytes) {
+    const fs::path file = fs::path(TRDCOMP_GOLDEN_DIR) / "ans_1110_2008.wire";
+    const std::size_t restored = tool::Decode(ReadFile(file), 0).restoredBytes;
+    struct Case {
+        std::string limit;
+        const char* error;  // nullptr: decodes
+    };
+    const Case cases[] = {
+        {std::to_string(restored), nullptr},
+        {"unlimited", nullptr},
+        {"0", nullptr},
+        {std::to_string(restored - 1), "more than the limit of"},
+        {"256", "more than the limit of 256 bytes (--max-bytes N raises it"},
+        {"12Q", "expected a number of bytes"},
+        {"-5", "expected a number of bytes"},
+        {"99999999999999G", "expected a number of bytes"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.limit);
+        tool::DecodeOptions o;
+        o.file = file.string();
+        o.maxBytes = c.limit;
+        std::ostringstream out;
+        try {
+            EXPECT_EQ(tool::RunDecode(o, out), 0);
+            EXPECT_EQ(c.error, nullptr) << "decoded";
+        } catch (const std::exception& e) {
+            ASSERT_NE(c.error, nullptr) << e.what();
+            EXPECT_NE(std::string(e.what()).find(c.error), std::string::npos) << e.what();
+            if (std::string(c.error).find("limit") != std::string::npos) {
+                EXPECT_NE(std::string(e.what()).find("restores to " + std::to_string(restored) + " bytes"), std::string::npos);
+            }
+        }
+    }
+    EXPECT_EQ(tool::ParseByteLimit("256M"), std::size_t{256} << 20);
+    EXPECT_EQ(tool::ParseByteLimit(tool::kDefaultMaxBytes), std::size_t{256} << 20);
+    EXPECT_EQ(tool::ByteLimitText(tool::ParseByteLimit("3K")), "3072 bytes (3 KiB)");
+    EXPECT_EQ(tool::ByteLimitText(tool::ParseByteLimit("2G")), "2147483648 bytes (2 GiB)");
+}
+
+TEST(Tool, TextSaysOneRecordAndFlagsInHex) {
+    std::ostringstream out;
+    tool::PrintText(tool::Decode(ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / "ans_1011_fast_n1.wire"), 0), out);
+    EXPECT_NE(out.str().find(", 1 record of "), std::string::npos) << out.str();
+    EXPECT_NE(out.str().find("\n  nFlags     0x11 (coded, fast:1)\n"), std::string::npos) << out.str();
+    EXPECT_EQ(tool::FlagsText(0x107), "0x107 (coded, several arrays)");
+    EXPECT_EQ(tool::Plural(1, "entry", "entries") + " " + tool::Plural(2, "entry", "entries") + " " + tool::Plural(0, "byte"),
+              "1 entry 2 entries 0 bytes");
 }

@@ -26,6 +26,26 @@ grep -q "refused" "$work/err" || fail "cut message: $(cat "$work/err")"
 echo '{"direction": "request"}' | "$tool" encode --id 1002 --coding fast:16 --out "$work/x" 2> "$work/err" && fail "coding fast:16 accepted"
 grep -q "fast:V with V from 1 to 15" "$work/err" || fail "bad coding: $(cat "$work/err")"
 
+"$tool" --version | grep -Eq '^trdcomp [0-9.]+, library [0-9.]+, catalogue [0-9a-f]{16}$' || fail "--version: $("$tool" --version)"
+"$tool" frobnicate 2> "$work/err" && fail "an unknown subcommand should exit non-zero"
+grep -q 'no subcommand "frobnicate"; the subcommands are demo, decode, diff, encode, catalogue' "$work/err" || fail "unknown subcommand: $(cat "$work/err")"
+"$tool" catalogue abc 2> "$work/err" && fail "catalogue abc should exit non-zero"
+grep -q 'a function id is expected' "$work/err" || fail "catalogue abc: $(cat "$work/err")"
+xxd -p "$corpus/req_1002_2008.wire" > "$work/hex"
+"$tool" decode "$work/hex" 2> "$work/err" && fail "hex text without --hex should exit non-zero"
+grep -q 'decode it with --hex' "$work/err" || fail "hex without --hex: $(cat "$work/err")"
+"$tool" decode --help | grep -q 'default: 256M\|=256M\|256M' || fail "decode --help does not show the --max-bytes default"
+"$tool" decode --max-bytes 100 "$corpus/req_1002_2008.wire" 2> "$work/err" && fail "--max-bytes 100 should refuse"
+grep -q 'more than the limit of 100 bytes' "$work/err" || fail "--max-bytes 100: $(cat "$work/err")"
+"$tool" decode --max-bytes unlimited "$corpus/req_1002_2008.wire" > /dev/null || fail "--max-bytes unlimited refuses"
+"$tool" decode --max-bytes lots "$corpus/req_1002_2008.wire" 2> "$work/err" && fail "--max-bytes lots accepted"
+grep -q 'expected a number of bytes' "$work/err" || fail "--max-bytes lots: $(cat "$work/err")"
+# A count beyond the records is refused with a reason, not a crash.
+"$tool" decode --json "$corpus/ans_1110_2008.wire" | sed 's/"count": 3/"count": 3000/' | "$tool" encode --out "$work/x" 2> "$work/err"
+rc=$?
+[ $rc -eq 1 ] || fail "encode of a count beyond the records exits $rc"
+grep -q 'count is 3000 but it lists 3 records' "$work/err" || fail "count beyond the records: $(cat "$work/err")"
+
 # decode | encode, both through the command line, binary and hex input.
 for name in req_1002_2008 ans_1002_2008 ans_1110_2008 ans_1003_fast ans_1053_fast; do
   [ -f "$corpus/$name.wire" ] || { fail "no golden $name"; continue; }
@@ -41,7 +61,7 @@ done
 [ $rc -eq 0 ] || fail "diff of a message with itself exits $rc"
 "$tool" diff "$corpus/req_1002_2008.wire" "$corpus/req_1002_fast.wire" > "$work/out"; rc=$?
 [ $rc -eq 1 ] || fail "diff of two codings exits $rc"
-grep -q "head nFlags: 1 -> 17" "$work/out" || fail "diff: $(cat "$work/out")"
+grep -q "head nFlags: 0x1 (coded) -> 0x11 (coded, fast:1)" "$work/out" || fail "diff: $(cat "$work/out")"
 "$tool" diff "$corpus/req_1002_2008.wire" "$work/missing" 2> "$work/err"; rc=$?
 [ $rc -eq 2 ] || fail "diff with a missing file exits $rc"
 "$tool" diff "$corpus/req_1002_2008.wire" 2> /dev/null; rc=$?

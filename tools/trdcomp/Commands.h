@@ -15,6 +15,9 @@ struct DemoOptions {
 };
 int RunDemo(const DemoOptions& o);
 
+// What decode and diff restore at most unless told otherwise (--max-bytes).
+inline constexpr const char* kDefaultMaxBytes = "256M";
+
 struct DecodeOptions {
     std::string file = "-";
     bool hex = false;
@@ -25,6 +28,7 @@ struct DecodeOptions {
     std::string frame;     // "" or message: cut by the messages' bytes; else a transport prefix
     int port = 0;          // with pcap: only connections with this port
     bool sent = false;     // mark each Fast field's origin
+    std::string maxBytes = kDefaultMaxBytes;  // the most a restore may need (ParseByteLimit)
 };
 // Prints each message; a stream or capture ends with "N messages" and the
 // count per id and direction.
@@ -34,6 +38,7 @@ struct DiffOptions {
     std::string a, b;
     bool hex = false;
     int flag = 0;
+    std::string maxBytes = kDefaultMaxBytes;
 };
 // 0: the messages restore identically, 1: they differ (the differences are
 // printed). Throws on a message that cannot be read or restored.

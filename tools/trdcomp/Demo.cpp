@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Fields.h"
 #include "model/Samples.h"
 #include "trdcomp/trdcomp.hpp"
 
@@ -56,7 +57,7 @@ Outcome RunRequest(const catalogue_model::RequestSample& base, Coding coding) {
     if (!back) return o.problem = "restore refused", o;
     const trdcomp::Restored::Section sec = back.GetSection(0);
     if (sec.data == nullptr || sec.count != s.head.nRecCount || sec.size != s.layout->size)
-        return o.problem = "restored " + std::to_string(sec.count) + " records of " + std::to_string(sec.size) + " bytes", o;
+        return o.problem = "restored " + Plural(sec.count, "record") + " of " + Plural(sec.size, "byte"), o;
     o.problem = CheckRecords(*s.layout, s.data, sec.count, sec.data, coding);
     return o;
 }
@@ -83,8 +84,7 @@ Outcome RunAnswer(const catalogue_model::AnswerSample& s, Coding coding) {
     for (std::size_t j = 0; j < s.layouts.size() && o.problem.empty(); ++j) {
         const trdcomp::Restored::Section sec = back.GetSection(static_cast<int>(j));
         if (sec.data == nullptr || sec.count != s.proc.nRecCount[j] || sec.size != s.layouts[j]->size)
-            o.problem = "array " + std::to_string(j + 1) + ": restored " + std::to_string(sec.count) + " records of " +
-                        std::to_string(sec.size) + " bytes";
+            o.problem = "array " + std::to_string(j + 1) + ": restored " + Plural(sec.count, "record") + " of " + Plural(sec.size, "byte");
         else
             o.problem = CheckRecords(*s.layouts[j], s.arrays[j], sec.count, sec.data, coding);
     }
@@ -160,9 +160,9 @@ int RunDemo(const DemoOptions& opt) {
         }
     }
     if (t.rows == 0) throw std::runtime_error("function id " + std::to_string(opt.id) + " has no codec in either direction");
-    std::cout << "\ntotals: " << t.rows << " messages (" << requests << " requests, " << answers << " answers), raw "
-              << t.raw << " bytes; 2008 " << t.bytes2008 << " bytes (" << Ratio(t.bytes2008, t.raw2008) << " of raw); fast "
-              << t.bytesFast << " bytes (" << Ratio(t.bytesFast, t.rawFast) << " of raw); "
+    std::cout << "\ntotals: " << Plural(t.rows, "message") << " (" << Plural(requests, "request") << ", " << Plural(answers, "answer")
+              << "), raw " << Plural(static_cast<long long>(t.raw), "byte") << "; 2008 " << Plural(static_cast<long long>(t.bytes2008), "byte") << " ("<< Ratio(t.bytes2008, t.raw2008) << " of raw); fast "
+              << Plural(static_cast<long long>(t.bytesFast), "byte") << " ("<< Ratio(t.bytesFast, t.rawFast) << " of raw); "
               << (t.failed ? std::to_string(t.failed) + " MISMATCHED" : std::string("all ok")) << "\n";
     return t.failed ? 1 : 0;
 }

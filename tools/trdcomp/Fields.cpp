@@ -68,7 +68,7 @@ std::string Key(const Field& f) {
     return k;
 }
 
-std::string Where(const Field& f) { return "field f" + std::to_string(f.offset) + " (" + f.kind + ", " + std::to_string(f.width) + " bytes)"; }
+std::string Where(const Field& f) { return "field f" + std::to_string(f.offset) + " (" + f.kind + ", " + Plural(f.width, "byte") + ")"; }
 
 void HexInto(const Json& v, char* p, int width, const std::string& what) {
     std::vector<char> bytes;
@@ -137,7 +137,7 @@ void AddRows(const Layout& l, const char* rec, int base, const std::string& pref
             r.value = "length " + std::to_string(Load<std::int32_t>(p + f.width)) + ", " + Abbreviated(TrimmedHex(p, f.width));
         } else if (f.kind == "array") {
             const Layout& e = catalogue_model::Get().At(f.entry);
-            r.value = std::to_string(f.entries) + " entries of " + e.name;
+            r.value = Plural(f.entries, "entry", "entries") + " of " + e.name;
             rows.push_back(r);
             for (int k = 0; k < f.entries; ++k)
                 AddRows(e, p + k * e.size, base + f.offset + k * e.size, prefix + "[" + std::to_string(k) + "] ", rows);
@@ -157,6 +157,10 @@ std::string Hex(const char* p, std::size_t n) {
         s[2 * i + 1] = kDigits[static_cast<unsigned char>(p[i]) & 15];
     }
     return s;
+}
+
+std::string Plural(long long n, const std::string& one, const std::string& plural) {
+    return std::to_string(n) + " " + (n == 1 ? one : plural.empty() ? one + "s" : plural);
 }
 
 bool ParseHex(const std::string& text, std::vector<char>& out) {

@@ -18,6 +18,8 @@ using catalogue_model::Field;
 using catalogue_model::Layout;
 
 std::string Hex(const char* p, std::size_t n);
+// "1 record", "2 records"; `plural` for words that do not just take an s.
+std::string Plural(long long n, const std::string& one, const std::string& plural = "");
 // Parses hex digits (spaces and newlines between bytes allowed). False on
 // anything else.
 bool ParseHex(const std::string& text, std::vector<char>& out);

@@ -1,4 +1,6 @@
 // trdcomp decode (one message, a stream, a capture) and trdcomp diff.
+#include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <iomanip>
 #include <map>
@@ -22,13 +24,27 @@ std::vector<char> Input(const std::string& file, bool hex) {
         if (!ParseHex(std::string(bytes.begin(), bytes.end()), parsed))
             throw std::runtime_error(file + ": the input is not hex: expected pairs of hex digits, white space between bytes only");
         bytes.swap(parsed);
+        return bytes;
     }
+    // A message begins with 76 or 96 and zero bytes, never with hex digits.
+    const auto lead = bytes.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(bytes.size(), 64));
+    auto hexText = [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) || std::isspace(static_cast<unsigned char>(c)); };
+    if (lead - bytes.begin() >= 8 && std::all_of(bytes.begin(), lead, hexText))
+        throw std::runtime_error(file + ": the input is hex text, not a message: decode it with --hex");
     return bytes;
+}
+
+// The one place the tool's restores get their options.
+trdcomp::RestoreOptions RestoreOptionsOf(int flag, const std::string& maxBytes) {
+    trdcomp::RestoreOptions options;
+    options.flag = static_cast<char>(flag);
+    options.maxBytes = ParseByteLimit(maxBytes);
+    return options;
 }
 
 void Print(const Decoded& m, const DecodeOptions& o, std::ostream& out) {
     if (o.json)
-        out << ToJson(m).dump(2) << "\n";
+        WriteJson(m, out);
     else
         PrintText(m, out, o.sent);
 }
@@ -49,10 +65,10 @@ struct Tally {
         ++messages;
         const bool request = Word(piece.bytes, 0) == TRDCOMP_REQ_HEAD_LEN;
         ++perId[{request ? "request" : "answer", Word(piece.bytes, 4)}];
-        out << "== message " << messages << ": " << where << "offset " << piece.offset << ", " << piece.bytes.size()
-            << " bytes\n";
+        out << "== message " << messages << ": " << where << "offset " << piece.offset << ", "
+            << Plural(static_cast<long long>(piece.bytes.size()), "byte") << "\n";
         try {
-            Print(tool::Decode(piece.bytes, static_cast<char>(o.flag)), o, out);
+            Print(tool::Decode(piece.bytes, RestoreOptionsOf(o.flag, o.maxBytes)), o, out);
         } catch (const std::exception& e) {
             ++refused;
             out << "refused: " << e.what() << "\n";
@@ -68,7 +84,7 @@ struct Tally {
         }
     }
     void Summary(std::ostream& out) const {
-        out << messages << (messages == 1 ? " message" : " messages");
+        out << Plural(static_cast<long long>(messages), "message");
         if (refused) out << " (" << refused << " refused)";
         out << "\n";
         for (const auto& [key, n] : perId) out << "  " << std::left << std::setw(8) << key.first << std::setw(8) << key.second << n << "\n";
@@ -78,11 +94,12 @@ struct Tally {
 }  // namespace
 
 int RunDecode(const DecodeOptions& o, std::ostream& out) {
+    const trdcomp::RestoreOptions options = RestoreOptionsOf(o.flag, o.maxBytes);  // a bad --max-bytes fails first
     if (!o.pcap.empty()) {
         Tally t;
         const std::vector<Flow> flows = ReadCapture(o.pcap, o.port);
         for (const Flow& f : flows) {
-            out << "== connection " << f.name << ", " << f.bytes.size() << " bytes\n";
+            out << "== connection " << f.name << ", " << Plural(static_cast<long long>(f.bytes.size()), "byte") << "\n";
             t.Cut(f.bytes.data(), f.bytes.size(), f.name + ", ", o, out);
             if (!f.problem.empty()) {
                 t.problems = true;
@@ -99,7 +116,7 @@ int RunDecode(const DecodeOptions& o, std::ostream& out) {
         t.Summary(out);
         return t.problems || t.refused ? 1 : 0;
     }
-    Print(Decode(bytes, static_cast<char>(o.flag)), o, out);
+    Print(Decode(bytes, options), o, out);
     return 0;
 }
 
@@ -107,14 +124,15 @@ namespace {
 
 std::string Describe(const Decoded& m) {
     return std::string(m.request ? "request " : "answer ") + std::to_string(Word(m.wire, 4)) + ", " + CodingName(m.fastVersion) +
-           ", " + std::to_string(m.wire.size()) + " bytes";
+           ", " + Plural(static_cast<long long>(m.wire.size()), "byte");
 }
 
 }  // namespace
 
 int RunDiff(const DiffOptions& o, std::ostream& out) {
-    const Decoded a = Decode(Input(o.a, o.hex), static_cast<char>(o.flag));
-    const Decoded b = Decode(Input(o.b, o.hex), static_cast<char>(o.flag));
+    const trdcomp::RestoreOptions options = RestoreOptionsOf(o.flag, o.maxBytes);
+    const Decoded a = Decode(Input(o.a, o.hex), options);
+    const Decoded b = Decode(Input(o.b, o.hex), options);
     out << "--- " << o.a << " (" << Describe(a) << ")\n+++ " << o.b << " (" << Describe(b) << ")\n";
     std::size_t differences = 0;
     auto differ = [&](const std::string& what, const std::string& x, const std::string& y) {
@@ -123,10 +141,10 @@ int RunDiff(const DiffOptions& o, std::ostream& out) {
         out << what << ": " << x << " -> " << y << "\n";
     };
     differ("direction", a.request ? "request" : "answer", b.request ? "request" : "answer");
-    const Json ha = ToJson(a).at("head"), hb = ToJson(b).at("head");
+    const Json ha = HeadJson(a), hb = HeadJson(b);
     for (const auto& [key, v] : ha.items()) {
         // The coding bits differ with the coding; the restored head keeps them.
-        differ("head " + key, v.dump(), hb.contains(key) ? hb.at(key).dump() : "(none)");
+        differ("head " + key, HeadValueText(key, v), hb.contains(key) ? HeadValueText(key, hb.at(key)) : "(none)");
     }
     differ("arrays", std::to_string(a.arrayCount), std::to_string(b.arrayCount));
     differ("sections", std::to_string(a.sections.size()), std::to_string(b.sections.size()));
@@ -160,7 +178,7 @@ int RunDiff(const DiffOptions& o, std::ostream& out) {
             const std::vector<Row> rowsA = RecordRows(*x.layout, rx), rowsB = RecordRows(*x.layout, ry);
             for (std::size_t r = 0; r < rowsA.size() && r < rowsB.size(); ++r)
                 differ(rec + " offset " + std::to_string(rowsA[r].offset) + " (" + rowsA[r].kind + ", " +
-                           std::to_string(rowsA[r].width) + " bytes)",
+                           Plural(rowsA[r].width, "byte") + ")",
                        rowsA[r].value, rowsB[r].value);
         }
     }
@@ -168,9 +186,8 @@ int RunDiff(const DiffOptions& o, std::ostream& out) {
     // The verdict is the restored bytes themselves: a field table could hide
     // a byte the layout does not show.
     const trdcomp::span<const char> wa(a.wire.data(), a.wire.size()), wb(b.wire.data(), b.wire.size());
-    const char flag = static_cast<char>(o.flag);
-    const trdcomp::Restored ra = a.request ? trdcomp::RestoreRequest(wa, flag) : trdcomp::RestoreAnswer(wa, flag);
-    const trdcomp::Restored rb = b.request ? trdcomp::RestoreRequest(wb, flag) : trdcomp::RestoreAnswer(wb, flag);
+    const trdcomp::Restored ra = a.request ? trdcomp::RestoreRequest(wa, options) : trdcomp::RestoreAnswer(wa, options);
+    const trdcomp::Restored rb = b.request ? trdcomp::RestoreRequest(wb, options) : trdcomp::RestoreAnswer(wb, options);
     const bool same = a.request == b.request && ra.Size() == rb.Size() &&
                       (ra.Size() == 0 || std::memcmp(ra.Data(), rb.Data(), ra.Size()) == 0);
     if (same && differences > 0) {
@@ -180,7 +197,7 @@ int RunDiff(const DiffOptions& o, std::ostream& out) {
         out << "the restored bytes differ in bytes no field shows\n";
     }
     if (same) out << (a.wire == b.wire ? "identical messages\n" : "the messages restore identically (their wire bytes differ)\n");
-    else out << differences << (differences == 1 ? " difference\n" : " differences\n");
+    else out << Plural(static_cast<long long>(differences), "difference") << "\n";
     return same ? 0 : 1;
 }
 

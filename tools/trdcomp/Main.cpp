@@ -1,12 +1,42 @@
 // trdcomp: look inside, build and check messages of the trdcomp codecs.
 #include <CLI/CLI.hpp>
 
+#include <functional>
 #include <iostream>
 #include <stdexcept>
+#include <utility>
 
 #include "Commands.h"
 #include "Message.h"
 #include "trdcomp/trdcomp.hpp"
+
+namespace {
+
+// --max-bytes: checked while parsing, so that a bad value is a command-line mistake.
+const CLI::Validator kByteLimit(
+    [](std::string& text) {
+        try {
+            tool::ParseByteLimit(text);
+            return std::string();
+        } catch (const std::exception& e) {
+            return std::string(e.what());
+        }
+    },
+    "BYTES");
+
+const CLI::Validator kFunctionId(
+    [](std::string& text) {
+        const bool digits = !text.empty() && text.size() <= 10 && text.find_first_not_of("0123456789") == std::string::npos;
+        if (digits && std::stoll(text) >= 1 && std::stoll(text) <= 2147483647) return std::string();
+        return "a function id is expected (a number from 1 to 2147483647), not \"" + text + "\"";
+    },
+    "ID");
+
+const char* const kMaxBytesHelp =
+    "Refuse a message whose restore would need more than this many bytes, before allocating (K, M, G: KiB, MiB, GiB; "
+    "0 or unlimited: no limit)";
+
+}  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"trdcomp: pack, restore and inspect trading messages in the 2008 and Fast codings"};
@@ -49,6 +79,7 @@ int main(int argc, char** argv) {
         ->needs(pcapOpt);
     decodeCmd->add_flag("--sent", decode.sent,
                         "Fast coding: mark each field as sent, taken from the previous record, or the default");
+    decodeCmd->add_option("--max-bytes", decode.maxBytes, kMaxBytesHelp)->check(kByteLimit)->capture_default_str();
 
     tool::DiffOptions diff;
     auto* diffCmd = app.add_subcommand(
@@ -58,6 +89,7 @@ int main(int argc, char** argv) {
     diffCmd->add_option("b", diff.b, "The second message")->required();
     diffCmd->add_flag("--hex", diff.hex, "The inputs are hex text");
     diffCmd->add_option("--flag", diff.flag, "The 2008 coding's flag to restore with")->check(CLI::Range(-128, 127));
+    diffCmd->add_option("--max-bytes", diff.maxBytes, kMaxBytesHelp)->check(kByteLimit)->capture_default_str();
 
     tool::EncodeCommandOptions encode;
     auto* encodeCmd = app.add_subcommand(
@@ -75,13 +107,27 @@ int main(int argc, char** argv) {
     bool catalogueHash = false;
     auto* catalogueCmd = app.add_subcommand(
         "catalogue", "List the function ids with the codec each direction and coding uses, or one id's layouts field by field");
-    auto* idOption = catalogueCmd->add_option("id", catalogueId, "Show this function id in detail")->check(CLI::Range(1, 2147483647));
+    auto* idOption = catalogueCmd->add_option("id", catalogueId, "Show this function id in detail")->check(kFunctionId);
     catalogueCmd
         ->add_flag("--hash", catalogueHash,
                    "Print the fingerprint of the library's catalogue (16 hex digits): two ends that print the same code "
                    "every function id alike")
         ->excludes(idOption);
 
+    // A first word that is no option must name a subcommand.
+    if (argc > 1 && argv[1][0] != '-') {
+        std::string names;
+        bool known = false;
+        for (const CLI::App* sub : std::as_const(app).get_subcommands({})) {
+            names += (names.empty() ? "" : ", ") + sub->get_name();
+            known |= sub->get_name() == argv[1];
+        }
+        if (!known) {
+            std::cerr << "trdcomp: there is no subcommand \"" << argv[1] << "\"; the subcommands are " << names
+                      << " (trdcomp --help)\n";
+            return static_cast<int>(CLI::ExitCodes::ExtrasError);
+        }
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -1,9 +1,13 @@
 #include "Message.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <iomanip>
+#include <optional>
+#include <utility>
 #include <ostream>
 
 #include "model/Samples.h"
@@ -45,8 +49,6 @@ const Layout* AnswerLayout(const Shape& s, int j, int count) {
     const std::string& name = s.LayoutOf(j, count);
     return name.empty() ? nullptr : &Get().At(name);
 }
-
-std::string Plural(std::int64_t n, const char* what) { return std::to_string(n) + " " + what + (n == 1 ? "" : "s"); }
 
 // Why the library refused a message: the checks the restores make, in their
 // order, named after the head words they read.
@@ -123,6 +125,119 @@ std::string WhyRefused(const std::vector<char>& w, bool request, int version) {
     return "the restored size does not fit an int, or the allocation failed";
 }
 
+// The one place a restore's failure becomes the tool's error.
+[[noreturn]] void ReportRefusal(const trdcomp::Restored& r, const std::vector<char>& wire, bool request, int version,
+                                const trdcomp::RestoreOptions& options) {
+    switch (r.Error()) {
+        case trdcomp::Errc::limit_exceeded:
+            throw std::runtime_error("the message restores to " + Plural(static_cast<std::int64_t>(r.Needed()), "byte") +
+                                     ", more than the limit of " + ByteLimitText(options.maxBytes) +
+                                     " (--max-bytes N raises it, --max-bytes unlimited lifts it)");
+        case trdcomp::Errc::out_of_memory: throw Refused("the restore could not allocate its buffer");
+        default: throw Refused(WhyRefused(wire, request, version));
+    }
+}
+
+
+// An integer member of the JSON, or `fallback` when it has none.
+template <class T>
+T IntOf(const Json& j, const char* key, T fallback, const std::string& where = "") {
+    if (!j.is_object() || !j.contains(key)) return fallback;
+    const Json& v = j.at(key);
+    const std::string name = (where.empty() ? "" : where + ": ") + "\"" + key + "\"";
+    if (!v.is_number_integer()) throw std::runtime_error(name + " must be an integer");
+    const long long x = v.is_number_unsigned() && v.get<unsigned long long>() > LLONG_MAX ? LLONG_MAX : v.get<long long>();
+    if (x < INT32_MIN || x > static_cast<long long>(UINT32_MAX))
+        throw std::runtime_error(name + " is " + v.dump() + ", out of range of a 32-bit word");
+    return static_cast<T>(x);
+}
+
+const Json* Member(const Json& j, const char* key) { return j.is_object() && j.contains(key) ? &j.at(key) : nullptr; }
+
+// One record array as encode packs it: its layout (null: raw records), the
+// count and record size it states, and the records `size` bytes apart.
+struct Array {
+    const Layout* layout = nullptr;
+    std::int32_t count = 0;
+    std::int32_t size = 0;
+    std::vector<char> bytes;
+};
+
+// What the JSON says of one section, checked against itself and against the
+// layout the function id packs (`expected`, null for raw records): a count
+// and a size that match the records given, within the limits, so that
+// nothing is dropped or read past the records. `count` and `size` are the
+// defaults when the section names none; `total` sums the record bytes of the
+// message so far.
+Array ReadArray(const Json& sec, const Layout* expected, const std::string& expectedWhy, std::optional<std::int32_t> count,
+                std::optional<std::int32_t> size, std::int64_t& total, bool fast, const std::string& where) {
+    if (!sec.is_object()) throw std::runtime_error(where + " must be an object");
+    static const Json kNone = Json::array();
+    const Json* recs = Member(sec, "records");
+    if (recs && !recs->is_array()) throw std::runtime_error(where + ": \"records\" must be a list");
+    const Json& records = recs ? *recs : kNone;
+    const std::int64_t given = static_cast<std::int64_t>(records.size());
+    Array a;
+    a.count = IntOf<std::int32_t>(sec, "count", count ? *count : static_cast<std::int32_t>(std::min<std::int64_t>(given, INT32_MAX)), where);
+    if (given != std::max<std::int64_t>(a.count, 0))
+        throw std::runtime_error(where + ": its count is " + std::to_string(a.count) + " but it lists " + Plural(given, "record") +
+                                 ": the count must be the number of records listed");
+    a.layout = expected;
+    if (const Json* l = Member(sec, "layout"); l && !l->is_null()) {
+        if (!l->is_string()) throw std::runtime_error(where + ": \"layout\" must be a layout's name or null (raw records)");
+        const auto it = Get().layouts.find(l->get<std::string>());
+        if (it == Get().layouts.end()) throw std::runtime_error(where + ": no layout named " + l->get<std::string>());
+        if (expected && expected != &it->second)
+            throw std::runtime_error(where + " holds " + it->first + " records, but " + expectedWhy + " packs " + expected->name +
+                                     " records");
+        a.layout = &it->second;
+    } else if (l) {
+        a.layout = nullptr;  // raw records, as hex
+    }
+    a.size = IntOf<std::int32_t>(sec, "size", size ? *size : a.layout ? a.layout->size : 0, where);
+    if (a.size < 0) throw std::runtime_error(where + ": the record size is negative (" + std::to_string(a.size) + ")");
+    if (given > 0 && a.size == 0)
+        throw std::runtime_error(where + " lists " + Plural(given, "record") + " but no record size: say \"size\" (raw records have "
+                                 "no layout to take it from)");
+    // A codec reads whole records of its layout, a record size apart.
+    if (expected && given > 0 && a.size < expected->size)
+        throw std::runtime_error(where + ": a record size of " + std::to_string(a.size) + " is less than " + expected->name +
+                                 "'s " + Plural(expected->size, "byte") + ", which the codec reads of every record");
+    if (a.size > kMaxRecordSize)
+        throw std::runtime_error(where + ": a record size of " + std::to_string(a.size) + " bytes is more than encode packs (at most " +
+                                 ByteLimitText(kMaxRecordSize) + " a record)");
+    total += given * a.size;
+    if (total > kMaxRecordBytes)
+        throw std::runtime_error(where + ": the records of the message come to " + std::to_string(total) +
+                                 " bytes or more, more than encode packs (at most " + ByteLimitText(kMaxRecordBytes) + ")");
+    a.bytes.assign(static_cast<std::size_t>(given * a.size), 0);
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        char* rec = a.bytes.data() + i * static_cast<std::size_t>(a.size);
+        const std::string what = where + " record " + std::to_string(i);
+        if (a.layout) {
+            // The layout's record, of which the record size keeps its first bytes.
+            std::vector<char> full(static_cast<std::size_t>(a.layout->size), 0);
+            try {
+                RecordFromJson(*a.layout, records[i], full.data(), fast);
+            } catch (const std::exception& e) {
+                throw std::runtime_error(what + ": " + e.what());
+            }
+            std::memcpy(rec, full.data(), std::min(full.size(), static_cast<std::size_t>(a.size)));
+            continue;
+        }
+        std::vector<char> raw;
+        if (!records[i].is_string() || !ParseHex(records[i].get<std::string>(), raw))
+            throw std::runtime_error(what + ": a raw record is a string of hex digits");
+        if (raw.size() > static_cast<std::size_t>(a.size))
+            throw std::runtime_error(what + " has " + Plural(static_cast<long long>(raw.size()), "byte") + ", more than the record size (" +
+                                     std::to_string(a.size) + ")");
+        std::memcpy(rec, raw.data(), raw.size());
+    }
+    return a;
+}
+
+}  // namespace
+
 Json HeadJson(const Decoded& m) {
     const std::vector<char>& w = m.wire;
     Json h;
@@ -145,53 +260,6 @@ Json HeadJson(const Decoded& m) {
     return h;
 }
 
-template <class T>
-T IntOf(const Json& j, const char* key, T fallback) {
-    if (!j.contains(key)) return fallback;
-    const Json& v = j.at(key);
-    if (!v.is_number_integer()) throw std::runtime_error(std::string("\"") + key + "\" must be an integer");
-    const long long x = v.get<long long>();
-    if (x < INT32_MIN || x > static_cast<long long>(UINT32_MAX)) throw std::runtime_error(std::string("\"") + key + "\" is out of range");
-    return static_cast<T>(x);
-}
-
-// The records of a section as bytes `stride` apart: each record's JSON fills
-// a zeroed record of its layout (or its hex, raw), of which min(stride, size)
-// bytes are kept.
-std::vector<char> SectionBytes(const Json& sec, int stride, bool fast, const std::string& where) {
-    std::vector<char> data;
-    if (!sec.contains("records")) return data;
-    const Json& recs = sec.at("records");
-    if (!recs.is_array()) throw std::runtime_error(where + ": \"records\" must be a list");
-    const Layout* layout = nullptr;
-    if (sec.contains("layout") && !sec.at("layout").is_null()) {
-        const std::string name = sec.at("layout").get<std::string>();
-        const auto it = Get().layouts.find(name);
-        if (it == Get().layouts.end()) throw std::runtime_error(where + ": no layout named " + name);
-        layout = &it->second;
-    }
-    if (stride < 0) throw std::runtime_error(where + ": negative record size");
-    for (std::size_t i = 0; i < recs.size(); ++i) {
-        std::vector<char> rec;
-        const std::string what = where + " record " + std::to_string(i);
-        if (layout) {
-            rec.assign(static_cast<std::size_t>(layout->size), 0);
-            try {
-                RecordFromJson(*layout, recs[i], rec.data(), fast);
-            } catch (const std::exception& e) {
-                throw std::runtime_error(what + ": " + e.what());
-            }
-        } else if (!recs[i].is_string() || !ParseHex(recs[i].get<std::string>(), rec)) {
-            throw std::runtime_error(what + ": a raw record is a string of hex digits");
-        }
-        rec.resize(static_cast<std::size_t>(stride), 0);
-        data.insert(data.end(), rec.begin(), rec.end());
-    }
-    return data;
-}
-
-}  // namespace
-
 int ParseCoding(const std::string& text) {
     if (text == "2008") return 0;
     if (text == "fast") return 1;
@@ -205,14 +273,49 @@ int ParseCoding(const std::string& text) {
     throw std::runtime_error("coding \"" + text + "\": expected 2008, fast or fast:V with V from 1 to 15");
 }
 
+std::size_t ParseByteLimit(const std::string& text) {
+    if (text == "unlimited" || text == "none") return static_cast<std::size_t>(-1);
+    const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
+    const std::string unit = text.substr(digits);
+    const int shift = unit.empty() ? 0 : unit == "K" || unit == "k" ? 10 : unit == "M" ? 20 : unit == "G" ? 30 : -1;
+    const std::uint64_t n = digits == 0 || shift < 0 || digits > 15 ? 0 : std::stoull(text.substr(0, digits));
+    if (digits == 0 || shift < 0 || digits > 15 || n > (UINT64_MAX >> 1 >> shift))
+        throw std::runtime_error("\"" + text + "\": expected a number of bytes (with K, M or G for KiB, MiB, GiB), "
+                                 "or unlimited");
+    return n == 0 ? static_cast<std::size_t>(-1) : static_cast<std::size_t>(n << shift);
+}
+
+std::string ByteLimitText(std::size_t limit) {
+    if (limit == static_cast<std::size_t>(-1)) return "unlimited";
+    std::string text = Plural(static_cast<long long>(limit), "byte");
+    for (const auto& [shift, unit] : {std::pair{30, " GiB"}, std::pair{20, " MiB"}, std::pair{10, " KiB"}})
+        if (limit >= (std::size_t{1} << shift) && limit % (std::size_t{1} << shift) == 0)
+            return text + " (" + std::to_string(limit >> shift) + unit + ")";
+    return text;
+}
+
+std::string FlagsText(std::int32_t flags) {
+    char hex[16];
+    std::snprintf(hex, sizeof hex, "0x%x", static_cast<unsigned>(flags));
+    std::string bits;
+    if (flags & TRDCOMP_FLAG_CODED) bits += ", coded";
+    if (flags & TRDCOMP_FLAG_SECTIONS) bits += ", several arrays";
+    if (const int v = (flags >> TRDCOMP_FLAG_FAST_SHIFT) & 0xF) bits += ", fast:" + std::to_string(v);
+    return bits.empty() ? hex : std::string(hex) + " (" + bits.substr(2) + ")";
+}
+
+std::string HeadValueText(const std::string& key, const Json& v) {
+    return key == "nFlags" && v.is_number_integer() ? FlagsText(v.get<std::int32_t>()) : v.dump();
+}
+
 std::string CodingName(int fastVersion) { return fastVersion == 0 ? "2008" : "fast:" + std::to_string(fastVersion); }
 
-Decoded Decode(const std::vector<char>& wire, char flag) {
+Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& options) {
     if (wire.size() < 4) throw std::runtime_error("the input has " + Plural(static_cast<std::int64_t>(wire.size()), "byte") + ": no head");
     if (wire.size() > static_cast<std::size_t>(INT_MAX)) throw std::runtime_error("the input is longer than a message can be (2 GiB)");
     Decoded m;
     m.wire = wire;
-    m.flag = flag;
+    m.flag = options.flag;
     const std::int32_t word0 = Word(wire, 0);
     if (word0 != kReqHead && word0 != kAnsHead)
         throw std::runtime_error("head word 0 is " + std::to_string(word0) + ": a request head says 76, an answer head 96");
@@ -221,9 +324,8 @@ Decoded Decode(const std::vector<char>& wire, char flag) {
     const bool fast = m.fastVersion != 0;
     const std::int32_t id = Word(wire, 4);
     const trdcomp::span<const char> in(wire.data(), wire.size());
-    const trdcomp::Restored r = m.request ? trdcomp::RestoreRequest(in, flag) : trdcomp::RestoreAnswer(in, flag);
-    if (r.Error() == trdcomp::Errc::out_of_memory) throw Refused("the restore could not allocate its buffer");
-    if (!r) throw Refused(WhyRefused(wire, m.request, m.fastVersion));
+    const trdcomp::Restored r = m.request ? trdcomp::RestoreRequest(in, options) : trdcomp::RestoreAnswer(in, options);
+    if (!r) ReportRefusal(r, wire, m.request, m.fastVersion, options);
     m.restoredBytes = r.Size();
     if (r.Size() == 0) {
         m.restoredNothing = true;
@@ -271,11 +373,20 @@ Decoded Decode(const std::vector<char>& wire, char flag) {
         }
         m.sections.push_back(std::move(out));
     }
-    if (!codec && end < size) m.trailing.assign(p + end, p + size);
+    // A raw request restores to the message itself. A raw answer restores to
+    // its head, section table and records, the message's first `size` bytes
+    // (its head length is 96); the bytes the sender put behind them are only
+    // in the message.
+    if (!codec && m.request && end < size) m.trailing.assign(p + end, p + size);
+    if (!codec && !m.request && size < static_cast<std::int64_t>(wire.size())) m.trailing.assign(wire.begin() + size, wire.end());
     return m;
 }
 
-Json ToJson(const Decoded& m) {
+namespace {
+
+// The document's members in order; `records` stands in for each section's
+// records, which the callers add one by one.
+Json Skeleton(const Decoded& m, Json& sections) {
     Json j;
     j["direction"] = m.request ? "request" : "answer";
     j["coding"] = CodingName(m.fastVersion);
@@ -283,39 +394,91 @@ Json ToJson(const Decoded& m) {
     j["bytes"] = m.wire.size();
     j["head"] = HeadJson(m);
     if (!m.request) j["arrays"] = m.arrayCount;
-    Json sections = Json::array();
+    sections = Json::array();
     for (const Section& s : m.sections) {
         Json sec;
         sec["layout"] = s.layout ? Json(s.layout->name) : Json(nullptr);
         sec["count"] = s.count;
         sec["size"] = s.size;
-        Json recs = Json::array();
-        for (std::size_t off = 0; s.slot > 0 && off + static_cast<std::size_t>(s.slot) <= s.records.size();
-             off += static_cast<std::size_t>(s.slot))
-            recs.push_back(s.layout ? RecordJson(*s.layout, s.records.data() + off)
-                                    : Json(Hex(s.records.data() + off, static_cast<std::size_t>(s.slot))));
-        sec["records"] = recs;
+        sec["records"] = Json::array();
         sections.push_back(sec);
     }
-    j["sections"] = sections;
+    j["sections"] = Json::array();
     if (!m.trailing.empty()) j["trailing"] = Hex(m.trailing.data(), m.trailing.size());
     if (m.restoredNothing) j["restored"] = "nothing: the restore handed back no records";
     return j;
+}
+
+// Calls f with the JSON of each whole record of the section.
+template <class F>
+void EachRecordJson(const Section& s, F f) {
+    for (std::size_t off = 0; s.slot > 0 && off + static_cast<std::size_t>(s.slot) <= s.records.size();
+         off += static_cast<std::size_t>(s.slot))
+        f(s.layout ? RecordJson(*s.layout, s.records.data() + off) : Json(Hex(s.records.data() + off, static_cast<std::size_t>(s.slot))));
+}
+
+// v.dump(2) as it reads `depth` levels down in a document.
+std::string Nested(const Json& v, int depth) {
+    std::string text = v.dump(2);
+    const std::string indent(static_cast<std::size_t>(2 * depth), ' ');
+    for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1)) text.insert(at + 1, indent);
+    return text;
+}
+
+}  // namespace
+
+Json ToJson(const Decoded& m) {
+    Json sections;
+    Json j = Skeleton(m, sections);
+    for (std::size_t k = 0; k < m.sections.size(); ++k)
+        EachRecordJson(m.sections[k], [&](Json r) { sections[k]["records"].push_back(std::move(r)); });
+    j["sections"] = std::move(sections);
+    return j;
+}
+
+void WriteJson(const Decoded& m, std::ostream& out) {
+    Json sections;
+    const Json j = Skeleton(m, sections);
+    out << "{";
+    const char* comma = "\n";
+    for (const auto& [key, v] : j.items()) {
+        out << comma << "  " << Json(key).dump() << ": ";
+        comma = ",\n";
+        if (key != "sections" || sections.empty()) {
+            out << Nested(v, 1);
+            continue;
+        }
+        out << "[";
+        for (std::size_t k = 0; k < sections.size(); ++k) {
+            out << (k ? ",\n" : "\n") << "    {";
+            for (const auto& [name, field] : sections[k].items())
+                if (name != "records") out << "\n      " << Json(name).dump() << ": " << field.dump() << ",";
+            out << "\n      \"records\": ";
+            const char* sep = "[\n        ";
+            EachRecordJson(m.sections[k], [&](const Json& r) {
+                out << sep << Nested(r, 4);
+                sep = ",\n        ";
+            });
+            out << (*sep == '[' ? "[]" : "\n      ]") << "\n    }";
+        }
+        out << "\n  ]";
+    }
+    out << "\n}\n";
 }
 
 void PrintText(const Decoded& m, std::ostream& out, bool sent) {
     const Json head = HeadJson(m);
     const auto origins = sent ? SentFields(m) : std::vector<std::vector<std::map<int, Origin>>>();
     const int id = Word(m.wire, 4);
-    out << (m.request ? "request " : "answer ") << id << ", " << m.wire.size() << " bytes, coding "
+    out << (m.request ? "request " : "answer ") << id << ", " << Plural(static_cast<long long>(m.wire.size()), "byte") << ", coding "
         << CodingName(m.fastVersion) << (m.fastVersion == 0 ? " (flag " + std::to_string(static_cast<int>(m.flag)) + ")" : "")
         << "\n\nhead\n";
-    for (const auto& [key, v] : head.items()) out << "  " << std::left << std::setw(10) << key << " " << v.dump() << "\n";
+    for (const auto& [key, v] : head.items()) out << "  " << std::left << std::setw(10) << key << " " << HeadValueText(key, v) << "\n";
     if (m.restoredNothing) out << "\nthe restore handed back no records\n";
     for (std::size_t j = 0; j < m.sections.size(); ++j) {
         const Section& s = m.sections[j];
         out << "\nsection " << j + 1 << ": " << (s.layout ? s.layout->name : std::string("raw records")) << ", "
-            << Plural(s.count, "record") << " of " << s.slot << " bytes"
+            << Plural(s.count, "record") << " of " << Plural(s.slot, "byte")
             << (s.size != s.slot ? " (sender's size " + std::to_string(s.size) + ")" : "") << "\n";
         for (std::size_t i = 0; s.slot > 0 && (i + 1) * static_cast<std::size_t>(s.slot) <= s.records.size(); ++i) {
             const char* rec = s.records.data() + i * static_cast<std::size_t>(s.slot);
@@ -344,6 +507,23 @@ void PrintText(const Decoded& m, std::ostream& out, bool sent) {
     if (!m.trailing.empty()) out << "\ntrailing bytes: " << Hex(m.trailing.data(), m.trailing.size()) << "\n";
 }
 
+namespace {
+
+// Encode writes only messages the library restores: a head the JSON set up
+// against the restore's checks (a request's flag bit 1, the coded bit of a
+// raw id, ...) is refused with the check that would fail.
+std::vector<char> Restorable(std::vector<char> wire, bool request, char flag) {
+    const trdcomp::span<const char> in(wire.data(), wire.size());
+    const trdcomp::Restored r = request ? trdcomp::RestoreRequest(in, flag) : trdcomp::RestoreAnswer(in, flag);
+    if (!r && r.Error() != trdcomp::Errc::out_of_memory) {
+        const int version = (Word(wire, 8) >> TRDCOMP_FLAG_FAST_SHIFT) & 0xF;
+        throw std::runtime_error("the message would not restore: " + WhyRefused(wire, request, version));
+    }
+    return wire;
+}
+
+}  // namespace
+
 std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     if (!msg.is_object()) throw std::runtime_error("the input must be a JSON object (the shape `trdcomp decode --json` prints)");
     const Json head = msg.contains("head") ? msg.at("head") : Json::object();
@@ -361,7 +541,7 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     long long id = o.id;
     if (id < 0) {
         if (!head.contains("nFuncId")) throw std::runtime_error("say --id (the JSON's head has no nFuncId)");
-        id = IntOf<std::int32_t>(head, "nFuncId", 0);
+        id = IntOf<std::int32_t>(head, "nFuncId", 0, "head");
     }
     if (id > INT32_MAX) throw std::runtime_error("--id " + std::to_string(id) + " does not fit a 32-bit id");
     int version = o.fastVersion;
@@ -369,21 +549,38 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
         if (!msg.contains("coding") || !msg.at("coding").is_string()) throw std::runtime_error("say --coding (the JSON has no \"coding\")");
         version = ParseCoding(msg.at("coding").get<std::string>());
     }
-    const char flag = static_cast<char>(o.flag >= 0 ? o.flag : IntOf<int>(msg, "flag", 0));
+    const int flagValue = o.flag >= 0 ? o.flag : IntOf<int>(msg, "flag", 0);
+    if (flagValue < -128 || flagValue > 255) throw std::runtime_error("\"flag\" is " + std::to_string(flagValue) + ", not a byte");
+    const char flag = static_cast<char>(flagValue);
     const Json sections = msg.contains("sections") ? msg.at("sections") : Json::array();
     if (!sections.is_array()) throw std::runtime_error("\"sections\" must be a list");
+    const catalogue_model::Cell cell = PackCell(request, static_cast<int>(id), version != 0);
+    const bool raw = cell.kind == catalogue_model::Cell::Kind::raw;
     std::vector<char> trailing;
-    if (msg.contains("trailing") && (!msg.at("trailing").is_string() || !ParseHex(msg.at("trailing").get<std::string>(), trailing)))
-        throw std::runtime_error("\"trailing\" must be a string of hex digits");
-    const bool codec = PackCell(request, static_cast<int>(id), version != 0).IsCodec();
+    if (msg.contains("trailing")) {
+        if (!msg.at("trailing").is_string() || !ParseHex(msg.at("trailing").get<std::string>(), trailing))
+            throw std::runtime_error("\"trailing\" must be a string of hex digits");
+        if (!raw && !trailing.empty())
+            throw std::runtime_error("\"trailing\" bytes travel only behind raw records, and function id " + std::to_string(id) +
+                                     " has a codec in the " + CodingName(version) + " coding");
+    }
+    const bool codec = cell.IsCodec();
+    // The ids whose pack writes the head alone drop any records.
+    const bool headAlone = !codec && !raw;
+    // The records' layout is the one the receiver restores them with (ids
+    // whose layouts code alike share one encoder, not one layout).
+    const catalogue_model::Cell restoreCell = RestoreCell(request, static_cast<int>(id), version != 0);
+    const int layoutOf = restoreCell.IsCodec() ? restoreCell.codec : codec ? cell.codec : 0;
+    const std::string packs = "function id " + std::to_string(id) + " in the " + CodingName(version) + " coding";
     const trdcomp::Coding coding = version ? trdcomp::Coding::Fast(version) : trdcomp::Coding::C2008(flag);
+    std::int64_t total = 0;
 
     if (request) {
         if (sections.size() > 1) throw std::runtime_error("a request has one record array; the JSON has " + std::to_string(sections.size()));
         tagREQ_HEAD h{};
         h.nHeadLen = kReqHead;
         h.nFuncId = static_cast<int>(id);
-        h.nFlags = IntOf<std::int32_t>(head, "nFlags", 0);
+        h.nFlags = IntOf<std::int32_t>(head, "nFlags", 0, "head");
         if (codec) h.nFlags &= ~TRDCOMP_FLAG_CODED;  // the codec sets it
         if (head.contains("nUser")) {
             const Json& u = head.at("nUser");
@@ -393,19 +590,36 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
                 h.nUser[i] = static_cast<int>(u[static_cast<std::size_t>(i)].get<long long>());
             }
         }
-        const Json sec = sections.empty() ? Json::object() : sections[0];
-        const int recordCount = sec.contains("records") && sec.at("records").is_array() ? static_cast<int>(sec.at("records").size()) : 0;
-        h.nRecCount = IntOf<std::int32_t>(head, "nRecCount", IntOf<std::int32_t>(sec, "count", recordCount));
-        h.nRecSize = IntOf<std::int32_t>(head, "nRecSize", IntOf<std::int32_t>(sec, "size", 0));
-        std::vector<char> data = SectionBytes(sec, IntOf<std::int32_t>(sec, "size", h.nRecSize), version != 0, "section 1");
-        data.insert(data.end(), trailing.begin(), trailing.end());
-        const std::uint64_t bound = trdcomp::RequestSizeBound(h, data.size(), coding);
+        // The head's count and size are the section's unless it says otherwise.
+        std::optional<std::int32_t> headCount, headSize;
+        if (head.contains("nRecCount")) headCount = IntOf<std::int32_t>(head, "nRecCount", 0, "head");
+        if (head.contains("nRecSize")) headSize = IntOf<std::int32_t>(head, "nRecSize", 0, "head");
+        const Layout* expected = codec ? &Get().At(Get().requestLayoutOf.at(layoutOf)) : nullptr;
+        Array a;
+        if (!sections.empty()) {
+            a = ReadArray(sections[0], expected, packs, headCount, headSize, total, version != 0, "section 1");
+            if (headAlone && !a.bytes.empty())
+                throw std::runtime_error("section 1 lists records, but " + packs + " sends the head alone");
+        } else {
+            a.count = headCount.value_or(0);
+            a.size = headSize.value_or(0);
+            if (a.count > 0 && !headAlone)
+                throw std::runtime_error("the head's nRecCount is " + std::to_string(a.count) + " but the JSON lists no records");
+        }
+        if ((headCount && a.count != *headCount) || (headSize && a.size != *headSize))
+            throw std::runtime_error("the head's nRecCount and nRecSize (" + std::to_string(headCount.value_or(a.count)) + ", " +
+                                     std::to_string(headSize.value_or(a.size)) + ") differ from section 1's count and size (" +
+                                     std::to_string(a.count) + ", " + std::to_string(a.size) + ")");
+        h.nRecCount = a.count;
+        h.nRecSize = a.size;
+        a.bytes.insert(a.bytes.end(), trailing.begin(), trailing.end());
+        const std::uint64_t bound = trdcomp::RequestSizeBound(h, a.bytes.size(), coding);
         if (bound > static_cast<std::uint64_t>(INT_MAX)) throw std::runtime_error("the message would exceed 2 GiB");
         std::vector<char> out(static_cast<std::size_t>(bound));
-        const trdcomp::PackResult res = trdcomp::PackRequest(out, h, trdcomp::span<const char>(data.data(), data.size()), coding);
+        const trdcomp::PackResult res = trdcomp::PackRequest(out, h, trdcomp::span<const char>(a.bytes.data(), a.bytes.size()), coding);
         if (!res) throw std::runtime_error(std::string("packing failed: ") + trdcomp::Message(res.error));
         out.resize(res.size);
-        return out;
+        return Restorable(std::move(out), true, flag);
     }
 
     if (sections.size() > 5) throw std::runtime_error("an answer has at most 5 record arrays; the JSON has " + std::to_string(sections.size()));
@@ -413,26 +627,44 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     proc.nFuncId = static_cast<int>(id);
     if (head.contains("szShort")) TextFromJson(head.at("szShort"), proc.szShort, 4, "head szShort");
     if (head.contains("szLong")) TextFromJson(head.at("szLong"), proc.szLong, 64, "head szLong");
-    proc.nArrayCount = IntOf<std::int32_t>(msg, "arrays", static_cast<std::int32_t>(sections.size() ? sections.size() : 1));
-    std::vector<std::vector<char>> arrays(5);
+    const std::int64_t arrays = IntOf<std::int32_t>(msg, "arrays", static_cast<std::int32_t>(std::max<std::size_t>(sections.size(), 1)));
+    if (arrays < static_cast<std::int64_t>(sections.size()) || arrays > kMaxArrays)
+        throw std::runtime_error("\"arrays\" is " + std::to_string(arrays) + ": it must lie between the " +
+                                 Plural(static_cast<long long>(sections.size()), "section") + " given and " + std::to_string(kMaxArrays));
+    proc.nArrayCount = static_cast<std::int32_t>(arrays);
+    const Shape* shape = codec ? &Get().AnswerShape(layoutOf) : nullptr;
+    if (shape && arrays != ShapeArrays(*shape))
+        throw std::runtime_error("\"arrays\" is " + std::to_string(arrays) + ", but " + packs + " packs " +
+                                 Plural(ShapeArrays(*shape), "record array"));
+    if (raw && version != 0 && arrays > 1)
+        throw std::runtime_error(packs + " sends its records raw, and raw answers in the Fast coding carry no section table: "
+                                 "an answer of " + Plural(arrays, "array") + " could not be restored");
+    std::vector<Array> data(5);
     for (std::size_t j = 0; j < sections.size(); ++j) {
         const Json& sec = sections[j];
         const std::string where = "section " + std::to_string(j + 1);
-        const int recordCount = sec.contains("records") && sec.at("records").is_array() ? static_cast<int>(sec.at("records").size()) : 0;
-        proc.nRecCount[j] = IntOf<std::int32_t>(sec, "count", recordCount);
-        proc.nRecSize[j] = IntOf<std::int32_t>(sec, "size", 0);
-        arrays[j] = SectionBytes(sec, proc.nRecSize[j], version != 0, where);
+        // A count-switched answer's layout follows the count.
+        const Json* recs = Member(sec, "records");
+        const std::int32_t count = IntOf<std::int32_t>(sec, "count", recs && recs->is_array() ? static_cast<std::int32_t>(recs->size()) : 0, where);
+        const Layout* expected = shape ? AnswerLayout(*shape, static_cast<int>(j), count) : nullptr;
+        if (shape && !expected) throw std::runtime_error(packs + " packs " + Plural(ShapeArrays(*shape), "record array") + ", not " + std::to_string(j + 1));
+        data[j] = ReadArray(sec, expected, packs, std::nullopt, std::nullopt, total, version != 0, where);
+        if (headAlone && !data[j].bytes.empty()) throw std::runtime_error(where + " lists records, but " + packs + " sends the head alone");
+        proc.nRecCount[j] = data[j].count;
+        proc.nRecSize[j] = data[j].size;
     }
     if (sections.empty()) {
-        proc.nRecCount[0] = IntOf<std::int32_t>(head, "nRecCount", 0);
-        proc.nRecSize[0] = IntOf<std::int32_t>(head, "nRecSize", 0);
+        proc.nRecCount[0] = IntOf<std::int32_t>(head, "nRecCount", 0, "head");
+        proc.nRecSize[0] = IntOf<std::int32_t>(head, "nRecSize", 0, "head");
+        if (proc.nRecCount[0] > 0 && !headAlone)
+            throw std::runtime_error("the head's nRecCount is " + std::to_string(proc.nRecCount[0]) + " but the JSON lists no records");
     }
     const std::uint64_t bound = trdcomp::AnswerSizeBound(proc, coding);
-    if (bound > static_cast<std::uint64_t>(INT_MAX)) throw std::runtime_error("the message would exceed 2 GiB");
+    if (bound + trailing.size() > static_cast<std::uint64_t>(INT_MAX)) throw std::runtime_error("the message would exceed 2 GiB");
     std::vector<char> out(static_cast<std::size_t>(bound), 0);
     // PackAns2008 or-s its bits into the flags word and leaves bytes 12..19:
     // the sender's other flag bits and reserved bytes are placed first.
-    const std::int32_t keep = IntOf<std::int32_t>(head, "nFlags", 0) &
+    const std::int32_t keep = IntOf<std::int32_t>(head, "nFlags", 0, "head") &
                               ~(TRDCOMP_FLAG_CODED | TRDCOMP_FLAG_SECTIONS | TRDCOMP_FLAG_FAST_MASK);
     std::memcpy(out.data() + 8, &keep, 4);
     if (head.contains("cReserved")) {
@@ -442,11 +674,12 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
         std::memcpy(out.data() + 12, reserved.data(), 8);
     }
     int len = 0;
-    CTrdCompData::PackAns2008(out.data(), static_cast<int>(out.size()), len, &proc, arrays[0].data(), arrays[1].data(),
-                              arrays[2].data(), arrays[3].data(), arrays[4].data(), flag, version << TRDCOMP_FLAG_FAST_SHIFT);
+    CTrdCompData::PackAns2008(out.data(), static_cast<int>(out.size()), len, &proc, data[0].bytes.data(), data[1].bytes.data(),
+                              data[2].bytes.data(), data[3].bytes.data(), data[4].bytes.data(), flag, version << TRDCOMP_FLAG_FAST_SHIFT);
     if (len == 0) throw std::runtime_error("the library refused to pack the answer");
     out.resize(static_cast<std::size_t>(len));
-    return out;
+    out.insert(out.end(), trailing.begin(), trailing.end());
+    return Restorable(std::move(out), false, flag);
 }
 
 }  // namespace tool

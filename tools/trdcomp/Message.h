@@ -3,6 +3,8 @@
 // inverse, a message packed from that JSON.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <iosfwd>
 #include <map>
 #include <stdexcept>
@@ -10,6 +12,7 @@
 #include <vector>
 
 #include "Fields.h"
+#include "trdcomp/trdcomp.hpp"
 
 namespace tool {
 
@@ -22,6 +25,10 @@ struct CodingChoice {
 // "2008", "fast" or "fast:V" (V from 1 to 15); throws on anything else.
 int ParseCoding(const std::string& text);
 std::string CodingName(int fastVersion);
+// A head's flags word as printed: "0x11 (coded, fast:1)".
+std::string FlagsText(std::int32_t flags);
+// A head word as the text table and diff print it (the flags in hex).
+std::string HeadValueText(const std::string& key, const Json& v);
 
 struct Section {
     const Layout* layout = nullptr;  // null: the records travelled raw
@@ -40,18 +47,35 @@ struct Decoded {
     std::size_t restoredBytes = 0; // what the library restored (outLen)
     int arrayCount = 1;            // arrays the sender described (answers)
     std::vector<Section> sections;
-    std::vector<char> trailing;    // restored bytes behind the last whole record (raw messages)
+    std::vector<char> trailing;    // bytes behind the last whole record (raw messages)
 };
+
+// What a JSON document may ask encode for: a record's size, and the record
+// bytes of the whole message. Beyond them the JSON is refused before
+// anything is allocated.
+constexpr std::int64_t kMaxRecordSize = std::int64_t{1} << 20;
+constexpr std::int64_t kMaxRecordBytes = std::int64_t{256} << 20;
+// Record arrays an answer's JSON may announce (a 2008 section table of
+// 8 bytes each; only the first five carry records).
+constexpr std::int64_t kMaxArrays = 1024;
 
 // A message the library refused, with the check that failed.
 struct Refused : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Restores `wire` through the classic interface and splits the result into
-// sections. Throws Refused naming the failed check when the library refuses,
-// std::runtime_error when the bytes are no message at all.
-Decoded Decode(const std::vector<char>& wire, char flag);
+// Restores `wire` through the library and splits the result into sections.
+// Throws Refused naming the failed check when the library refuses,
+// std::runtime_error when the bytes are no message at all or the restore
+// would need more than options.maxBytes (the message says how much).
+Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& options);
+inline Decoded Decode(const std::vector<char>& wire, char flag) { return Decode(wire, trdcomp::RestoreOptions{flag}); }
+
+// "unlimited", "none" or 0: no limit; else bytes, with an optional K, M or G
+// (KiB, MiB, GiB). Throws on anything else.
+std::size_t ParseByteLimit(const std::string& text);
+// "268435456 bytes (256 MiB)", "unlimited".
+std::string ByteLimitText(std::size_t limit);
 
 // Where a restored Fast field's value came from.
 enum class Origin { sent, fromPrevious, fromDefault };
@@ -62,7 +86,12 @@ const char* OriginName(Origin o);
 // maps. Empty for the 2008 coding and raw records.
 std::vector<std::vector<std::map<int, Origin>>> SentFields(const Decoded& m);
 
+// The head as the sender wrote it, the "head" of ToJson.
+Json HeadJson(const Decoded& m);
 Json ToJson(const Decoded& m);
+// Prints ToJson(m).dump(2) record by record, without building the document:
+// the memory it needs does not grow with the number of records.
+void WriteJson(const Decoded& m, std::ostream& out);
 // The message as text; `sent` adds a column with each Fast field's origin.
 void PrintText(const Decoded& m, std::ostream& out, bool sent = false);
 
@@ -73,8 +102,12 @@ struct EncodeOptions {
     int flag = -1;         // -1: from the JSON
 };
 
-// Packs the message the JSON describes (the shape ToJson prints). Throws
-// std::runtime_error naming what is wrong.
+// Packs the message the JSON describes (the shape ToJson prints). A section
+// may leave out what the function id gives: its layout, record size and
+// count. Throws std::runtime_error naming what is wrong: a count other than
+// the records listed, a size that does not hold them, a layout other than
+// the id's, a limit above (kMaxRecordSize, kMaxRecordBytes, kMaxArrays), a
+// message the library would not restore.
 std::vector<char> Encode(const Json& message, const EncodeOptions& options);
 
 }  // namespace tool

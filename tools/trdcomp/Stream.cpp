@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <tuple>
 
+#include "Fields.h"
 #include "trdcomp/trdcomp.hpp"
 
 #if TRDCOMP_HAVE_PCAP
@@ -54,8 +55,8 @@ Pieces CutStream(const char* p, std::size_t n, Frame frame) {
                 return out;
             }
             if (f.status == trdcomp::Framing::need_more || f.length > left) {
-                out.problem = "the last " + std::to_string(left) + " bytes (from offset " + std::to_string(at) +
-                              ") are an incomplete message";
+                out.problem = "the last " + Plural(static_cast<long long>(left), "byte") + " (from offset " + std::to_string(at) +
+                              (left == 1 ? ") is" : ") are") + " an incomplete message";
                 return out;
             }
             length = f.length;
@@ -63,15 +64,15 @@ Pieces CutStream(const char* p, std::size_t n, Frame frame) {
             const int width = frame == Frame::u32le || frame == Frame::u32be ? 4 : 2;
             const bool big = frame == Frame::u32be || frame == Frame::u16be;
             if (left < static_cast<std::size_t>(width)) {
-                out.problem = "the last " + std::to_string(left) + " bytes (from offset " + std::to_string(at) +
-                              ") are an incomplete length prefix";
+                out.problem = "the last " + Plural(static_cast<long long>(left), "byte") + " (from offset " + std::to_string(at) +
+                              (left == 1 ? ") is" : ") are") + " an incomplete length prefix";
                 return out;
             }
             skip = static_cast<std::size_t>(width);
             length = Get(reinterpret_cast<const unsigned char*>(p + at), width, big);
             if (length > left - skip) {
-                out.problem = "the prefix at offset " + std::to_string(at) + " announces " + std::to_string(length) +
-                              " bytes but only " + std::to_string(left - skip) + " follow";
+                out.problem = "the prefix at offset " + std::to_string(at) + " announces " + Plural(static_cast<long long>(length), "byte") +
+                              " but only " + std::to_string(left - skip) + (left - skip == 1 ? " follows" : " follow");
                 return out;
             }
         }
@@ -231,7 +232,7 @@ std::vector<Flow> ReadCapture(const std::string& file, int port) {
             const std::int64_t end = off + static_cast<std::int64_t>(s->payload.size());
             if (end <= have) continue;  // a retransmission of bytes already placed
             if (off > have) {
-                f.problem = std::to_string(off - have) + " bytes missing from the capture at stream offset " +
+                f.problem = Plural(off - have, "byte") + " missing from the capture at stream offset " +
                             std::to_string(have);
                 break;
             }

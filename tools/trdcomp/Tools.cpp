@@ -61,7 +61,7 @@ std::string ShapeText(int codec) {
 }
 
 void PrintLayout(const catalogue_model::Layout& l, const std::string& indent) {
-    std::cout << indent << l.name << ", " << l.size << " bytes\n";
+    std::cout << indent << l.name << ", " << Plural(l.size, "byte") << "\n";
     std::cout << indent << "  " << std::left << std::setw(8) << "offset" << std::setw(9) << "kind" << std::setw(7) << "width"
               << "notes\n";
     for (const auto& f : l.fields) {
@@ -69,7 +69,7 @@ void PrintLayout(const catalogue_model::Layout& l, const std::string& indent) {
         if (f.kind == "char" && f.def) note = "Fast first-record default " + std::to_string(f.def);
         if (f.kind == "sized") note = "length: int32 at " + std::to_string(f.offset + f.width);
         if (f.kind == "array")
-            note = std::to_string(f.entries) + " entries of " + f.entry + ", count at " + std::to_string(f.countOffset);
+            note = Plural(f.entries, "entry", "entries") + " of " + f.entry + ", count at " + std::to_string(f.countOffset);
         if (f.kind == "uncoded") note = "never coded";
         std::ostringstream row;
         row << indent << "  " << std::left << std::setw(8) << f.offset << std::setw(9) << f.kind << std::setw(7) << f.width
