@@ -1,6 +1,8 @@
 // Fuzz target: pack fuzzer-chosen records of any routed function id in either
 // coding, then restore the message. A message the library packed itself must
-// restore (result 1), and nothing may touch memory outside the buffers.
+// restore (result 1) unless its head states more records than the data held
+// (a record size below the layout's: the packer codes only the records that
+// lie inside the data), and nothing may touch memory outside the buffers.
 //
 // Input: byte 0 id selector, byte 1 coding (bit 0: Fast), byte 2 the 2008
 // flag, byte 3 record count; the rest is repeated into the records.
@@ -11,6 +13,7 @@
 #include <vector>
 
 #include "trdcomp/TrdCompData.h"
+#include "trdcomp/trdcomp.hpp"
 
 namespace {
 
@@ -21,6 +24,14 @@ const int kIds[] = {
 #include "answer_routes.def"
 #undef TRD_ROUTE
 };
+
+// Was the restore refused because the head counts more records than the
+// message holds?
+bool HeadCountBeyondData(const std::vector<char>& msg, bool request, char flag) {
+    const trdcomp::span<const char> in(msg.data(), msg.size());
+    const trdcomp::Restored r = request ? trdcomp::RestoreRequest(in, flag) : trdcomp::RestoreAnswer(in, flag);
+    return r.Why() == trdcomp::Reason::count_past_message;
+}
 
 }  // namespace
 
@@ -50,7 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<char> msg(wire.begin(), wire.begin() + len);
     char* out = nullptr;
     int outLen = 0;
-    CTrdCompData::RestoreReq2008(msg.data(), len, &out, outLen, flag);
+    if (CTrdCompData::RestoreReq2008(msg.data(), len, &out, outLen, flag) != 1 && !HeadCountBeyondData(msg, true, flag))
+        std::abort();
     CTrdCompData::ReleaseAnsData(out);
 
     // Answer with the same records as its first array (and a second, shorter one).
@@ -68,7 +80,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (ansLen > 0) {
         std::vector<char> ans(answer.begin(), answer.begin() + ansLen);
         out = nullptr;
-        CTrdCompData::RestoreAns2008(ans.data(), ansLen, &out, outLen, flag);
+        std::int32_t flags = 0;
+        std::memcpy(&flags, ans.data() + 8, 4);
+        // A raw answer of several arrays in the Fast coding carries no
+        // section table: its restore reads the first record bytes as one.
+        const bool rawFastSections = fast && !(flags & TRDCOMP_FLAG_CODED) && proc.nArrayCount > 1;
+        if (CTrdCompData::RestoreAns2008(ans.data(), ansLen, &out, outLen, flag) != 1 && !rawFastSections &&
+            !HeadCountBeyondData(ans, false, flag))
+            std::abort();
         CTrdCompData::ReleaseAnsData(out);
     }
     return 0;
