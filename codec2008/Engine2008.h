@@ -325,7 +325,8 @@ int PackRequest(char* out, int& outLen, const char* data, int dataLen, char flag
     if (static_cast<unsigned>(dataLen) < L.size) {
         // Shorter than one record: the bytes travel raw, flag bit 0 clear.
         if (dataLen > 0) {
-            if (data == nullptr || dataLen > cap - outLen) return 0;
+            if (data == nullptr) return d::Refuse(Reason::null_argument);
+            if (dataLen > cap - outLen) return d::Refuse(Reason::buffer_too_small);
             std::memcpy(out + outLen, data, static_cast<std::size_t>(dataLen));
         }
         outLen += dataLen;

@@ -420,7 +420,7 @@ int RestoreRequest(char* in, int inLen, char** out, int& outLen, int version) {
     // The stream's count must be readable, and there are no more records
     // than the message can describe: a u16 length per coded record, one
     // received byte per copied one.
-    if (decode && inLen - h.headLen < 2) return 0;
+    if (decode && inLen - h.headLen < 2) return d::Refuse(Reason::count_past_message);
     const std::int64_t records = d::Records(h.count);
     if (records > (decode ? (inLen - h.headLen - 2) / 2 : inLen)) return d::Refuse(Reason::count_past_message);
     // Into the caller's memory, a count that disagrees is refused before a

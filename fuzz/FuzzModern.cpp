@@ -12,6 +12,7 @@
 //     refused only for a head count beyond the records the data held.
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -20,11 +21,14 @@
 
 namespace {
 
-[[noreturn]] void Fail() { __builtin_trap(); }
-
-void Check(bool ok) {
-    if (!ok) Fail();
-}
+// A failed check names itself before it stops the fuzzer.
+#define Check(ok)                                                                    \
+    do {                                                                             \
+        if (!(ok)) {                                                                 \
+            std::fprintf(stderr, "check failed, line %d: %s\n", __LINE__, #ok);     \
+            __builtin_trap();                                                        \
+        }                                                                            \
+    } while (0)
 
 void CheckWhy(trdcomp::Errc e, trdcomp::Reason why) {
     Check(trdcomp::ErrcOf(why) == e);
@@ -50,9 +54,13 @@ void CheckView(const trdcomp::RestoredView& v, const trdcomp::RestoreOptions& o)
     Check(records <= o.maxRecords);
 }
 
-// A message the library packed restores, unless its head states more
-// records than the data held (the packer codes those that lie inside it).
-bool Restores(const trdcomp::Restored& r) { return r || r.Why() == trdcomp::Reason::count_past_message; }
+// A message the library packed restores, unless its description disagrees
+// with what was packed: a head stating more records than the data held (the
+// packer codes those that lie inside it), or an answer whose array count is
+// not the one its id's codec codes (no section table where one is read).
+bool Restores(const trdcomp::Restored& r) {
+    return r || r.Why() == trdcomp::Reason::count_past_message || r.Why() == trdcomp::Reason::section_table_invalid;
+}
 
 }  // namespace
 

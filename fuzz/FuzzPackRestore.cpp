@@ -1,8 +1,10 @@
 // Fuzz target: pack fuzzer-chosen records of any routed function id in either
 // coding, then restore the message. A message the library packed itself must
-// restore (result 1) unless its head states more records than the data held
-// (a record size below the layout's: the packer codes only the records that
-// lie inside the data), and nothing may touch memory outside the buffers.
+// restore (result 1) unless its description disagrees with the records: a
+// head stating more records than the data held (a record size below the
+// layout's: the packer codes only the records inside the data), or an answer
+// of another array count than its id's codec codes. Nothing may touch memory
+// outside the buffers.
 //
 // Input: byte 0 id selector, byte 1 coding (bit 0: Fast), byte 2 the 2008
 // flag, byte 3 record count; the rest is repeated into the records.
@@ -25,12 +27,14 @@ const int kIds[] = {
 #undef TRD_ROUTE
 };
 
-// Was the restore refused because the head counts more records than the
-// message holds?
-bool HeadCountBeyondData(const std::vector<char>& msg, bool request, char flag) {
+// Was the restore refused because the description disagrees with what was
+// packed: a head counting more records than the message holds, or an answer
+// whose array count is not the one its id's codec codes (no section table
+// where the restore reads one)?
+bool DescriptionDisagrees(const std::vector<char>& msg, bool request, char flag) {
     const trdcomp::span<const char> in(msg.data(), msg.size());
     const trdcomp::Restored r = request ? trdcomp::RestoreRequest(in, flag) : trdcomp::RestoreAnswer(in, flag);
-    return r.Why() == trdcomp::Reason::count_past_message;
+    return r.Why() == trdcomp::Reason::count_past_message || r.Why() == trdcomp::Reason::section_table_invalid;
 }
 
 }  // namespace
@@ -61,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<char> msg(wire.begin(), wire.begin() + len);
     char* out = nullptr;
     int outLen = 0;
-    if (CTrdCompData::RestoreReq2008(msg.data(), len, &out, outLen, flag) != 1 && !HeadCountBeyondData(msg, true, flag))
+    if (CTrdCompData::RestoreReq2008(msg.data(), len, &out, outLen, flag) != 1 && !DescriptionDisagrees(msg, true, flag))
         std::abort();
     CTrdCompData::ReleaseAnsData(out);
 
@@ -86,7 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         // section table: its restore reads the first record bytes as one.
         const bool rawFastSections = fast && !(flags & TRDCOMP_FLAG_CODED) && proc.nArrayCount > 1;
         if (CTrdCompData::RestoreAns2008(ans.data(), ansLen, &out, outLen, flag) != 1 && !rawFastSections &&
-            !HeadCountBeyondData(ans, false, flag))
+            !DescriptionDisagrees(ans, false, flag))
             std::abort();
         CTrdCompData::ReleaseAnsData(out);
     }
