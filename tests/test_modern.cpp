@@ -1,12 +1,14 @@
 // The modern interface over the classic members: size bounds never below
 // the real packed size (whole catalogue, both codings, both directions, and
 // heads that promise more than they carry), capacity errors instead of
-// overruns, and restored messages that own and release their buffers.
+// overruns, restored messages that own and release their buffers, and the
+// reason every refusal gives.
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -375,4 +377,17 @@ TEST(WireFormat, WhatTheFlagTheFastVersionAndThe2008DoubleDo) {
     EXPECT_EQ(price, static_cast<double>(10079190) * 0.0001);
     EXPECT_NE(price, 1007.919);
     EXPECT_EQ(back.Records<tagREQ_1071>()[0].f218, -123456);
+}
+
+TEST(ModernInterface, EveryReasonHasItsOwnTextAndClass) {
+    std::set<std::string> texts;
+    const auto last = static_cast<int>(trdcomp::Reason::no_such_section);
+    for (int i = 0; i <= last; ++i) {
+        const auto r = static_cast<trdcomp::Reason>(i);
+        EXPECT_TRUE(texts.insert(trdcomp::Message(r)).second) << "two reasons share the text " << trdcomp::Message(r);
+        EXPECT_EQ(trdcomp::ErrcOf(r) == trdcomp::Errc::ok, r == trdcomp::Reason::none) << i;
+    }
+    EXPECT_STREQ(trdcomp::Message(static_cast<trdcomp::Reason>(last + 1)), "unknown reason");
+    EXPECT_EQ(trdcomp::ErrcOf(trdcomp::Reason::bytes_over_limit), trdcomp::Errc::limit_exceeded);
+    EXPECT_EQ(trdcomp::ErrcOf(trdcomp::Reason::records_over_limit), trdcomp::Errc::limit_exceeded);
 }
