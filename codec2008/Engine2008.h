@@ -405,11 +405,11 @@ inline bool EncodeRunWith(char* out, std::int64_t& pos, std::int64_t cap, const 
         const char* rec = d::RecordAt(data, extent, i, stride, L.size);
         if (rec == nullptr) break;
         const std::int64_t room = cap - pos - 4;
-        if (room < 0) return false;
+        if (room < 0) return d::Refuse(Reason::buffer_too_small);
         const std::int64_t n = d::EncodeBounded<kMax>(
             [&](char* dst) { return static_cast<std::int64_t>(EncodeRecord<L, C>(rec, dst, flag)); }, out + pos + 4,
             room, room);
-        if (n < 0) return false;
+        if (n < 0) return d::Refuse(Reason::buffer_too_small);
         d::StoreI32(out + pos, static_cast<std::int32_t>(n));
         pos += 4 + n;
     }
@@ -423,14 +423,24 @@ inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char
 }
 
 // Decodes up to `count` length-prefixed records from in[cursor, inLen) into
-// consecutive slots; records the message does not hold stay zero.
+// consecutive slots; records the message does not hold stay zero. Returns
+// the records decoded; the cursor ends behind the last one (past inLen when
+// its length passed the end, before it when a length was cut).
 template <const auto& L, class C>
-inline void DecodeRunWith(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count, char* slots,
-                          char flag) {
+inline std::int64_t DecodeRunWith(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count,
+                                  char* slots, char flag) {
     for (std::int64_t i = 0; i < count; ++i) {
         if (inLen - cursor < 4) {
-            cursor = inLen;
-            return;
+            // A decode limit wider than its field may have written into this
+            // slot from the record before: the records not held stay zero.
+            if constexpr (model::MaxDecodeEnd(L) > L.size) {
+                if (i > 0) {
+                    const std::int64_t end = (i - 1) * L.size + model::MaxDecodeEnd(L);
+                    const std::int64_t stop = count * L.size < end ? count * L.size : end;
+                    std::memset(slots + i * L.size, 0, static_cast<std::size_t>(stop - i * L.size));
+                }
+            }
+            return i;
         }
         std::uint32_t len;
         std::memcpy(&len, in + cursor, 4);
@@ -443,12 +453,13 @@ inline void DecodeRunWith(const char* in, std::int64_t inLen, std::int64_t& curs
         DecodeRecord<L, C, model::MaxDecodeEnd(L) == L.size>(in + cursor + 4, take, avail, slots + i * L.size, flag);
         cursor += 4 + static_cast<std::int64_t>(len);
     }
+    return count > 0 ? count : 0;
 }
 
 template <const auto& L>
-inline void DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count, char* slots,
-                      char flag) {
-    WithValueCoders([&]<class C>() { DecodeRunWith<L, C>(in, inLen, cursor, count, slots, flag); });
+inline std::int64_t DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count, char* slots,
+                              char flag) {
+    return WithValueCoders([&]<class C>() { return DecodeRunWith<L, C>(in, inLen, cursor, count, slots, flag); });
 }
 
 // ---- requests ----
@@ -458,7 +469,8 @@ int PackRequest(char* out, int& outLen, const char* data, int dataLen, char flag
     if (static_cast<unsigned>(dataLen) < L.size) {
         // Shorter than one record: the bytes travel raw, flag bit 0 clear.
         if (dataLen > 0) {
-            if (data == nullptr || dataLen > cap - outLen) return 0;
+            if (data == nullptr) return d::Refuse(Reason::null_argument);
+            if (dataLen > cap - outLen) return d::Refuse(Reason::buffer_too_small);
             std::memcpy(out + outLen, data, static_cast<std::size_t>(dataLen));
         }
         outLen += dataLen;
@@ -482,12 +494,15 @@ int RestoreRequest(char* in, int inLen, char** out, int& outLen, char flag) {
     // No more records than the message can describe: 4 bytes at least for a
     // coded one, one received byte for a copied one.
     const std::int64_t records = d::Records(h.count);
-    if (records > (h.coded ? (inLen - h.headLen) / 4 : inLen)) return 0;
+    if (records > (h.coded ? (inLen - h.headLen) / 4 : inLen)) return d::Refuse(Reason::count_past_message);
     char* slots = d::OpenRestoredRequest(in, h, L.size, out, outLen, model::MaxDecodeEnd(L) - L.size);
     if (slots == nullptr) return 0;
     if (h.coded) {
         std::int64_t cursor = h.headLen;
-        DecodeRun<L>(in, inLen, cursor, records, slots, flag);
+        const std::int64_t decoded = DecodeRun<L>(in, inLen, cursor, records, slots, flag);
+        if (d::Call().strict) {
+            if (const Reason why = d::StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return d::Refuse(why);
+        }
     } else {
         d::CopyRawRecords(in, inLen, h.recordSize, L.size, records, slots);
     }
@@ -518,27 +533,31 @@ int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arra
 template <class Shape>
 int RestoreAnswer(char* in, int inLen, char** out, int& outLen, char flag) {
     constexpr int k = Shape::kCount;
-    if (in == nullptr || inLen < d::kAnsHeadLen) return 0;
+    if (in == nullptr || inLen < d::kAnsHeadLen) return d::Refuse(Reason::head_too_short);
     const std::int32_t headLen = d::LoadI32(in + d::kOffHeadLen);
-    if (headLen < 0 || headLen > inLen) return 0;
+    if (headLen < 0 || headLen > inLen) return d::Refuse(Reason::head_length_invalid);
     std::int32_t counts[k];
     std::int64_t cursor = headLen;
     if constexpr (k == 1) {
         counts[0] = d::LoadI32(in + d::kAnsOffCount);
     } else {
-        if (inLen - headLen < 4) return 0;
+        if (inLen - headLen < 4) return d::Refuse(Reason::section_table_invalid);
         const std::int32_t tableLen = d::LoadI32(in + headLen);
-        if (tableLen < 4 + 8 * k || tableLen > inLen - headLen) return 0;
+        if (tableLen < 4 + 8 * k || tableLen > inLen - headLen) return d::Refuse(Reason::section_table_invalid);
         for (int j = 0; j < k; ++j) counts[j] = d::LoadI32(in + headLen + 4 + 8 * j);
         cursor += tableLen;
     }
     std::int64_t records = 0;
     std::int64_t total = d::kAnsHeadLen + (k > 1 ? 8 * k + 4 : 0);
+    bool negative = false;
     for (int j = 0; j < k; ++j) {
+        negative |= counts[j] < 0;
         records += d::Records(counts[j]);
         total += d::Records(counts[j]) * Shape::Size(j, counts[j]);
     }
-    if (records > (inLen - cursor) / 4 || total > INT_MAX) return 0;
+    if (records > (inLen - cursor) / 4) return d::Refuse(Reason::count_past_message);
+    if (total > INT_MAX) return d::Refuse(Reason::size_not_representable);
+    if (negative && d::Call().modern) return d::Refuse(Reason::negative_count);
 
     // Bytes a decode limit may write behind the last record, in caller memory.
     std::int64_t tail = 0;
@@ -547,7 +566,7 @@ int RestoreAnswer(char* in, int inLen, char** out, int& outLen, char flag) {
             tail = tail > model::MaxDecodeEnd(L) - L.size ? tail : model::MaxDecodeEnd(L) - L.size;
             return true;
         });
-    char* buf = d::OpenBlock(out, outLen, total, d::kAnsSpare, d::kAnsHeadLen, tail);
+    char* buf = d::OpenBlock(out, outLen, total, d::kAnsSpare, d::kAnsHeadLen, tail, records);
     if (buf == nullptr) return 0;
     std::memcpy(buf, in, d::kAnsHeadLen);
     d::StoreI32(buf + d::kOffHeadLen, d::kAnsHeadLen);
@@ -564,13 +583,17 @@ int RestoreAnswer(char* in, int inLen, char** out, int& outLen, char flag) {
         }
         slots += 8 * k + 4;
     }
+    std::int64_t decoded = 0;
     for (int j = 0; j < k; ++j) {
         Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
             static_assert(model::MaxDecodeEnd(L) <= L.size + d::kAnsSpare, "a decode limit overruns the spare bytes");
-            DecodeRun<L>(in, inLen, cursor, d::Records(counts[j]), slots, flag);
+            decoded += DecodeRun<L>(in, inLen, cursor, d::Records(counts[j]), slots, flag);
             slots += d::Records(counts[j]) * L.size;
             return true;
         });
+    }
+    if (d::Call().strict) {
+        if (const Reason why = d::StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return d::Refuse(why);
     }
     return 1;
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "common/Bytes.h"
+#include "common/CallContext.h"
 #include "common/Layout.h"
 #include "trdcomp/TrdCompData.h"
 
@@ -103,21 +104,39 @@ struct Switched {
 };
 
 // One section packed by an encoder shared by layouts that code the same
-// kinds of field: the records take the layout whose size they have (First
-// when none matches).
+// kinds of field: the records take the layout whose size they have; records
+// of another stride (padded structs, a larger record size) take First when
+// it fits inside one record, else the widest layout that does, else First
+// (its records are then coded while they lie inside the array).
 template <const auto& First, const auto&... Others>
 struct SizeFamily {
     static_assert((model::SameKinds(First, Others) && ...), "a shared encoder serves layouts of the same field kinds");
     static constexpr int kCount = 1;
+    static constexpr std::uint32_t kSizes[] = {First.size, Others.size...};
+
+    // Index of the layout records of `size` bytes are coded with.
+    static constexpr int Pick(std::int32_t size) {
+        for (int i = 0; i < 1 + static_cast<int>(sizeof...(Others)); ++i)
+            if (static_cast<std::int64_t>(size) == kSizes[i]) return i;
+        if (static_cast<std::int64_t>(size) >= First.size) return 0;
+        int best = 0;
+        bool fits = false;
+        for (int i = 1; i < 1 + static_cast<int>(sizeof...(Others)); ++i) {
+            if (static_cast<std::int64_t>(size) < kSizes[i]) continue;
+            if (!fits || kSizes[i] > kSizes[best]) best = i;
+            fits = true;
+        }
+        return best;
+    }
+
     template <class Fn>
     static bool Visit(int, std::int32_t, std::int32_t size, const Fn& fn) {
-        bool done = false;
+        const int pick = Pick(size);
+        if (pick == 0) return fn.template operator()<First>();
+        int k = 1;
         bool result = true;
-        static_cast<void>(((!done && static_cast<std::int64_t>(size) == Others.size
-                                ? (done = true, result = fn.template operator()<Others>())
-                                : false),
-                               ...));
-        return done ? result : fn.template operator()<First>();
+        static_cast<void>(((k++ == pick ? (result = fn.template operator()<Others>(), true) : false) || ...));
+        return result;
     }
     static std::uint32_t Size(int, std::int32_t) { return First.size; }
 };
@@ -152,15 +171,20 @@ struct RequestHead {
 
 // A request restore needs the whole head, refuses several record arrays
 // and takes the head length word as its read cursor.
+// Inside a call of the modern interface a negative record count is refused
+// in both codings (the classic 2008 restore accepts it, the Fast one refuses
+// its coded records).
 inline bool ReadRequestHead(const char* in, int inLen, RequestHead& h) {
-    if (in == nullptr || inLen < kReqHeadLen) return false;
+    if (in == nullptr || inLen < kReqHeadLen) return Refuse(Reason::head_too_short);
     const std::int32_t flags = LoadI32(in + kOffFlags);
-    if (flags & TRDCOMP_FLAG_SECTIONS) return false;
+    if (flags & TRDCOMP_FLAG_SECTIONS) return Refuse(Reason::several_arrays_request);
     h.headLen = LoadI32(in + kOffHeadLen);
     h.count = LoadI32(in + kReqOffCount);
     h.recordSize = LoadI32(in + kReqOffSize);
     h.coded = (flags & TRDCOMP_FLAG_CODED) != 0;
-    return h.headLen >= 0 && h.headLen <= inLen;
+    if (h.headLen < 0 || h.headLen > inLen) return Refuse(Reason::head_length_invalid);
+    if (h.count < 0 && tCall.modern) return Refuse(Reason::negative_count);
+    return true;
 }
 
 // Where a restore's block comes from. A classic restore enters with *out
@@ -173,16 +197,21 @@ inline bool ReadRequestHead(const char* in, int inLen, RequestHead& h) {
 // else null, with outLen the
 // bytes needed (more than the capacity) and *out unchanged. outLen is `total`
 // when a block was handed out.
+// Inside a call scope with limits (CallContext), a block of more than the
+// limits allow is refused before anything is allocated or written: null,
+// outLen and *out unchanged.
 inline char* OpenBlock(char** out, int& outLen, std::int64_t total, int spare, std::int64_t written,
-                       std::int64_t tail = 0) {
-    if (*out == nullptr) {
-        outLen = static_cast<int>(total);
-        *out = AllocZeroed(static_cast<std::uint64_t>(total + spare));
-        return *out;
-    }
+                       std::int64_t tail, std::int64_t records) {
     // A request head with a negative count restores to fewer bytes than the
     // head the restore still writes.
     const std::int64_t needed = (total > written ? total : written) + tail;
+    if (!WithinLimits(records, needed)) return nullptr;
+    if (*out == nullptr) {
+        outLen = static_cast<int>(total);
+        *out = AllocZeroed(static_cast<std::uint64_t>(total + spare));
+        if (*out == nullptr) Refuse(Reason::out_of_memory);
+        return *out;
+    }
     if (needed > outLen) {
         outLen = needed > INT_MAX ? INT_MAX : static_cast<int>(needed);
         return nullptr;
@@ -218,8 +247,11 @@ inline bool IntoCallerBlock(char* const* out) { return *out != nullptr; }
 inline char* OpenRestoredRequest(const char* in, const RequestHead& h, std::uint32_t size, char** out, int& outLen,
                                  std::int64_t tail = 0) {
     const std::int64_t total = static_cast<std::int64_t>(h.count) * size + kReqHeadLen;
-    if (total > INT_MAX || total + kReqSpare < kReqHeadLen) return nullptr;
-    char* buf = OpenBlock(out, outLen, total, kReqSpare, kReqHeadLen, tail);
+    if (total > INT_MAX || total + kReqSpare < kReqHeadLen) {
+        Refuse(Reason::size_not_representable);
+        return nullptr;
+    }
+    char* buf = OpenBlock(out, outLen, total, kReqSpare, kReqHeadLen, tail, Records(h.count));
     if (buf == nullptr) return nullptr;
     // Two fixed copies, both inlined (one of 76 bytes becomes a call).
     std::memcpy(buf, in, 64);

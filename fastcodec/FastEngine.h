@@ -318,6 +318,20 @@ inline void DecodeRecord(const BoundedSource& in, std::int64_t at, std::int64_t 
     }(std::make_index_sequence<L.fields.size()>{});
 }
 
+// Can every ascii field of the record travel? Its coding ends a text at the
+// first byte with bit 7, so a text holding one (0x80 and above) would run
+// into the next field. Checked only in strict mode.
+template <const auto& L>
+inline bool AsciiRepresentable(const char* rec) {
+    for (const Field& f : L.fields) {
+        if (f.fast != FastKind::Ascii) continue;
+        const char* t = rec + f.offset;
+        for (std::uint32_t i = 0; i < f.width && t[i] != 0; ++i)
+            if (static_cast<unsigned char>(t[i]) >= 0x80) return false;
+    }
+    return true;
+}
+
 // Codes records of layout L (data of `extent` bytes, `stride` apart) as
 // u16-length-prefixed records at out + pos, each against the one before.
 // Stops at the first record that does not lie inside the data. False when
@@ -331,16 +345,20 @@ inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char
     // takes at least its length and its presence map, all inside the message.
     constexpr std::int64_t kLeast = 2 + static_cast<std::int64_t>(kPresenceBytes<L>);
     const std::int64_t records = d::RecordsInside(data, extent, count, stride, L.size);
+    if (d::Call().strict) {
+        for (std::int64_t i = 0; i < records; ++i)
+            if (!AsciiRepresentable<L>(data + i * stride)) return d::Refuse(Reason::value_not_representable);
+    }
     const char* prev = nullptr;
     for (std::int64_t i = 0; i < records; ++i) {
         const char* rec = data + i * stride;
         const std::int64_t room = cap - pos - 2;
-        if (room < 0) return false;
+        if (room < 0) return d::Refuse(Reason::buffer_too_small);
         const std::int64_t proven = (records - i) * kLeast - 2;
         const std::int64_t n = d::EncodeBounded<kMax, kEncodeSlack>(
             [&](char* dst) { return static_cast<std::int64_t>(EncodeRecord<L>(rec, prev, reinterpret_cast<byte*>(dst))); },
             out + pos + 2, room, cap != d::kUnbounded ? room : proven);
-        if (n < 0) return false;
+        if (n < 0) return d::Refuse(Reason::buffer_too_small);
         d::StoreU16(out + pos, static_cast<std::uint16_t>(n));
         pos += 2 + n;
         prev = rec;
@@ -351,16 +369,19 @@ inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char
 // Decodes up to `count` records from in[cursor, ...) into consecutive slots
 // of a freshly zeroed restore buffer, each against the decoded one before;
 // stops when the cursor reaches inLen.
+// Returns the records decoded.
 template <const auto& L>
-inline void DecodeRun(const BoundedSource& in, std::int64_t& cursor, std::int64_t count, char* slots) {
+inline std::int64_t DecodeRun(const BoundedSource& in, std::int64_t& cursor, std::int64_t count, char* slots) {
     const char* prev = nullptr;
-    for (std::int64_t i = 0; i < count && cursor < in.size; ++i) {
+    std::int64_t i = 0;
+    for (; i < count && cursor < in.size; ++i) {
         const std::int64_t len = static_cast<std::int64_t>(in[cursor]) | static_cast<std::int64_t>(in[cursor + 1]) << 8;
         char* rec = slots + i * L.size;
         DecodeRecord<L, true>(in, cursor + 2, len, rec, prev);
         prev = rec;
         cursor += 2 + len;
     }
+    return i;
 }
 
 // ---- requests ----
@@ -369,7 +390,8 @@ template <const auto& L>
 int PackRequest(char* out, int& outLen, const char* data, int dataLen, int version, std::int64_t cap = d::kUnbounded) {
     if (dataLen < static_cast<std::int64_t>(L.size)) {
         // Shorter than one record: the bytes travel raw, flags untouched.
-        if (dataLen < 0 || (dataLen > 0 && data == nullptr) || dataLen > cap - outLen) return 0;
+        if (dataLen < 0 || (dataLen > 0 && data == nullptr)) return d::Refuse(Reason::null_argument);
+        if (dataLen > cap - outLen) return d::Refuse(Reason::buffer_too_small);
         if (dataLen > 0) std::memcpy(out + outLen, data, static_cast<std::size_t>(dataLen));
         outLen += dataLen;
         return 1;
@@ -377,7 +399,7 @@ int PackRequest(char* out, int& outLen, const char* data, int dataLen, int versi
     if (version < 1) return 1;
     const std::uint16_t count = static_cast<std::uint16_t>(d::LoadI32(out + d::kReqOffCount));
     std::int64_t pos = outLen;
-    if (cap - pos < 2) return 0;
+    if (cap - pos < 2) return d::Refuse(Reason::buffer_too_small);
     d::StoreU16(out + pos, count);
     pos += 2;
     const bool fits = EncodeRun<L>(out, pos, cap, data, dataLen, count, d::LoadI32(out + d::kReqOffSize));
@@ -395,22 +417,26 @@ int RestoreRequest(char* in, int inLen, char** out, int& outLen, int version) {
     // The stream's count must be readable, and there are no more records
     // than the message can describe: a u16 length per coded record, one
     // received byte per copied one.
-    if (decode && inLen - h.headLen < 2) return 0;
+    if (decode && inLen - h.headLen < 2) return d::Refuse(Reason::count_past_message);
     const std::int64_t records = d::Records(h.count);
-    if (records > (decode ? (inLen - h.headLen - 2) / 2 : inLen)) return 0;
+    if (records > (decode ? (inLen - h.headLen - 2) / 2 : inLen)) return d::Refuse(Reason::count_past_message);
     // Into the caller's memory, a count that disagrees is refused before a
     // byte is written (a classic restore hands back the zeroed buffer).
-    if (decode && d::IntoCallerBlock(out) && d::LoadU16(in + h.headLen) != h.count) return 0;
+    if (decode && d::IntoCallerBlock(out) && d::LoadU16(in + h.headLen) != h.count)
+        return d::Refuse(Reason::stream_count_differs);
     char* slots = d::OpenRestoredRequest(in, h, L.size, out, outLen);
     if (slots == nullptr) return 0;
     if (!h.coded) {
         d::CopyRawRecords(in, inLen, h.recordSize, L.size, records, slots);
     } else if (decode) {
         // The stream's count must equal the head's (the buffer stays in *out).
-        if (d::LoadU16(in + h.headLen) != h.count) return 0;
+        if (d::LoadU16(in + h.headLen) != h.count) return d::Refuse(Reason::stream_count_differs);
         const BoundedSource src{reinterpret_cast<const byte*>(in), inLen};
         std::int64_t cursor = h.headLen + 2;
-        DecodeRun<L>(src, cursor, records, slots);
+        const std::int64_t decoded = DecodeRun<L>(src, cursor, records, slots);
+        if (d::Call().strict) {
+            if (const Reason why = d::StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return d::Refuse(why);
+        }
     }
     d::CloseRestoredRequest(*out, L.size);
     return 1;
@@ -423,7 +449,7 @@ int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arra
                std::int64_t cap = d::kUnbounded) {
     if (version < 1) return 1;
     std::int64_t pos = outLen;
-    if (cap - pos < 2 * Shape::kCount) return 0;
+    if (cap - pos < 2 * Shape::kCount) return d::Refuse(Reason::buffer_too_small);
     for (int j = 0; j < Shape::kCount; ++j) {
         d::StoreU16(out + pos, static_cast<std::uint16_t>(proc->nRecCount[j]));
         pos += 2;
@@ -446,12 +472,12 @@ int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arra
 template <class Shape>
 int RestoreAnswer(char* in, int inLen, char** out, int& outLen, int version) {
     constexpr int k = Shape::kCount;
-    if (in == nullptr || inLen < d::kAnsHeadLen) return 0;
+    if (in == nullptr || inLen < d::kAnsHeadLen) return d::Refuse(Reason::head_too_short);
     const std::int32_t headLen = d::LoadI32(in + d::kOffHeadLen);
-    if (headLen < 0 || headLen > inLen) return 0;
+    if (headLen < 0 || headLen > inLen) return d::Refuse(Reason::head_length_invalid);
     // The stream's counts come first behind the head; several arrays take
     // their sizes from them, one array from the head.
-    if (version >= 1 && inLen - headLen < 2 * k) return 0;
+    if (version >= 1 && inLen - headLen < 2 * k) return d::Refuse(Reason::count_past_message);
     std::int32_t counts[k];
     if constexpr (k == 1) {
         counts[0] = d::LoadI32(in + d::kAnsOffCount);
@@ -464,10 +490,15 @@ int RestoreAnswer(char* in, int inLen, char** out, int& outLen, int version) {
         records += d::Records(counts[j]);
         total += d::Records(counts[j]) * Shape::Size(j, counts[j]);
     }
-    if (records > (inLen - headLen) / 2 || total > INT_MAX) return 0;
+    if (records > (inLen - headLen) / 2) return d::Refuse(Reason::count_past_message);
+    if (total > INT_MAX) return d::Refuse(Reason::size_not_representable);
+    if constexpr (k == 1) {
+        if (counts[0] < 0 && d::Call().modern) return d::Refuse(Reason::negative_count);
+    }
 
-    if (version >= 1 && k == 1 && d::IntoCallerBlock(out) && d::LoadU16(in + headLen) != counts[0]) return 0;
-    char* buf = d::OpenBlock(out, outLen, total, d::kAnsSpare, d::kAnsHeadLen);
+    if (version >= 1 && k == 1 && d::IntoCallerBlock(out) && d::LoadU16(in + headLen) != counts[0])
+        return d::Refuse(Reason::stream_count_differs);
+    char* buf = d::OpenBlock(out, outLen, total, d::kAnsSpare, d::kAnsHeadLen, 0, records);
     if (buf == nullptr) {
         if (!d::IntoCallerBlock(out)) outLen = 0;  // a caller's block keeps the size it needs
         return 0;
@@ -486,15 +517,19 @@ int RestoreAnswer(char* in, int inLen, char** out, int& outLen, int version) {
     if (version >= 1) {
         std::int64_t cursor = headLen + 2 * k;
         if constexpr (k == 1) {
-            if (d::LoadU16(in + headLen) != counts[0]) return 0;
+            if (d::LoadU16(in + headLen) != counts[0]) return d::Refuse(Reason::stream_count_differs);
         }
         char* at = slots;
+        std::int64_t decoded = 0;
         for (int j = 0; j < k; ++j) {
             Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
-                DecodeRun<L>(src, cursor, d::Records(counts[j]), at);
+                decoded += DecodeRun<L>(src, cursor, d::Records(counts[j]), at);
                 at += d::Records(counts[j]) * L.size;
                 return true;
             });
+        }
+        if (d::Call().strict) {
+            if (const Reason why = d::StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return d::Refuse(why);
         }
     }
     d::StoreI32(buf + d::kOffHeadLen, d::kAnsHeadLen);

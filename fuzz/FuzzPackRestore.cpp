@@ -1,6 +1,10 @@
 // Fuzz target: pack fuzzer-chosen records of any routed function id in either
 // coding, then restore the message. A message the library packed itself must
-// restore (result 1), and nothing may touch memory outside the buffers.
+// restore (result 1) unless its description disagrees with the records: a
+// head stating more records than the data held (a record size below the
+// layout's: the packer codes only the records inside the data), or an answer
+// of another array count than its id's codec codes. Nothing may touch memory
+// outside the buffers.
 //
 // Input: byte 0 id selector, byte 1 coding (bit 0: Fast), byte 2 the 2008
 // flag, byte 3 record count; the rest is repeated into the records.
@@ -12,6 +16,7 @@
 
 #include "CatalogueTables.h"
 #include "trdcomp/TrdCompData.h"
+#include "trdcomp/trdcomp.hpp"
 
 namespace {
 
@@ -23,6 +28,16 @@ std::vector<int> RoutedIds() {
     return ids;
 }
 const std::vector<int> kIds = RoutedIds();
+
+// Was the restore refused because the description disagrees with what was
+// packed: a head counting more records than the message holds, or an answer
+// whose array count is not the one its id's codec codes (no section table
+// where the restore reads one)?
+bool DescriptionDisagrees(const std::vector<char>& msg, bool request, char flag) {
+    const trdcomp::span<const char> in(msg.data(), msg.size());
+    const trdcomp::Restored r = request ? trdcomp::RestoreRequest(in, flag) : trdcomp::RestoreAnswer(in, flag);
+    return r.Why() == trdcomp::Reason::count_past_message || r.Why() == trdcomp::Reason::section_table_invalid;
+}
 
 }  // namespace
 
@@ -52,7 +67,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<char> msg(wire.begin(), wire.begin() + len);
     char* out = nullptr;
     int outLen = 0;
-    CTrdCompData::RestoreReq2008(msg.data(), len, &out, outLen, flag);
+    if (CTrdCompData::RestoreReq2008(msg.data(), len, &out, outLen, flag) != 1 && !DescriptionDisagrees(msg, true, flag))
+        std::abort();
     CTrdCompData::ReleaseAnsData(out);
 
     // Answer with the same records as its first array (and a second, shorter one).
@@ -70,7 +86,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (ansLen > 0) {
         std::vector<char> ans(answer.begin(), answer.begin() + ansLen);
         out = nullptr;
-        CTrdCompData::RestoreAns2008(ans.data(), ansLen, &out, outLen, flag);
+        std::int32_t flags = 0;
+        std::memcpy(&flags, ans.data() + 8, 4);
+        // A raw answer of several arrays in the Fast coding carries no
+        // section table: its restore reads the first record bytes as one.
+        const bool rawFastSections = fast && !(flags & TRDCOMP_FLAG_CODED) && proc.nArrayCount > 1;
+        if (CTrdCompData::RestoreAns2008(ans.data(), ansLen, &out, outLen, flag) != 1 && !rawFastSections &&
+            !DescriptionDisagrees(ans, false, flag))
+            std::abort();
         CTrdCompData::ReleaseAnsData(out);
     }
     return 0;

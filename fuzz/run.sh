@@ -14,11 +14,14 @@ findings=fuzz/findings
 mkdir -p "$findings"
 
 # Seeds: every golden message, prefixed with the flag byte 0.
-mkdir -p "$work/request" "$work/answer" "$work/pack" "$work/primitives" "$work/json"
+mkdir -p "$work/request" "$work/answer" "$work/pack" "$work/primitives" "$work/modern" "$work/json"
 for f in tests/golden/corpus/*.wire; do
   name=$(basename "$f" .wire)
   case "$name" in req_*) dir=request ;; *) dir=answer ;; esac
   { printf '\0'; cat "$f"; } > "$work/$dir/$name"
+  # The modern target: options byte (strict), direction byte, the message.
+  case "$dir" in request) d='\x80' ;; *) d='\x00' ;; esac
+  { printf "\x01$d"; cat "$f"; } > "$work/modern/$name"
 done
 for i in $(seq 0 40); do printf "\\x$(printf %02x "$i")\\x$(printf %02x $((i % 2)))\\x00\\x03abcdefghijklmnop" > "$work/pack/seed$i"; done
 printf '\x80\x01\x7f\xff' > "$work/primitives/seed"
@@ -54,6 +57,7 @@ run fuzz_restore_request_foreign request -dict=fuzz/heads.dict & a=$!
 run fuzz_restore_answer_foreign answer -dict=fuzz/heads.dict & b=$!
 wait $a || status=1
 wait $b || status=1
+run fuzz_modern modern -dict=fuzz/heads.dict || status=1
 # The tool's JSON reader, seeded with documents `trdcomp decode --json` printed.
 if [ -x "$build/fuzz/fuzz_tool_json" ]; then
   run fuzz_tool_json json -dict=fuzz/json.dict || status=1

@@ -253,9 +253,8 @@ TEST(PackAns, OutSizeOf95IsRefusedAnd96Packs) {
         int outSize;
         int outLen;
     };
-    // Negative sizes compare as huge unsigned values; they pass the check but
-    // cannot bound anything, so a message longer than the head is refused.
-    const Case cases[] = {{95, 0}, {96, 96}, {0, 0}, {-1, 0}};
+    // outSize is an unsigned capacity: 0 is below the head, -1 the largest.
+    const Case cases[] = {{95, 0}, {96, 96}, {0, 0}, {-1, 96}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.outSize);
         EXPECT_EQ(PackAns(Proc(1017, {{1, 20}}), {Seq(20)}, 0, c.outSize).outLen, c.outLen);

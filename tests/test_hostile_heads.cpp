@@ -49,8 +49,8 @@ TEST(HostileInput, RawAnswerHeadsThatOverreachAreRefused) {
         {"table length below 4", RawAnswer(2, 0, 0, {3}, 50), 96, 0},
         {"table length negative", RawAnswer(2, 0, 0, {-8}, 50), 96, 0},
         {"table records beyond the message", RawAnswer(2, 0, 0, {12, 2, 8}, 15), 96, 0},
-        // Products are summed as sent: a negative one offsets a positive one.
-        {"table with a negative product", RawAnswer(2, 0, 0, {20, 1, 8, -1, 4}, 8), 96, 1},
+        // No entry may be negative: a negative one cannot offset a positive one.
+        {"table with a negative product", RawAnswer(2, 0, 0, {20, 1, 8, -1, 4}, 8), 96, 0},
         {"table whose sum is negative", RawAnswer(2, 0, 0, {20, 1, 4, -1, 8}, 8), 96, 0},
         {"table products summing past int", RawAnswer(2, 0, 0, {20, INT_MAX, 2, INT_MAX, 2}, 8), 96, 0},
         {"head length word negative", RawAnswer(0, 1, 4, {}, 4), -1, 0},

@@ -1,9 +1,13 @@
 // The modern interface over the classic members beyond the catalogue sweep:
 // size bounds of raw and head-only ids and of heads that promise more than
-// they carry, and restored messages that own and release their buffers.
+// they carry, restored messages that own and release their buffers, and the
+// reason every refusal gives.
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstdio>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -15,6 +19,8 @@
 using catalogue_model::Coding;
 
 namespace {
+
+trdcomp::Coding ModernCoding(Coding c) { return c == Coding::kFast ? trdcomp::Coding::Fast(2) : trdcomp::Coding::C2008(); }
 
 std::vector<char> ClassicRequest(tagREQ_HEAD head, const std::vector<char>& data, trdcomp::Coding c) {
     head.nFlags = (head.nFlags & ~TRDCOMP_FLAG_FAST_MASK) | c.fastVersion << TRDCOMP_FLAG_FAST_SHIFT;
@@ -84,8 +90,13 @@ TEST(ModernInterface, RestoredMessagesGiveTypedRecordsAndReleaseOnce) {
             EXPECT_STREQ(moved.Records<tagREQ_1002>()[2].f3, "ACCT-2");
             EXPECT_EQ(moved.RequestHead()->nFuncId, 1002);
             EXPECT_EQ(moved.AnswerHead(), nullptr);
-            EXPECT_TRUE(moved.Records<tagREQ_1003>().empty());  // the wrong record type
-            EXPECT_TRUE(moved.Records<tagREQ_1002>(1).empty());  // no second section
+            trdcomp::Reason why = trdcomp::Reason::none;
+            EXPECT_TRUE(moved.Records<tagREQ_1003>(0, &why).empty());  // the wrong record type
+            EXPECT_EQ(why, trdcomp::Reason::record_type_mismatch);
+            EXPECT_TRUE(moved.Records<tagREQ_1002>(1, &why).empty());  // no second section
+            EXPECT_EQ(why, trdcomp::Reason::no_such_section);
+            EXPECT_EQ(moved.Records<tagREQ_1002>(0, &why).size(), 3u);
+            EXPECT_EQ(why, trdcomp::Reason::none);
         }
     }
 }
@@ -123,9 +134,10 @@ TEST(ModernInterface, AnswerSectionsAndRefusals) {
               trdcomp::Errc::null_argument);
 }
 
-TEST(ModernInterface, ANegativeRestoredLengthGivesNoBytes) {
-    // A head with a negative record count restores to 76 + count * size
-    // bytes, below the head itself: nothing of it is handed out as bytes.
+TEST(ModernInterface, ANegativeRecordCountIsRefusedInBothCodings) {
+    // The classic restores differ (the 2008 one restores 76 + count * size
+    // bytes, the Fast one refuses the stream's count of 65535); the modern
+    // ones refuse the head itself in both.
     tagREQ_1002 order = {};
     tagREQ_HEAD head = testmsg::ReqHead(1002, 0, -1, sizeof order);
     for (trdcomp::Coding c : {trdcomp::Coding::C2008(), trdcomp::Coding::Fast()}) {
@@ -133,12 +145,194 @@ TEST(ModernInterface, ANegativeRestoredLengthGivesNoBytes) {
         const trdcomp::PackResult packed =
             trdcomp::PackRequest(wire, head, trdcomp::span<const char>(reinterpret_cast<const char*>(&order), sizeof order), c);
         ASSERT_TRUE(packed);
+        testmsg::Restored classic;
+        testmsg::RestoreReq(classic, wire.data(), static_cast<int>(packed.size));
+        EXPECT_EQ(classic.rc, c.IsFast() ? 0 : 1);
         const trdcomp::Restored r = trdcomp::RestoreRequest({wire.data(), packed.size});
-        // The Fast stream counts 65535 (the count's low 16 bits), unlike the
-        // head: refused, its zeroed buffer still released by the destructor.
-        EXPECT_EQ(static_cast<bool>(r), !c.IsFast());
+        EXPECT_EQ(r.Error(), trdcomp::Errc::refused);
+        EXPECT_EQ(r.Why(), trdcomp::Reason::negative_count);
         EXPECT_EQ(r.Size(), 0u);
-        EXPECT_EQ(r.Sections(), 0);
         EXPECT_TRUE(r.Records<tagREQ_1002>().empty());
     }
+    // An answer's head count alike.
+    const auto samples = catalogue_model::SampleAnswers(1003, Coding::k2008);
+    for (trdcomp::Coding c : {trdcomp::Coding::C2008(), trdcomp::Coding::Fast()}) {
+        std::vector<char> wire = ClassicAnswer(samples.at(0), c);
+        testmsg::SetWord(wire.data(), 88, -2);
+        EXPECT_EQ(trdcomp::RestoreAnswer({wire.data(), wire.size()}).Why(), trdcomp::Reason::negative_count);
+    }
+}
+
+namespace {
+
+std::vector<char> Repeat(std::size_t records, std::size_t size) {
+    std::vector<char> v(records * size, 0);
+    for (std::size_t i = 0; i < records; ++i) std::snprintf(v.data() + i * size, size, "r%zu", i % 10);
+    return v;
+}
+
+}  // namespace
+
+TEST(ModernInterface, PackRefusalsSayWhy) {
+    const auto sample = catalogue_model::SampleAnswers(1003, Coding::k2008).at(0);
+    const std::vector<char> big = Repeat(70000, sizeof(tagANS_1019));
+    tagANS_Proc proc1019 = {};
+    proc1019.nFuncId = 1019;
+    tagREQ_1002 order = {};
+    std::memcpy(order.f35, "Z\xC3\xBCrich", 7);  // offset 35: the ascii field
+    const tagREQ_HEAD head = testmsg::ReqHead(1002);
+    std::vector<char> out(4 << 20);
+    const trdcomp::span<char> all(out.data(), out.size());
+    struct Case {
+        const char* what;
+        trdcomp::PackResult result;
+        trdcomp::Errc errc;
+        trdcomp::Reason why;
+    };
+    const Case cases[] = {
+        {"request, Fast version 16", trdcomp::PackRequest(all, head, trdcomp::span<const tagREQ_1002>(&order, 1), trdcomp::Coding{16}),
+         trdcomp::Errc::invalid_argument, trdcomp::Reason::invalid_fast_version},
+        {"answer, Fast version 16", ModernAnswer(all, sample, trdcomp::Coding{16}), trdcomp::Errc::invalid_argument,
+         trdcomp::Reason::invalid_fast_version},
+        {"answer, 70000 Fast records", trdcomp::PackAnswer(all, proc1019, {trdcomp::Array(big.data(), 70000, 16)}, trdcomp::Coding::Fast()),
+         trdcomp::Errc::refused, trdcomp::Reason::too_many_fast_records},
+        {"request, 70000 Fast records",
+         trdcomp::PackRequest(all, testmsg::ReqHead(1019, 0, 70000, 16), trdcomp::span<const char>(big.data(), big.size()), trdcomp::Coding::Fast()),
+         trdcomp::Errc::refused, trdcomp::Reason::too_many_fast_records},
+        {"strict Fast, a byte of 0x80 or above in an ascii field",
+         trdcomp::PackRequest(all, head, trdcomp::span<const tagREQ_1002>(&order, 1), trdcomp::Coding::Fast().Strict()),
+         trdcomp::Errc::refused, trdcomp::Reason::value_not_representable},
+        {"six arrays", trdcomp::PackAnswer(all, sample.proc, {{}, {}, {}, {}, {}, {}}, trdcomp::Coding::C2008()),
+         trdcomp::Errc::too_large, trdcomp::Reason::too_many_arrays},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(c.result.error, c.errc);
+        EXPECT_EQ(c.result.reason, c.why);
+        EXPECT_STRNE(trdcomp::Message(c.result.reason), "unknown reason");
+    }
+    // Without strict the ascii text is coded as the classic packer codes it,
+    // and the 2008 coding carries it in either mode.
+    EXPECT_TRUE(trdcomp::PackRequest(all, head, trdcomp::span<const tagREQ_1002>(&order, 1), trdcomp::Coding::Fast()));
+    EXPECT_TRUE(trdcomp::PackRequest(all, head, trdcomp::span<const tagREQ_1002>(&order, 1), trdcomp::Coding::C2008().Strict()));
+    // 65535 records is the most the Fast coding counts.
+    EXPECT_TRUE(trdcomp::PackAnswer(all, proc1019, {trdcomp::Array(big.data(), 65535, 16)}, trdcomp::Coding::Fast()));
+}
+
+TEST(ModernInterface, NeededIsExactBelowTheHeadSizeToo) {
+    for (Coding coding : {Coding::k2008, Coding::kFast}) {
+        const auto sample = catalogue_model::SampleAnswers(1003, coding).at(0);
+        const trdcomp::Coding c = ModernCoding(coding);
+        const std::size_t exact = ClassicAnswer(sample, c).size();
+        for (std::size_t size : {std::size_t{0}, std::size_t{50}, std::size_t{95}, exact - 1}) {
+            std::vector<char> out(size + 1);
+            const trdcomp::PackResult r = ModernAnswer(trdcomp::span<char>(out.data(), size), sample, c);
+            EXPECT_EQ(r.error, trdcomp::Errc::buffer_too_small) << size;
+            EXPECT_EQ(r.needed, exact) << size;
+        }
+    }
+}
+
+TEST(ModernInterface, RequestBoundFollowsTheRecordsTheDataHolds) {
+    // A head count far beyond the data: the packer stops at the data's end,
+    // and so does the bound (a 274-byte request, not a gigabyte).
+    const std::vector<char> data = Repeat(1, sizeof(tagREQ_1019));
+    for (trdcomp::Coding c : {trdcomp::Coding::C2008(), trdcomp::Coding::Fast()}) {
+        for (int stride : {static_cast<int>(sizeof(tagREQ_1019)), 100, 1, -5}) {
+            const tagREQ_HEAD h = testmsg::ReqHead(1019, 0, 3000000, stride);
+            const std::uint64_t bound = trdcomp::RequestSizeBound(h, data.size(), c);
+            EXPECT_GE(bound, ClassicRequest(h, data, c).size()) << stride;
+            EXPECT_LT(bound, 76u + 4u + 200u * 1000u) << stride;
+        }
+    }
+}
+
+TEST(ModernInterface, TheOneStringAnswerEncoderCodesAnyStride) {
+    // Ids 1019 and 1068 share the 2008 encoder of 1006's text: records laid
+    // out with padding or a larger record size are coded all the same.
+    for (int id : {1019, 1068}) {
+        for (int stride : {16, 20, 24, 28, 40}) {
+            SCOPED_TRACE(std::to_string(id) + " stride " + std::to_string(stride));
+            std::vector<char> records(3 * static_cast<std::size_t>(stride), 0);
+            const char* texts[] = {"ALPHA", "fifteen chars!!", "c"};
+            for (int i = 0; i < 3; ++i) std::memcpy(records.data() + i * stride, texts[i], std::strlen(texts[i]));
+            catalogue_model::AnswerSample s;
+            s.proc.nFuncId = id;
+            s.proc.nArrayCount = 1;
+            s.proc.nRecCount[0] = 3;
+            s.proc.nRecSize[0] = stride;
+            s.arrays[0] = records;
+            std::vector<char> wire = ClassicAnswer(s, trdcomp::Coding::C2008());
+            const trdcomp::Restored r = trdcomp::RestoreAnswer({wire.data(), wire.size()});
+            ASSERT_TRUE(r) << trdcomp::Message(r.Why());
+            const auto back = r.Records<tagANS_1019>();
+            ASSERT_EQ(back.size(), 3u);
+            for (int i = 0; i < 3; ++i) EXPECT_STREQ(back[static_cast<std::size_t>(i)].f0, texts[i]);
+        }
+    }
+}
+
+TEST(ClassicPackAns, OutSizeIsAnUnsignedCapacity) {
+    const auto sample = catalogue_model::SampleAnswers(1003, Coding::k2008).at(0);
+    const std::vector<char> exact = ClassicAnswer(sample, trdcomp::Coding::C2008());
+    const int n = static_cast<int>(exact.size());
+    const std::pair<int, int> cases[] = {{-1, n}, {INT_MAX, n}, {n, n}, {n - 1, 0}, {96, 0}, {95, 0}};
+    for (const auto& [outSize, expected] : cases) {
+        SCOPED_TRACE(outSize);
+        // A capacity beyond the buffer is the caller's promise: the packer
+        // may use the bytes up to it as scratch, so the buffer holds the bound.
+        std::vector<char> out(trdcomp::AnswerSizeBound(sample.proc, trdcomp::Coding::C2008()) + 64, 0);
+        tagANS_Proc proc = sample.proc;
+        auto a = sample.arrays;
+        int len = -1;
+        EXPECT_EQ(CTrdCompData::PackAns2008(out.data(), outSize, len, &proc, a[0].data(), a[1].data(), a[2].data(), a[3].data(),
+                                            a[4].data(), 0, 0),
+                  0);
+        ASSERT_EQ(len, expected);
+        if (expected > 0) {
+            EXPECT_EQ(std::vector<char>(out.begin(), out.begin() + len), exact);
+        }
+    }
+}
+
+TEST(WireFormat, WhatTheFlagTheFastVersionAndThe2008DoubleDo) {
+    tagREQ_1071 rec = {};
+    rec.f218 = -123456;
+    rec.f222 = 1007.919;
+    std::strcpy(rec.f243, "text");
+    const tagREQ_HEAD head = testmsg::ReqHead(1071, 0, 1, sizeof rec);
+    const std::vector<char> data(reinterpret_cast<const char*>(&rec), reinterpret_cast<const char*>(&rec) + sizeof rec);
+    // With our KXPfdk flags 0 and 1 give the same bytes; flag 2 leaves the int32 fields out.
+    const std::vector<char> flag0 = ClassicRequest(head, data, trdcomp::Coding::C2008(0));
+    EXPECT_EQ(ClassicRequest(head, data, trdcomp::Coding::C2008(1)), flag0);
+    EXPECT_LT(ClassicRequest(head, data, trdcomp::Coding::C2008(2)).size(), flag0.size());
+    // The Fast version changes the head's flags only.
+    std::vector<char> v1 = ClassicRequest(head, data, trdcomp::Coding::Fast(1));
+    std::vector<char> v7 = ClassicRequest(head, data, trdcomp::Coding::Fast(7));
+    ASSERT_EQ(v1.size(), v7.size());
+    EXPECT_EQ(testmsg::Word(v1.data(), 8), 0x11);
+    EXPECT_EQ(testmsg::Word(v7.data(), 8), 0x71);
+    v7[8] = v1[8];
+    EXPECT_EQ(v1, v7);
+    // The 2008 double comes back as its integer times 0.0001.
+    const trdcomp::Restored back = trdcomp::RestoreRequest({flag0.data(), flag0.size()});
+    ASSERT_EQ(back.Records<tagREQ_1071>().size(), 1u);
+    const double price = back.Records<tagREQ_1071>()[0].f222;
+    EXPECT_EQ(price, static_cast<double>(10079190) * 0.0001);
+    EXPECT_NE(price, 1007.919);
+    const int number = back.Records<tagREQ_1071>()[0].f218;  // a copy: the packed field is not aligned
+    EXPECT_EQ(number, -123456);
+}
+
+TEST(ModernInterface, EveryReasonHasItsOwnTextAndClass) {
+    std::set<std::string> texts;
+    const auto last = static_cast<int>(trdcomp::Reason::no_such_section);
+    for (int i = 0; i <= last; ++i) {
+        const auto r = static_cast<trdcomp::Reason>(i);
+        EXPECT_TRUE(texts.insert(trdcomp::Message(r)).second) << "two reasons share the text " << trdcomp::Message(r);
+        EXPECT_EQ(trdcomp::ErrcOf(r) == trdcomp::Errc::ok, r == trdcomp::Reason::none) << i;
+    }
+    EXPECT_STREQ(trdcomp::Message(static_cast<trdcomp::Reason>(last + 1)), "unknown reason");
+    EXPECT_EQ(trdcomp::ErrcOf(trdcomp::Reason::bytes_over_limit), trdcomp::Errc::limit_exceeded);
+    EXPECT_EQ(trdcomp::ErrcOf(trdcomp::Reason::records_over_limit), trdcomp::Errc::limit_exceeded);
 }

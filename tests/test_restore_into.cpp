@@ -14,6 +14,7 @@
 
 #include "support/AllocHook.h"
 #include "support/Messages.h"
+#include "trdcomp/KXNetCompressHelper.h"
 #include "trdcomp/trdcomp.hpp"
 
 namespace fs = std::filesystem;
@@ -61,14 +62,20 @@ TEST(RestoreInto, RefusesWhatTheClassicRestoreRefusesWithoutWriting) {
         std::size_t keep;   // bytes of the message kept (0: all)
         int offset, value;  // a 32-bit word set (offset < 0: none)
         bool u16;           // the word is 16 bits
+        trdcomp::Reason why;
     };
+    using R = trdcomp::Reason;
     const Case cases[] = {
-        {"answer cut inside its records", "ans_1110_2008", 100, -1, 0, false},
-        {"Fast stream count other than the head's", "req_1002_fast", 0, 76, 2, true},
-        {"Fast answer count other than the head's", "ans_1003_fast", 0, 96, 7, true},
-        {"request count beyond the bytes", "req_1002_2008", 0, 68, 1 << 20, false},
-        {"head length beyond the message", "ans_1002_2008", 0, 0, 1 << 20, false},
-        {"head word 0 neither 76 nor 96", "req_1002_2008", 0, 0, 55, false},
+        {"answer cut inside its records", "ans_1110_2008", 100, -1, 0, false, R::count_past_message},
+        {"Fast stream count other than the head's", "req_1002_fast", 0, 76, 2, true, R::stream_count_differs},
+        {"Fast answer count other than the head's", "ans_1003_fast", 0, 96, 7, true, R::stream_count_differs},
+        {"request count beyond the bytes", "req_1002_2008", 0, 68, 1 << 20, false, R::count_past_message},
+        {"head length beyond the message", "ans_1002_2008", 0, 0, 1 << 20, false, R::head_too_short},
+        {"head word 0 neither 76 nor 96", "req_1002_2008", 0, 0, 55, false, R::head_length_invalid},
+        {"coded records of an id without a codec", "req_1002_2008", 0, 4, 777, false, R::unknown_function_id},
+        {"request head with several arrays", "req_1002_2008", 0, 8, 3, false, R::several_arrays_request},
+        {"answer shorter than its head", "ans_1110_2008", 90, -1, 0, false, R::head_too_short},
+        {"2008 section table shorter than its entries", "ans_1002_2008", 0, 96, 12, false, R::section_table_invalid},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -89,14 +96,22 @@ TEST(RestoreInto, RefusesWhatTheClassicRestoreRefusesWithoutWriting) {
         std::vector<char> block(1 << 16, 0x5A);
         const trdcomp::RestoredView v = trdcomp::RestoreInto(block, Span(wire));
         EXPECT_EQ(v.Error(), trdcomp::Errc::refused);
+        // RestoreInto tells the direction by head word 0 first.
+        const std::int32_t word0 = testmsg::Word(wire.data(), 0);
+        EXPECT_EQ(v.Why(), word0 == 76 || word0 == 96 ? c.why : trdcomp::Reason::head_length_invalid) << trdcomp::Message(v.Why());
         EXPECT_EQ(v.Size(), 0u);
         EXPECT_EQ(block, std::vector<char>(1 << 16, 0x5A)) << "a refused restore wrote";
+        if (c.value != 55) {
+            const trdcomp::Restored r = request ? trdcomp::RestoreRequest(Span(wire)) : trdcomp::RestoreAnswer(Span(wire));
+            EXPECT_EQ(r.Why(), c.why) << trdcomp::Message(r.Why());
+        }
     }
 }
 
-TEST(RestoreInto, ANegativeRecordCountStillNeedsRoomForTheHead) {
+TEST(RestoreInto, ANegativeRecordCountIsRefused) {
     // The classic restore gives outLen 76 + count * size (below the head's
-    // 76 bytes here) and writes the head into its spare bytes.
+    // 76 bytes here) and writes the head into its spare bytes; the modern
+    // restores refuse the count.
     const std::pair<const char*, int> cases[] = {{"req_1002_2008", 83}, {"req_1003_2008", 218}};
     for (const auto& [name, size] : cases) {
         SCOPED_TRACE(name);
@@ -106,15 +121,195 @@ TEST(RestoreInto, ANegativeRecordCountStillNeedsRoomForTheHead) {
         testmsg::RestoreReq(classic, wire.data(), static_cast<int>(wire.size()));
         ASSERT_EQ(classic.rc, 1);
         ASSERT_EQ(classic.len, 76 - size);
-        ASSERT_EQ(trdcomp::RestoredSize(Span(wire)), 76u);
-        const std::unique_ptr<char[]> exact(new char[76]);
-        const trdcomp::RestoredView v = trdcomp::RestoreInto({exact.get(), 76}, Span(wire));
-        EXPECT_TRUE(v);
+        EXPECT_EQ(trdcomp::RestoredSize(Span(wire)), 0u);
+        std::vector<char> block(1024);
+        const trdcomp::RestoredView v = trdcomp::RestoreInto(block, Span(wire));
+        EXPECT_EQ(v.Why(), trdcomp::Reason::negative_count);
         EXPECT_EQ(v.Size(), 0u);
-        EXPECT_EQ(std::memcmp(exact.get(), classic.p, 76), 0);
-        const std::unique_ptr<char[]> shorter(new char[75]);
-        EXPECT_EQ(trdcomp::RestoreInto({shorter.get(), 75}, Span(wire)).Error(), trdcomp::Errc::buffer_too_small);
     }
+}
+
+namespace {
+
+// A view over bytes built by hand, as a restore might hand them out.
+struct ViewOver : trdcomp::RestoredView {
+    explicit ViewOver(std::vector<char>& bytes) {
+        p_ = bytes.data();
+        len_ = static_cast<int>(bytes.size());
+        request_ = false;
+        error_ = trdcomp::Errc::ok;
+    }
+};
+
+std::vector<char> RawAnswer(int flags, std::vector<std::int32_t> words, std::size_t records) {
+    std::vector<char> b(96, 0);
+    b.resize(96 + 4 * words.size() + records, 'r');
+    testmsg::SetWord(b.data(), 0, 96);
+    testmsg::SetWord(b.data(), 4, 777);
+    testmsg::SetWord(b.data(), 8, flags);
+    for (std::size_t i = 0; i < words.size(); ++i) testmsg::SetWord(b.data(), 96 + 4 * static_cast<int>(i), words[i]);
+    return b;
+}
+
+}  // namespace
+
+TEST(RestoreAnswer, SectionTablesWithNegativeOrOverflowingEntriesAreRefused) {
+    const std::int32_t big = INT32_MAX;
+    const std::vector<std::vector<std::int32_t>> tables = {
+        {20, -1, 8, 1, 8},           // a negative count
+        {20, 1, -8, 1, 8},           // a negative size
+        {20, big, big, -big, big},   // huge entries that cancel out
+        {28, big, big, big, big, big, big},  // a sum past 2^63
+        {20, 1, 8, 100, 8},          // records past the end
+    };
+    for (const auto& table : tables) {
+        SCOPED_TRACE(table[1]);
+        std::vector<char> wire = RawAnswer(TRDCOMP_FLAG_SECTIONS, table, 16);
+        testmsg::Restored classic;
+        testmsg::RestoreAns(classic, wire.data(), static_cast<int>(wire.size()));
+        EXPECT_EQ(classic.rc, 0);
+        EXPECT_EQ(trdcomp::RestoreAnswer(Span(wire)).Why(), trdcomp::Reason::section_entry_invalid);
+        // A view over such bytes has no sections, and reads nothing outside them.
+        ViewOver view(wire);
+        EXPECT_EQ(view.Sections(), 0);
+        EXPECT_EQ(view.GetSection(1).data, nullptr);
+    }
+    std::vector<char> good = RawAnswer(TRDCOMP_FLAG_SECTIONS, {20, 1, 8, 1, 8}, 16);
+    const trdcomp::Restored r = trdcomp::RestoreAnswer(Span(good));
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r.Sections(), 2);
+    EXPECT_EQ(r.GetSection(1).data - r.Data(), 96 + 20 + 8);
+}
+
+TEST(RestoreOptions, LimitsRefuseBeforeAnythingIsAllocated) {
+    // 20 KB of a Fast answer of id 8996: 10000 empty records of 32788 bytes
+    // each, about 330 MB restored.
+    std::vector<char> wire = RawAnswer(0x11, {}, 2 + 2 * 10000);
+    std::memset(wire.data() + 96, 0, wire.size() - 96);
+    testmsg::SetWord(wire.data(), 4, 8996);
+    testmsg::SetWord(wire.data(), 88, 10000);
+    wire[96] = static_cast<char>(10000 & 0xFF);
+    wire[97] = static_cast<char>(10000 >> 8);
+    const std::size_t need = 96 + 10000 * std::size_t{32788};
+    EXPECT_EQ(trdcomp::RestoredSize(Span(wire)), need);
+    struct Case {
+        std::size_t maxBytes, maxRecords;
+        trdcomp::Reason why;
+    };
+    const Case cases[] = {
+        {1 << 20, std::size_t(-1), trdcomp::Reason::bytes_over_limit},
+        {need - 1, std::size_t(-1), trdcomp::Reason::bytes_over_limit},
+        {std::size_t(-1), 9999, trdcomp::Reason::records_over_limit},
+    };
+    for (const Case& c : cases) {
+        trdcomp::RestoreOptions o;
+        o.maxBytes = c.maxBytes;
+        o.maxRecords = c.maxRecords;
+        alloc_hook::ResetLastNothrowSize();
+        const trdcomp::Restored r = trdcomp::RestoreAnswer(Span(wire), o);
+        EXPECT_EQ(alloc_hook::LastNothrowSize(), 0u) << "allocated before the limit";
+        EXPECT_EQ(r.Error(), trdcomp::Errc::limit_exceeded);
+        EXPECT_EQ(r.Why(), c.why);
+        EXPECT_EQ(r.Needed(), need);
+        std::vector<char> block(4096, 0x5A);
+        const trdcomp::RestoredView v = trdcomp::RestoreAnswerInto(block, Span(wire), o);
+        EXPECT_EQ(v.Why(), c.why);
+        EXPECT_EQ(block, std::vector<char>(4096, 0x5A));
+        EXPECT_EQ(trdcomp::RestoredSize(Span(wire), o), 0u);
+    }
+    // The record limit counts every array of the message.
+    const Golden& g = Find("ans_1002_2008");
+    const trdcomp::Restored all = trdcomp::RestoreAnswer(Span(g.wire));
+    ASSERT_TRUE(all);
+    std::size_t records = 0;
+    for (int j = 0; j < all.Sections(); ++j) records += static_cast<std::size_t>(all.GetSection(j).count);
+    trdcomp::RestoreOptions o;
+    o.maxRecords = records - 1;
+    EXPECT_EQ(trdcomp::RestoreAnswer(Span(g.wire), o).Why(), trdcomp::Reason::records_over_limit);
+    o.maxRecords = records;
+    EXPECT_TRUE(trdcomp::RestoreAnswer(Span(g.wire), o));
+}
+
+TEST(RestoreOptions, StrictRefusesWhatTheClassicRestoresAccept) {
+    using R = trdcomp::Reason;
+    struct Case {
+        const char* what;
+        std::vector<char> wire;
+        R why;
+    };
+    auto edit = [](const char* name, int cut, int extra, int countOffset = -1, int count = 0) {
+        std::vector<char> w = Find(name).wire;
+        w.resize(w.size() - static_cast<std::size_t>(cut));
+        w.insert(w.end(), static_cast<std::size_t>(extra), '\x01');
+        if (countOffset >= 0) testmsg::SetWord(w.data(), countOffset, count);
+        return w;
+    };
+    const Case cases[] = {
+        {"2008 request cut inside its last record", edit("req_1002_2008", 1, 0), R::ends_inside_record},
+        {"2008 request, bytes after the last record", edit("req_1002_2008", 0, 3), R::trailing_bytes},
+        {"2008 request, a count the stream does not hold", edit("req_1002_2008", 0, 0, 68, 4), R::count_not_held},
+        {"2008 request cut inside a record's length", edit("req_1002_2008", 0, 2, 68, 4), R::ends_inside_record},
+        {"Fast request cut inside its last record", edit("req_1002_fast", 1, 0), R::ends_inside_record},
+        {"Fast request, bytes after the last record", edit("req_1002_fast", 0, 1), R::trailing_bytes},
+        {"2008 answer cut inside its last record", edit("ans_1110_2008", 1, 0), R::ends_inside_record},
+        {"2008 answer, bytes after the last record", edit("ans_1110_2008", 0, 5), R::trailing_bytes},
+        {"Fast answer, bytes after the last record", edit("ans_1110_fast", 0, 1), R::trailing_bytes},
+        {"Fast answer of several arrays cut short", edit("ans_1002_fast", 1, 0), R::ends_inside_record},
+        {"raw answer, bytes after the records", RawAnswer(0, {}, 31), R::trailing_bytes},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<char> wire = c.wire;
+        if (c.what[0] == 'r') {
+            testmsg::SetWord(wire.data(), 88, 3);
+            testmsg::SetWord(wire.data(), 92, 10);
+        }
+        const bool request = trdcomp::detail::Direction(Span(wire)) == 1;
+        auto restore = [&](const trdcomp::RestoreOptions& o) {
+            return request ? trdcomp::RestoreRequest(Span(wire), o) : trdcomp::RestoreAnswer(Span(wire), o);
+        };
+        EXPECT_TRUE(restore({})) << "the default restore accepts it";
+        trdcomp::RestoreOptions strict;
+        strict.strict = true;
+        const trdcomp::Restored r = restore(strict);
+        EXPECT_EQ(r.Error(), trdcomp::Errc::refused);
+        EXPECT_EQ(r.Why(), c.why) << trdcomp::Message(r.Why());
+        std::vector<char> block(1 << 16);
+        EXPECT_EQ(trdcomp::RestoreInto(block, Span(wire), strict).Why(), c.why);
+    }
+    // Every golden message is exact: strict restores all of them.
+    for (const Golden& g : Corpus()) {
+        trdcomp::RestoreOptions strict;
+        strict.strict = true;
+        std::vector<char> block(trdcomp::RestoredSize(Span(g.wire)) + 1);
+        EXPECT_TRUE(trdcomp::RestoreInto(block, Span(g.wire), strict)) << g.name;
+    }
+}
+
+TEST(RestoreInto, AWideDecodeLimitLeavesNothingInARecordTheMessageDoesNotHold) {
+    // Request 1071's last text (28 bytes) is decoded with the limit 36. A
+    // 35-character text in record 0 of a message that ends there must not
+    // leave its tail in record 1's slot.
+    std::vector<char> wire = Find("req_1071_2008").wire;
+    testmsg::Restored original;
+    testmsg::RestoreReq(original, wire.data(), static_cast<int>(wire.size()));
+    ASSERT_EQ(original.rc, 1);
+    char text[29] = {};
+    std::memcpy(text, original.p + 76 + 243, 28);
+    char oldCode[64], newCode[64];
+    const int oldLen = CKXNetCompressHelper::NCH_compress_string(oldCode, text);
+    const int newLen = CKXNetCompressHelper::NCH_compress_string(newCode, "ABCDEFGHIJKLMNOPQRSTUVWXYZ012345678");
+    const int len = testmsg::Word(wire.data(), 76);
+    ASSERT_EQ(std::memcmp(wire.data() + 80 + len - oldLen, oldCode, static_cast<std::size_t>(oldLen)), 0);
+    wire.resize(static_cast<std::size_t>(80 + len - oldLen));
+    wire.insert(wire.end(), newCode, newCode + newLen);
+    testmsg::SetWord(wire.data(), 76, len - oldLen + newLen);
+    testmsg::Restored r;
+    testmsg::RestoreReq(r, wire.data(), static_cast<int>(wire.size()));
+    ASSERT_EQ(r.rc, 1);
+    ASSERT_EQ(r.len, 76 + 3 * 271);
+    EXPECT_EQ(std::string(r.p + 76 + 243, 28), "ABCDEFGHIJKLMNOPQRSTUVWXYZ01");
+    EXPECT_EQ(std::vector<char>(r.p + 76 + 271, r.p + r.len), std::vector<char>(2 * 271, 0));
 }
 
 TEST(RestoreOptions, MaxBytesRefusesLargerRestoresInEveryModernRestore) {

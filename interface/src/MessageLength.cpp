@@ -110,8 +110,15 @@ FrameLength Answer(const char* p, std::int64_t size, std::int32_t id, std::int32
         const std::int64_t entries = (table - 4) / 8;
         if (entries > 5) return kCannotTell;  // entries past the fifth are not written
         if (size < kAnsHead + 4 + 8 * entries) return NeedMore(kAnsHead + 4 + 8 * entries);
-        for (std::int64_t i = 0; i < entries; ++i)
-            bytes += static_cast<std::int64_t>(LoadI32(p + kAnsHead + 4 + 8 * i)) * LoadI32(p + kAnsHead + 8 + 8 * i);
+        // As the raw restore: no entry negative, and no sum past what an
+        // int counts (each term is below 2^62, checked before the next).
+        for (std::int64_t i = 0; i < entries; ++i) {
+            const std::int64_t count = LoadI32(p + kAnsHead + 4 + 8 * i);
+            const std::int64_t bytesEach = LoadI32(p + kAnsHead + 8 + 8 * i);
+            if (count < 0 || bytesEach < 0) return kInvalid;
+            bytes += count * bytesEach;
+            if (bytes > INT32_MAX) return kInvalid;
+        }
     } else {
         bytes = static_cast<std::int64_t>(LoadI32(p + 88)) * LoadI32(p + 92);
     }

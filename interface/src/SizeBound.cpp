@@ -22,6 +22,20 @@ std::uint64_t CodedRecords(std::int32_t count, bool fast) {
     return fast ? static_cast<std::uint16_t>(count) : Positive(count);
 }
 
+// Records a request packer can code from dataLen bytes: it stops at the
+// first record whose bytes (at least one) pass the end of the data, so with
+// a stride s > 0 no more than (dataLen - 1) / s + 1 of them; a stride of 0
+// repeats the first record count times, a negative one codes one at most.
+std::uint64_t HeldRecords(const tagREQ_HEAD& head, std::size_t dataLen, bool fast) {
+    const std::uint64_t count = CodedRecords(head.nRecCount, fast);
+    if (dataLen == 0) return 0;
+    const std::int32_t stride = head.nRecSize;
+    std::uint64_t held = count;
+    if (stride > 0) held = (static_cast<std::uint64_t>(dataLen) - 1) / static_cast<std::uint32_t>(stride) + 1;
+    if (stride < 0) held = 1;
+    return std::min(count, held);
+}
+
 // The largest coded record of array j: the 2008 coding's depends on the
 // KXPfdk the process loaded.
 std::uint64_t MaxRecord(const detail::RecordBounds& b, int j, bool fast) {
@@ -50,7 +64,7 @@ std::uint64_t RequestSizeBound(const tagREQ_HEAD& head, std::size_t dataLen, Cod
     }
     const auto& bounds = detail::FindBounds(detail::kReqBoundTable, head.nFuncId);
     const std::uint64_t record = MaxRecord(bounds, 0, fast) + (fast ? 2u : 4u);
-    const std::uint64_t coded = headOnly + (fast ? 2 : 0) + CodedRecords(head.nRecCount, fast) * record;
+    const std::uint64_t coded = headOnly + (fast ? 2 : 0) + HeldRecords(head, dataLen, fast) * record;
     return std::max(raw, coded);
 }
 

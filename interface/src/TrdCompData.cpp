@@ -20,7 +20,9 @@
 #include "common/Bytes.h"
 #include "trdcomp/TrdCompData.h"
 
+using trdcomp::Reason;
 using trdcomp::detail::Cell;
+using trdcomp::detail::Refuse;
 using trdcomp::detail::IntoCallerBlock;
 using trdcomp::detail::LoadI32;
 using trdcomp::detail::OpenBlock;
@@ -109,7 +111,10 @@ namespace {
 
 // The checks a request restore makes before it routes.
 bool RequestRoutable(const char* in, int inLen) {
-    return in != nullptr && inLen > 0 && inLen >= kRoutingBytes && LoadI32(in + kWordHeadLen) <= inLen;
+    if (in == nullptr) return Refuse(Reason::null_argument);
+    if (inLen < kRoutingBytes) return Refuse(Reason::head_too_short);
+    if (LoadI32(in + kWordHeadLen) > inLen) return Refuse(Reason::head_too_short);
+    return true;
 }
 
 // Routes a request whose block comes from *out (see OpenBlock): a fresh
@@ -133,11 +138,20 @@ int RestoreRequestRouted(char* in, int inLen, char** out, int& outLen, char flag
             break;
     }
     // Raw path: coded records of an id this side cannot decode are refused.
-    if (flags & TRDCOMP_FLAG_CODED) return 0;
-    char* buf = OpenBlock(out, outLen, inLen, kRawSpare, inLen);
+    if (flags & TRDCOMP_FLAG_CODED) return Refuse(Reason::unknown_function_id);
+    if (inLen >= kReqWordCount + 4 && LoadI32(in + kReqWordCount) < 0 && trdcomp::detail::Call().modern)
+        return Refuse(Reason::negative_count);
+    const std::int32_t count = inLen >= kReqWordCount + 4 ? LoadI32(in + kReqWordCount) : 0;
+    char* buf = OpenBlock(out, outLen, inLen, kRawSpare, inLen, 0, count > 0 ? count : 0);
     // The request raw path reports success even when the allocation failed
-    // (*out is then null and outLen is inLen): callers depend on it.
-    if (buf == nullptr) return IntoCallerBlock(out) ? 0 : 1;
+    // (*out is then null and outLen is inLen): callers depend on it. A limit
+    // of the caller's refuses before that.
+    if (buf == nullptr) {
+        if (trdcomp::detail::Call().reason == Reason::bytes_over_limit ||
+            trdcomp::detail::Call().reason == Reason::records_over_limit)
+            return 0;
+        return IntoCallerBlock(out) ? 0 : 1;
+    }
     std::memcpy(buf, in, static_cast<std::size_t>(inLen));
     return 1;
 }
@@ -154,17 +168,21 @@ int CTrdCompData::RestoreReq2008(char* in, int inLen, char** out, int& outLen, c
 int CTrdCompData::PackAns2008(char* out, int outSize, int& outLen, tagANS_Proc* proc, char* a1,
                               char* a2, char* a3, char* a4, char* a5, char flag, int coding) {
     outLen = 0;
-    if (out == nullptr || static_cast<unsigned>(outSize) < static_cast<unsigned>(kAnsHead) ||
-        proc == nullptr)
-        return 0;
+    if (out == nullptr || proc == nullptr) return Refuse(Reason::null_argument);
+    // outSize is an unsigned capacity: -1 is the largest. The message's
+    // length is an int, so no more than INT_MAX of it is ever used.
+    const std::int64_t cap = static_cast<unsigned>(outSize) < static_cast<unsigned>(INT_MAX)
+                                 ? static_cast<std::int64_t>(static_cast<unsigned>(outSize))
+                                 : std::int64_t{INT_MAX};
+    if (cap < kAnsHead) return Refuse(Reason::buffer_too_small);
 
     const std::int32_t n = proc->nArrayCount;
     const int version = FastVersion(coding);
     const std::int64_t tableLen = n > 1 ? 8 * static_cast<std::int64_t>(n) + 4 : 0;
     const bool writeTable = n > 1 && version == 0;
     std::int64_t length = kAnsHead + (writeTable ? tableLen : 0);
-    // outSize bounds every write: a table that does not fit is refused.
-    if (length > outSize) return 0;
+    // The capacity bounds every write: a table that does not fit is refused.
+    if (length > cap) return Refuse(Reason::buffer_too_small);
 
     StoreI32(out + kWordFuncId, proc->nFuncId);
     CopyText(out + 20, proc->szShort, sizeof proc->szShort);
@@ -201,8 +219,8 @@ int CTrdCompData::PackAns2008(char* out, int outSize, int& outLen, tagANS_Proc* 
             // its result only tells whether the message fitted.
             char* const arrays[kMaxTableEntries] = {a1, a2, a3, a4, a5};
             int len = static_cast<int>(length);
-            const int fitted = version != 0 ? routes.packFast.fn(out, len, proc, arrays, version, outSize)
-                                            : routes.pack2008.fn(out, len, proc, arrays, flag, outSize);
+            const int fitted = version != 0 ? routes.packFast.fn(out, len, proc, arrays, version, cap)
+                                            : routes.pack2008.fn(out, len, proc, arrays, flag, cap);
             outLen = fitted ? len : 0;
             return 0;
         }
@@ -216,7 +234,9 @@ int CTrdCompData::PackAns2008(char* out, int outSize, int& outLen, tagANS_Proc* 
         const std::int64_t bytes =
             static_cast<std::int64_t>(proc->nRecCount[i]) * proc->nRecSize[i];
         if (bytes == 0) continue;
-        if (bytes < 0 || arrays[i] == nullptr || bytes > outSize - length) return 0;
+        if (bytes < 0) return Refuse(Reason::negative_count);
+        if (arrays[i] == nullptr) return Refuse(Reason::null_argument);
+        if (bytes > cap - length) return Refuse(Reason::buffer_too_small);
         std::memcpy(out + length, arrays[i], static_cast<std::size_t>(bytes));
         length += bytes;
     }
@@ -227,7 +247,10 @@ int CTrdCompData::PackAns2008(char* out, int outSize, int& outLen, tagANS_Proc* 
 namespace {
 
 bool AnswerRoutable(const char* in, int inLen) {
-    return in != nullptr && inLen >= kRoutingBytes && inLen >= LoadI32(in + kWordHeadLen);
+    if (in == nullptr) return Refuse(Reason::null_argument);
+    if (inLen < kRoutingBytes) return Refuse(Reason::head_too_short);
+    if (inLen < LoadI32(in + kWordHeadLen)) return Refuse(Reason::head_too_short);
+    return true;
 }
 
 // Routes an answer whose block comes from *out, as RestoreRequestRouted.
@@ -251,30 +274,47 @@ int RestoreAnswerRouted(char* in, int inLen, char** out, int& outLen, char flag)
             break;
     }
     // Raw path: head, section table (T bytes) and records (D bytes) as sent.
-    if (flags & TRDCOMP_FLAG_CODED) return 0;
+    if (flags & TRDCOMP_FLAG_CODED) return Refuse(Reason::unknown_function_id);
     // The head is copied whole and the table and records are read behind the
     // head length: all of it has to lie inside the message.
-    if (inLen < kAnsHead || headLen < 0) return 0;
+    if (inLen < kAnsHead) return Refuse(Reason::head_too_short);
+    if (headLen < 0) return Refuse(Reason::head_length_invalid);
     const std::int64_t room = static_cast<std::int64_t>(inLen) - headLen;
     std::int64_t tableLen = 0;
-    __int128 records = 0;
+    std::int64_t bytes = 0;
+    std::int64_t records = 0;
     if (flags & TRDCOMP_FLAG_SECTIONS) {
-        if (room < 4) return 0;
+        if (room < 4) return Refuse(Reason::section_table_invalid);
         tableLen = LoadI32(in + headLen);
-        if (tableLen < 4 || tableLen > room) return 0;
+        if (tableLen < 4 || tableLen > room) return Refuse(Reason::section_table_invalid);
+        // Every entry describes records that lie inside the message: no
+        // negative count or size, and a sum that stays below the room (each
+        // term is checked before it is added, so nothing overflows).
         const std::int64_t entries = (tableLen - 4) / 8;
         const char* entry = in + headLen + 4;
-        for (std::int64_t i = 0; i < entries; ++i, entry += 8)
-            records += static_cast<std::int64_t>(LoadI32(entry)) * LoadI32(entry + 4);
+        for (std::int64_t i = 0; i < entries; ++i, entry += 8) {
+            const std::int64_t count = LoadI32(entry);
+            const std::int64_t size = LoadI32(entry + 4);
+            if (count < 0 || size < 0) return Refuse(Reason::section_entry_invalid);
+            const std::int64_t term = count * size;
+            if (term > room - tableLen - bytes) return Refuse(Reason::section_entry_invalid);
+            bytes += term;
+            records += count;
+        }
     } else {
-        records = static_cast<std::int64_t>(LoadI32(in + kAnsWordCount)) * LoadI32(in + kAnsWordSize);
+        const std::int64_t count = LoadI32(in + kAnsWordCount);
+        const std::int64_t size = LoadI32(in + kAnsWordSize);
+        bytes = count * size;
+        if (count < 0 && trdcomp::detail::Call().modern) return Refuse(Reason::negative_count);
+        if (bytes < 0 || bytes > room - tableLen) return Refuse(Reason::records_past_end);
+        records = count > 0 ? count : 0;
     }
-    if (records < 0 || records > room - tableLen) return 0;
-    const std::int64_t dataLen = static_cast<std::int64_t>(records);
+    const std::int64_t dataLen = bytes;
     const std::int64_t total = kAnsHead + tableLen + dataLen;
-    if (total > INT32_MAX) return 0;  // not representable: the allocation-failure path
+    if (total > INT32_MAX) return Refuse(Reason::size_not_representable);
+    if (dataLen < room - tableLen && trdcomp::detail::Call().strict) return Refuse(Reason::trailing_bytes);
 
-    char* buf = OpenBlock(out, outLen, total, kRawSpare, total);
+    char* buf = OpenBlock(out, outLen, total, kRawSpare, total, 0, records);
     if (buf == nullptr) return 0;
     std::memcpy(buf, in, kAnsHead);
     StoreI32(buf + kWordHeadLen, kAnsHead);
@@ -294,10 +334,30 @@ int CTrdCompData::RestoreAns2008(char* in, int inLen, char** out, int& outLen, c
 
 namespace trdcomp::detail {
 
+TRDCOMP_API constinit thread_local CallContext tCall;
+
+void EnterCall(bool strict, std::uint64_t maxBytes, std::uint64_t maxRecords) noexcept {
+    CallContext& c = tCall;
+    c.strict = strict;
+    c.modern = true;
+    c.maxBytes = maxBytes;
+    c.maxRecords = maxRecords;
+    c.needed = 0;
+    c.reason = Reason::none;
+}
+
+Reason LeaveCall(std::uint64_t* needed) noexcept {
+    const CallContext c = tCall;
+    tCall = CallContext{};
+    if (needed != nullptr) *needed = c.needed;
+    return c.reason;
+}
+
 int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen, char flag,
                      std::size_t* len) noexcept {
     *len = 0;
-    if (dst == nullptr || inLen > static_cast<std::size_t>(INT_MAX)) return 0;
+    if (dst == nullptr) return Refuse(Reason::null_argument);
+    if (inLen > static_cast<std::size_t>(INT_MAX)) return Refuse(Reason::length_too_large);
     char* msg = const_cast<char*>(in);
     const int n = static_cast<int>(inLen);
     if (!(request ? RequestRoutable(msg, n) : AnswerRoutable(msg, n))) return 0;

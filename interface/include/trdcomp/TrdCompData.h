@@ -81,15 +81,21 @@ public:
     virtual ~CTrdCompData();
 
     /* Packs a request: copies the head (word 0 forced to 76), then the coded
-     * or raw records. Returns 0 only for a null out or head (outLen untouched),
-     * 1 otherwise. The buffer must hold the head and the coded records. */
+     * or raw records. Returns 0 for a null out or head, and on the raw path
+     * (an id without a codec) for a negative dataLen or a null data with a
+     * positive one; outLen is then untouched. Returns 1 otherwise, whatever
+     * the codec did. The buffer must hold the head and the coded records:
+     * no capacity is passed (trdcomp::RequestSizeBound gives a bound). */
     static int PackReq2008(char* out, int& outLen, tagREQ_HEAD* head, char* data, int dataLen,
                            char flag);
     /* Restores a request into a buffer from the global operator new (release
      * with ReleaseAnsData). Returns 1 done, 0 refused or failed. */
     static int RestoreReq2008(char* in, int inLen, char** out, int& outLen, char flag);
     /* Packs an answer. Always returns 0; outLen is 0 when the call was refused
-     * and the message length otherwise. */
+     * and the message length otherwise. outSize is the capacity of out, read
+     * as an unsigned number (-1: no limit beyond INT_MAX); nothing is written
+     * past it, and the bytes between the message's end and outSize may be
+     * used as scratch (their contents afterwards are unspecified). */
     static int PackAns2008(char* out, int outSize, int& outLen, tagANS_Proc* proc, char* a1,
                            char* a2, char* a3, char* a4, char* a5, char flag, int coding);
     /* Restores an answer; as RestoreReq2008. */

@@ -34,6 +34,7 @@
 #include <span>
 #endif
 
+#include "Reasons.hpp"
 #include "TrdCompData.h"
 #include "TrdCompRecords.h"
 
@@ -68,29 +69,6 @@ private:
 };
 #endif
 
-enum class Errc {
-    ok = 0,
-    null_argument,     // a required buffer or description is missing
-    buffer_too_small,  // the message needs more room; PackResult::needed / RestoredView::Needed() say how much
-    refused,           // the library refused the message (see docs/hostile-input.md)
-    too_large,         // a length that the classic interface cannot represent (int)
-    out_of_memory,     // an allocation failed
-    limit_exceeded,    // the restore needs more bytes than RestoreOptions::maxBytes allows
-};
-
-inline const char* Message(Errc e) noexcept {
-    switch (e) {
-        case Errc::ok: return "ok";
-        case Errc::null_argument: return "a required buffer or description is missing";
-        case Errc::buffer_too_small: return "the output buffer is too small for the message";
-        case Errc::refused: return "the library refused the message";
-        case Errc::too_large: return "a length does not fit the classic interface's int";
-        case Errc::out_of_memory: return "an allocation failed";
-        case Errc::limit_exceeded: return "the restored message would exceed the limit the caller set";
-    }
-    return "unknown error";
-}
-
 // The version of the library the program loaded ("0.2.0"); TRDCOMP_VERSION
 // is the version of the headers it was compiled with.
 TRDCOMP_API const char* Version() noexcept;
@@ -102,13 +80,17 @@ TRDCOMP_API const char* Version() noexcept;
 TRDCOMP_API std::uint64_t CatalogueHash() noexcept;
 
 // The coding of a message: the 2008 coding with its flag, or the Fast coding
-// with a version from 1 to 15.
+// with a version from 1 to 15. `strict` makes the modern packers refuse a
+// value the coding cannot carry (value_not_representable) instead of coding
+// it as the classic members do: a byte of 0x80 or above in a Fast ascii field.
 struct Coding {
-    int fastVersion = 0;  // 0: the 2008 coding
+    int fastVersion = 0;  // 0: the 2008 coding; 1..15: Fast; anything else is refused
     char flag = 0;        // handed to the 2008 codecs
+    bool strict = false;
 
-    static constexpr Coding C2008(char flag = 0) noexcept { return Coding{0, flag}; }
-    static constexpr Coding Fast(int version = 1) noexcept { return Coding{version & 0xF ? version & 0xF : 1, 0}; }
+    static constexpr Coding C2008(char flag = 0) noexcept { return Coding{0, flag, false}; }
+    static constexpr Coding Fast(int version = 1) noexcept { return Coding{version & 0xF ? version & 0xF : 1, 0, false}; }
+    constexpr Coding Strict(bool on = true) const noexcept { return Coding{fastVersion, flag, on}; }
     constexpr bool IsFast() const noexcept { return fastVersion != 0; }
 };
 
@@ -116,6 +98,7 @@ struct PackResult {
     std::size_t size = 0;    // bytes written, on success
     Errc error = Errc::ok;
     std::size_t needed = 0;  // with buffer_too_small: the exact packed length
+    Reason reason = Reason::none;  // why it was refused
     explicit operator bool() const noexcept { return error == Errc::ok; }
 };
 
@@ -167,38 +150,80 @@ struct Scratch {
 
 inline int Capacity(std::size_t n) noexcept { return n > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(n); }
 
+// The calls of the modern interface run the classic members inside a call
+// scope of their thread: the library then applies the caller's limits and
+// strict mode, and records the reason of a refusal where it stops. Outside
+// a scope the classic members behave as they always did.
+TRDCOMP_API void EnterCall(bool strict, std::uint64_t maxBytes, std::uint64_t maxRecords) noexcept;
+// Ends the scope; returns the reason of the last refusal inside it (none)
+// and, for a limit, the bytes the restore would have needed.
+TRDCOMP_API Reason LeaveCall(std::uint64_t* needed) noexcept;
+
+class CallScope {
+public:
+    CallScope(bool strict, std::uint64_t maxBytes = UINT64_MAX, std::uint64_t maxRecords = UINT64_MAX) noexcept {
+        EnterCall(strict, maxBytes, maxRecords);
+    }
+    ~CallScope() {
+        if (open_) LeaveCall(nullptr);
+    }
+    Reason Leave(std::uint64_t* needed = nullptr) noexcept {
+        open_ = false;
+        return LeaveCall(needed);
+    }
+    CallScope(const CallScope&) = delete;
+    CallScope& operator=(const CallScope&) = delete;
+
+private:
+    bool open_ = true;
+};
+
+inline PackResult Fail(Reason r, std::size_t needed = 0) noexcept { return PackResult{0, ErrcOf(r), needed, r}; }
+
+inline Reason CheckCoding(const Coding& c) noexcept {
+    return c.fastVersion < 0 || c.fastVersion > 15 ? Reason::invalid_fast_version : Reason::none;
+}
+
 }  // namespace detail
 
 // Packs a request into `out`: the head as given (its coding bits replaced by
-// `coding`), then `data`. Never writes past out.size().
+// `coding`), then `data`. Never writes past out.size(). More than 65535
+// records in the Fast coding are refused (its stream counts in 16 bits).
 inline PackResult PackRequest(span<char> out, tagREQ_HEAD head, span<const char> data, Coding coding) noexcept {
-    if (out.data() == nullptr) return {0, Errc::null_argument, 0};
-    if (data.size() > static_cast<std::size_t>(INT_MAX)) return {0, Errc::too_large, 0};
-    head.nFlags = (head.nFlags & ~TRDCOMP_FLAG_FAST_MASK) | ((coding.fastVersion & 0xF) << TRDCOMP_FLAG_FAST_SHIFT);
+    if (out.data() == nullptr) return detail::Fail(Reason::null_argument);
+    if (data.size() > static_cast<std::size_t>(INT_MAX)) return detail::Fail(Reason::length_too_large);
+    if (detail::CheckCoding(coding) != Reason::none) return detail::Fail(detail::CheckCoding(coding));
+    if (coding.IsFast() && head.nRecCount > 0xFFFF) return detail::Fail(Reason::too_many_fast_records);
+    head.nFlags = (head.nFlags & ~TRDCOMP_FLAG_FAST_MASK) | (coding.fastVersion << TRDCOMP_FLAG_FAST_SHIFT);
     const std::uint64_t bound = RequestSizeBound(head, data.size(), coding);
     char* const records = const_cast<char*>(data.data());
     const int dataLen = static_cast<int>(data.size());
     int len = 0;
+    detail::CallScope scope(coding.strict);
     if (bound <= out.size()) {
         CTrdCompData::PackReq2008(out.data(), len, &head, records, dataLen, coding.flag);
-        return {static_cast<std::size_t>(len), Errc::ok, 0};
+        const Reason why = scope.Leave();
+        if (why != Reason::none) return detail::Fail(why);
+        return {static_cast<std::size_t>(len), Errc::ok, 0, Reason::none};
     }
     // The classic packer has no capacity: pack into a block of the bound and
     // copy what fits.
-    if (bound > static_cast<std::uint64_t>(INT_MAX)) return {0, Errc::too_large, 0};
+    if (bound > static_cast<std::uint64_t>(INT_MAX)) return detail::Fail(Reason::length_too_large);
     detail::Scratch scratch(bound);
-    if (scratch.p == nullptr) return {0, Errc::out_of_memory, 0};
+    if (scratch.p == nullptr) return detail::Fail(Reason::out_of_memory);
     CTrdCompData::PackReq2008(scratch.p, len, &head, records, dataLen, coding.flag);
-    if (static_cast<std::size_t>(len) > out.size()) return {0, Errc::buffer_too_small, static_cast<std::size_t>(len)};
+    const Reason why = scope.Leave();
+    if (why != Reason::none) return detail::Fail(why);
+    if (static_cast<std::size_t>(len) > out.size()) return detail::Fail(Reason::buffer_too_small, static_cast<std::size_t>(len));
     std::memcpy(out.data(), scratch.p, static_cast<std::size_t>(len));
-    return {static_cast<std::size_t>(len), Errc::ok, 0};
+    return {static_cast<std::size_t>(len), Errc::ok, 0, Reason::none};
 }
 
 // Typed records: the head's count and record size are taken from `records`.
 template <class R>
 PackResult PackRequest(span<char> out, tagREQ_HEAD head, span<const R> records, Coding coding) noexcept {
     static_assert(std::is_trivially_copyable_v<R>, "records are packed structs");
-    if (records.size() > static_cast<std::size_t>(INT_MAX) / sizeof(R)) return {0, Errc::too_large, 0};
+    if (records.size() > static_cast<std::size_t>(INT_MAX) / sizeof(R)) return detail::Fail(Reason::length_too_large);
     head.nRecCount = static_cast<int>(records.size());
     head.nRecSize = static_cast<int>(sizeof(R));
     return PackRequest(out, head, span<const char>(reinterpret_cast<const char*>(records.data()), records.size() * sizeof(R)),
@@ -206,47 +231,63 @@ PackResult PackRequest(span<char> out, tagREQ_HEAD head, span<const R> records, 
 }
 
 // Packs an answer of up to five record arrays described by `proc` (its
-// array table is filled from `arrays`). Never writes past out.size().
+// array table is filled from `arrays`). Never writes past out.size(). An
+// array of more than 65535 records in the Fast coding is refused. With
+// buffer_too_small, `needed` is the exact packed length.
 inline PackResult PackAnswer(span<char> out, tagANS_Proc proc, span<const Array> arrays, Coding coding) noexcept {
-    if (out.data() == nullptr) return {0, Errc::null_argument, 0};
-    if (arrays.size() > 5) return {0, Errc::too_large, 0};
+    if (out.data() == nullptr) return detail::Fail(Reason::null_argument);
+    if (arrays.size() > 5) return detail::Fail(Reason::too_many_arrays);
+    if (detail::CheckCoding(coding) != Reason::none) return detail::Fail(detail::CheckCoding(coding));
     char* a[5] = {};
     proc.nArrayCount = static_cast<int>(arrays.size());
     int j = 0;
     for (const Array& x : arrays) {
+        if (coding.IsFast() && x.count > 0xFFFF) return detail::Fail(Reason::too_many_fast_records);
         a[j] = const_cast<char*>(x.data);
         proc.nRecCount[j] = x.count;
         proc.nRecSize[j] = x.size;
         ++j;
     }
-    const int codingWord = (coding.fastVersion & 0xF) << TRDCOMP_FLAG_FAST_SHIFT;
+    const int codingWord = coding.fastVersion << TRDCOMP_FLAG_FAST_SHIFT;
     const std::uint64_t bound = AnswerSizeBound(proc, coding);
-    auto pack = [&](char* dst, int cap) {
+    Reason why = Reason::none;
+    auto pack = [&](char* dst, std::size_t cap) {
         std::memset(dst, 0, 20);  // the flags word is or-ed into; bytes 12..19 are not written
         int len = 0;
-        CTrdCompData::PackAns2008(dst, cap, len, &proc, a[0], a[1], a[2], a[3], a[4], coding.flag, codingWord);
+        detail::CallScope scope(coding.strict);
+        CTrdCompData::PackAns2008(dst, detail::Capacity(cap), len, &proc, a[0], a[1], a[2], a[3], a[4], coding.flag, codingWord);
+        why = scope.Leave();
         return len;
     };
-    if (out.size() < static_cast<std::size_t>(TRDCOMP_ANS_HEAD_LEN)) return {0, Errc::buffer_too_small, TRDCOMP_ANS_HEAD_LEN};
-    const int len = pack(out.data(), detail::Capacity(out.size()));
-    if (len > 0) return {static_cast<std::size_t>(len), Errc::ok, 0};
-    if (bound <= out.size() || bound > static_cast<std::uint64_t>(INT_MAX)) return {0, Errc::refused, 0};
-    // Refused within the caller's capacity: find out whether more room helps.
-    detail::Scratch scratch(bound);
-    if (scratch.p == nullptr) return {0, Errc::out_of_memory, 0};
-    const int needed = pack(scratch.p, static_cast<int>(bound));
-    if (needed > 0) return {0, Errc::buffer_too_small, static_cast<std::size_t>(needed)};
-    return {0, Errc::refused, 0};
+    int len = 0;
+    if (out.size() >= static_cast<std::size_t>(TRDCOMP_ANS_HEAD_LEN)) {
+        len = pack(out.data(), out.size());
+        if (len > 0) return {static_cast<std::size_t>(len), Errc::ok, 0, Reason::none};
+        if (why != Reason::none && why != Reason::buffer_too_small) return detail::Fail(why);
+        if (bound <= out.size()) return detail::Fail(why != Reason::none ? why : Reason::buffer_too_small);
+    }
+    if (bound > static_cast<std::uint64_t>(INT_MAX)) return detail::Fail(Reason::length_too_large);
+    // Refused within the caller's capacity: find out how much room it needs.
+    const std::uint64_t room = bound < std::uint64_t{TRDCOMP_ANS_HEAD_LEN} ? std::uint64_t{TRDCOMP_ANS_HEAD_LEN} : bound;
+    detail::Scratch scratch(room);
+    if (scratch.p == nullptr) return detail::Fail(Reason::out_of_memory);
+    const int needed = pack(scratch.p, static_cast<std::size_t>(room));
+    if (needed > 0) return detail::Fail(Reason::buffer_too_small, static_cast<std::size_t>(needed));
+    return detail::Fail(why != Reason::none ? why : Reason::buffer_too_small);
 }
 
 inline PackResult PackAnswer(span<char> out, const tagANS_Proc& proc, std::initializer_list<Array> arrays, Coding coding) noexcept {
     return PackAnswer(out, proc, span<const Array>(arrays.begin(), arrays.size()), coding);
 }
 
-// What a restore is allowed: the options every modern restore takes.
+// What a restore is allowed: the options every modern restore takes. The
+// limits are checked before anything is allocated or written. By default
+// nothing is limited; the classic members never limit.
 struct RestoreOptions {
-    char flag = 0;                          // handed to the 2008 codecs
-    std::size_t maxBytes = static_cast<std::size_t>(-1);  // a restore needing more is refused (limit_exceeded)
+    char flag = 0;                                          // handed to the 2008 codecs
+    std::size_t maxBytes = static_cast<std::size_t>(-1);    // a restore needing more bytes is refused (limit_exceeded)
+    bool strict = false;                                    // refuse what the classic restores quietly accept (see docs)
+    std::size_t maxRecords = static_cast<std::size_t>(-1);  // a message of more records (all arrays) is refused (limit_exceeded)
 };
 
 class Restored;
@@ -280,6 +321,8 @@ public:
 
     explicit operator bool() const noexcept { return error_ == Errc::ok; }
     Errc Error() const noexcept { return error_; }
+    // Why the restore was refused (none on success).
+    Reason Why() const noexcept { return why_; }
     bool IsRequest() const noexcept { return request_; }
     // With buffer_too_small (RestoreInto) or limit_exceeded: the bytes the
     // restore needs.
@@ -300,7 +343,9 @@ public:
     }
 
     // Number of record arrays: 1 for a request, the section table's entries
-    // (at most five) or 1 for an answer, 0 when nothing was restored.
+    // (at most five) or 1 for an answer, 0 when nothing was restored or the
+    // section table is not one (length out of range, an entry negative, or
+    // the sections' bytes overflowing).
     int Sections() const noexcept {
         if (request_) return RequestHead() ? 1 : 0;
         if (!AnswerHead()) return 0;
@@ -308,8 +353,19 @@ public:
         if (Size() < TRDCOMP_ANS_HEAD_LEN + 4u) return 0;
         const std::int32_t table = Word(TRDCOMP_ANS_HEAD_LEN);
         if (table < 4 || static_cast<std::size_t>(table) > Size() - TRDCOMP_ANS_HEAD_LEN) return 0;
-        const int n = (table - 4) / 8;
-        return n < 5 ? n : 5;
+        const int n = (table - 4) / 8 < 5 ? (table - 4) / 8 : 5;
+        // Every entry non-negative, and all of them together inside the bytes
+        // (each term, below 2^62, is checked against what is left before it
+        // is added).
+        const std::int64_t room = static_cast<std::int64_t>(Size()) - TRDCOMP_ANS_HEAD_LEN;
+        std::int64_t bytes = table;
+        for (int i = 0; i < n; ++i) {
+            const std::int64_t count = Word(TRDCOMP_ANS_HEAD_LEN + 4 + 8 * static_cast<std::size_t>(i));
+            const std::int64_t size = Word(TRDCOMP_ANS_HEAD_LEN + 8 + 8 * static_cast<std::size_t>(i));
+            if (count < 0 || size < 0 || count * size > room - bytes) return 0;
+            bytes += count * size;
+        }
+        return n;
     }
 
     // Section j, with its records checked to lie inside the restored bytes;
@@ -325,6 +381,7 @@ public:
             s = {AnswerHead()->nRecCount, AnswerHead()->nRecSize, nullptr};
             at = TRDCOMP_ANS_HEAD_LEN;
         } else {
+            // Sections() checked the entries: the sums stay inside Size().
             at = TRDCOMP_ANS_HEAD_LEN + static_cast<std::int64_t>(Word(TRDCOMP_ANS_HEAD_LEN));
             for (int i = 0; i < j; ++i) at += Records(i);
             s = {Word(TRDCOMP_ANS_HEAD_LEN + 4 + 8 * j), Word(TRDCOMP_ANS_HEAD_LEN + 8 + 8 * j), nullptr};
@@ -336,13 +393,22 @@ public:
         return s;
     }
 
-    // The records of section j as R, or an empty span when R is not the
-    // section's record size.
+    // The records of section j as R. Empty when the section holds none, and
+    // when R is not the section's record type: then *why (when given) says
+    // which (record_type_mismatch: R's size is not the section's record
+    // size; no_such_section), and is none for a section that is simply empty.
     template <class R>
-    span<const R> Records(int j = 0) const noexcept {
+    span<const R> Records(int j = 0, Reason* why = nullptr) const noexcept {
         static_assert(std::is_trivially_copyable_v<R> && alignof(R) == 1, "records are packed structs");
         const Section s = GetSection(j);
-        if (s.data == nullptr || s.size != static_cast<std::int32_t>(sizeof(R)) || s.count <= 0) return {};
+        Reason r = Reason::none;
+        if (j < 0 || j >= Sections()) {
+            r = Reason::no_such_section;
+        } else if (s.count > 0 && s.size != static_cast<std::int32_t>(sizeof(R))) {
+            r = Reason::record_type_mismatch;
+        }
+        if (why != nullptr) *why = r;
+        if (r != Reason::none || s.data == nullptr || s.count <= 0) return {};
         return span<const R>(reinterpret_cast<const R*>(s.data), static_cast<std::size_t>(s.count));
     }
 
@@ -366,6 +432,7 @@ protected:
     int len_ = 0;
     bool request_ = false;
     Errc error_ = Errc::refused;
+    Reason why_ = Reason::head_length_invalid;
     std::size_t needed_ = 0;
 };
 
@@ -390,26 +457,32 @@ public:
 
 namespace detail {
 
-// Calls a classic restore on `in`; the result tells refusal apart from success.
+inline std::uint64_t Limit(std::size_t n) noexcept {
+    return n == static_cast<std::size_t>(-1) ? UINT64_MAX : static_cast<std::uint64_t>(n);
+}
+
+// Calls a classic restore on `in` inside a call scope (limits and strict mode
+// of `options`); the result tells refusal apart from success.
 template <class Classic>
 Restored Restore(span<const char> in, const RestoreOptions& options, bool request, Classic classic) noexcept {
     Restored r;
     r.request_ = request;
     if (in.data() == nullptr || in.size() > static_cast<std::size_t>(INT_MAX)) {
-        r.error_ = in.data() == nullptr ? Errc::null_argument : Errc::too_large;
+        r.why_ = in.data() == nullptr ? Reason::null_argument : Reason::length_too_large;
+        r.error_ = ErrcOf(r.why_);
         return r;
     }
-    if (options.maxBytes != static_cast<std::size_t>(-1)) {
-        const std::size_t needed = RestoredBytes(request, in.data(), in.size(), options.flag);
-        if (needed > options.maxBytes) {
-            r.error_ = Errc::limit_exceeded;
-            r.needed_ = needed;
-            return r;
-        }
-    }
+    CallScope scope(options.strict, Limit(options.maxBytes), Limit(options.maxRecords));
     const int rc = classic(const_cast<char*>(in.data()), static_cast<int>(in.size()), &r.p_, r.len_, options.flag);
+    std::uint64_t needed = 0;
+    Reason why = scope.Leave(&needed);
     // The raw request path reports success with no buffer when its allocation failed.
-    r.error_ = rc != 1 ? Errc::refused : (r.p_ == nullptr && r.len_ > 0 ? Errc::out_of_memory : Errc::ok);
+    if (rc == 1 && r.p_ == nullptr && r.len_ > 0) why = Reason::out_of_memory;
+    if (rc != 1 && why == Reason::none) why = Reason::head_length_invalid;  // the dispatcher's own checks
+    r.why_ = rc == 1 && why != Reason::out_of_memory ? Reason::none : why;
+    r.error_ = ErrcOf(r.why_);
+    if (r.error_ == Errc::limit_exceeded) r.needed_ = static_cast<std::size_t>(needed);
+    if (r.error_ != Errc::ok) r.len_ = 0;
     return r;
 }
 
@@ -417,22 +490,29 @@ inline RestoredView RestoreInto(span<char> dst, span<const char> in, const Resto
     RestoredView v;
     v.request_ = request;
     if (in.data() == nullptr || (dst.data() == nullptr && dst.size() != 0)) {
+        v.why_ = Reason::null_argument;
         v.error_ = Errc::null_argument;
         return v;
     }
     char none = 0;  // a zero-sized block still needs an address
     char* block = dst.data() != nullptr ? dst.data() : &none;
-    const std::size_t room = options.maxBytes < dst.size() ? options.maxBytes : dst.size();
     std::size_t len = 0;
-    const int rc = RestoreIntoBlock(request, block, room, in.data(), in.size(), options.flag, &len);
+    CallScope scope(options.strict, Limit(options.maxBytes), Limit(options.maxRecords));
+    const int rc = RestoreIntoBlock(request, block, dst.size(), in.data(), in.size(), options.flag, &len);
+    std::uint64_t needed = 0;
+    const Reason why = scope.Leave(&needed);
     if (rc < 0) {
-        v.error_ = len > options.maxBytes ? Errc::limit_exceeded : Errc::buffer_too_small;
+        v.why_ = Reason::buffer_too_small;
         v.needed_ = len;
     } else if (rc == 1) {
-        v.error_ = Errc::ok;
+        v.why_ = Reason::none;
         v.p_ = len > 0 ? dst.data() : nullptr;
         v.len_ = static_cast<int>(len);
+    } else {
+        v.why_ = why != Reason::none ? why : Reason::head_length_invalid;
+        if (ErrcOf(v.why_) == Errc::limit_exceeded) v.needed_ = static_cast<std::size_t>(needed);
     }
+    v.error_ = ErrcOf(v.why_);
     return v;
 }
 
@@ -480,11 +560,16 @@ inline RestoredView RestoreInto(span<char> dst, span<const char> msg, const Rest
 }
 
 // The bytes a RestoreInto of `msg` needs (direction from head word 0),
-// without restoring; 0 for a message the library refuses and for one whose
-// restore keeps nothing.
-inline std::size_t RestoredSize(span<const char> msg, char flag = 0) noexcept {
+// without restoring; 0 for a message the library refuses (within the limits
+// of `options`, when given) and for one whose restore keeps nothing.
+inline std::size_t RestoredSize(span<const char> msg, const RestoreOptions& options) noexcept {
     const int direction = detail::Direction(msg);
-    return direction == 0 ? 0 : detail::RestoredBytes(direction == 1, msg.data(), msg.size(), flag);
+    if (direction == 0) return 0;
+    detail::CallScope scope(false, detail::Limit(options.maxBytes), detail::Limit(options.maxRecords));
+    return detail::RestoredBytes(direction == 1, msg.data(), msg.size(), options.flag);
+}
+inline std::size_t RestoredSize(span<const char> msg, char flag = 0) noexcept {
+    return RestoredSize(msg, RestoreOptions{flag});
 }
 
 // Where a message ends, from its first bytes (see MessageLength).
