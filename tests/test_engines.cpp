@@ -248,15 +248,6 @@ std::vector<Row> FramingRows() {
 
 }  // namespace
 
-// The layout model's coding order, checked when this file compiles.
-static_assert(kT_SEVEN.fields.size() == 7 && kT_NOTHING.fields.size() == 0);
-static_assert(kT_GAP.fields.size() == 2 && kT_GAP.fields[1].offset == 8);
-static_assert(kT_LATE.fields[0].offset == 12 && kT_LATE.fields[1].offset == 0 && kT_LATE.fields[2].offset == 4);
-static_assert(kT_COUNTED.fields.size() == 1 + 3 * 2 + 1 && kT_COUNTED.fields[3].offset == 7 && kT_COUNTED.fields[3].entry == 1);
-static_assert(kT_COUNTED.countOffset == 0 && kT_COUNTED.countMax == 3);
-static_assert(kT_BLOCK.fields.size() == 3 && kT_BLOCK.fields[1].offset == 16);
-static_assert(kT_LIMIT.fields[0].limit == 12 && kT_LIMIT.fields[0].width == 8);
-
 TEST(Framing, WireBytesAndRestoredRecords) {
     for (const Row& row : FramingRows()) {
         SCOPED_TRACE(std::string(row.what) + ", count " + std::to_string(row.count));
