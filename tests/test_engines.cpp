@@ -1,53 +1,45 @@
 // Both record engines over test layouts written in the catalogue's notation:
-// exact bytes of the framings, the kept rules of each coding, and hostile
-// input (truncated or corrupted messages) restored without a stray access.
+// one table of framings (bytes on the wire and records restored), the
+// answer framings, the classic packers' capacity, and hostile input
+// (truncated, corrupted or overreaching messages) restored without a stray
+// access.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "codec2008/Engine2008.h"
 #include "common/LayoutMacros.h"
 #include "fastcodec/FastEngine.h"
+#include "support/AllocHook.h"
 #include "support/Messages.h"
 
 #include "engine_layouts.def"
 
 using namespace testmsg;
 using Bytes = std::vector<unsigned char>;
+using Chars = std::vector<char>;
 namespace d = trdcomp::detail;
 
 namespace {
 
 template <class T>
-void Put(std::vector<char>& rec, int off, T v) {
+void Put(Chars& rec, int off, T v) {
     std::memcpy(rec.data() + off, &v, sizeof v);
 }
-void PutText(std::vector<char>& rec, int off, const std::string& s) { std::memcpy(rec.data() + off, s.data(), s.size()); }
+void PutText(Chars& rec, int off, const std::string& s) { std::memcpy(rec.data() + off, s.data(), s.size()); }
 
-// A request message: head (count, size) then the records coded by `pack`.
-template <class Pack>
-std::vector<char> Request(int flags, int count, int size, const std::vector<char>& data, Pack pack) {
-    std::vector<char> out(1 << 16, '\0');
-    tagREQ_HEAD head = ReqHead(9000, flags, count, size);
-    std::memcpy(out.data(), &head, 76);
-    int len = 76;
-    pack(out.data(), len, data.data(), static_cast<int>(data.size()));
-    out.resize(static_cast<std::size_t>(len));
-    return out;
-}
-
-Bytes Body(const std::vector<char>& m, std::size_t from = 76) { return Bytes(m.begin() + static_cast<long>(from), m.end()); }
-
-std::vector<char> Concat(std::initializer_list<std::vector<char>> parts) {
-    std::vector<char> all;
+Chars Concat(std::initializer_list<Chars> parts) {
+    Chars all;
     for (const auto& p : parts) all.insert(all.end(), p.begin(), p.end());
     return all;
 }
 
-std::vector<char> Seven(char c0, char c1, int i32, long long i64, double dbl, const std::string& text, char b0, char b1) {
-    std::vector<char> r(28, 0);
+Chars Seven(char c0, char c1, int i32, long long i64, double dbl, const std::string& text, char b0, char b1) {
+    Chars r(28, 0);
     r[0] = c0;
     r[1] = c1;
     Put(r, 2, i32);
@@ -59,8 +51,8 @@ std::vector<char> Seven(char c0, char c1, int i32, long long i64, double dbl, co
     return r;
 }
 
-std::vector<char> Order(char c0, char c1, char c2, const std::string& a, const std::string& b, const std::string& c) {
-    std::vector<char> r(83, 0);
+Chars Order(char c0, char c1, char c2, const std::string& a, const std::string& b, const std::string& c) {
+    Chars r(83, 0);
     r[0] = c0;
     r[1] = c1;
     r[2] = c2;
@@ -70,82 +62,219 @@ std::vector<char> Order(char c0, char c1, char c2, const std::string& a, const s
     return r;
 }
 
-template <const auto& L>
-std::vector<char> FastReq(int count, const std::vector<char>& data, int version = 1) {
-    return Request(version << 4, count, static_cast<int>(L.size), data, [&](char* o, int& len, const char* p, int n) {
-        trdcomp::fast::PackRequest<L>(o, len, p, n, version);
-    });
+// T_COUNTED: the count, three entries "aA", "bB", "cC", the text "end";
+// `entries` of them kept, the others zero.
+Chars Counted(int count, int entries = 3) {
+    Chars r(17, 0);
+    Put(r, 0, count);
+    for (int e = 0; e < entries; ++e) r[4 + 3 * e] = static_cast<char>('a' + e), r[5 + 3 * e] = static_cast<char>('A' + e);
+    PutText(r, 13, "end");
+    return r;
 }
 
-template <const auto& L>
-std::vector<char> ReqOf2008(int count, const std::vector<char>& data, char flag = 0) {
-    return Request(0, count, static_cast<int>(L.size), data,
-                   [&](char* o, int& len, const char* p, int n) { trdcomp::codec2008::PackRequest<L>(o, len, p, n, flag); });
+// T_BLOCK: a block of 1..16 with `len` behind it, `kept` bytes of it kept.
+Chars Block(int len, int kept = 16) {
+    Chars r(24, 0);
+    for (int i = 0; i < kept; ++i) r[static_cast<std::size_t>(i)] = static_cast<char>(i + 1);
+    Put(r, 16, len);
+    PutText(r, 20, "tx");
+    return r;
 }
 
+Chars Words(std::initializer_list<std::int32_t> w) {
+    Chars r(4 * w.size());
+    std::memcpy(r.data(), std::data(w), r.size());
+    return r;
+}
+
+// One layout's request codec in one coding (Fast version or 2008 flag).
+struct Codec {
+    int size;
+    bool fast;
+    int param;
+    std::function<int(char*, int&, const char*, int, std::int64_t)> pack;
+    std::function<int(char*, int, char**, int&)> restore;
+    int Flags() const { return fast ? param << 4 : 0; }
+};
 template <const auto& L>
-void FastRestoreReq(Restored& r, std::vector<char> m, int version = 1) {
+Codec Fast(int version = 1) {
+    return {static_cast<int>(L.size), true, version,
+            [=](char* o, int& n, const char* p, int k, std::int64_t cap) { return trdcomp::fast::PackRequest<L>(o, n, p, k, version, cap); },
+            [=](char* i, int k, char** o, int& n) { return trdcomp::fast::RestoreRequest<L>(i, k, o, n, version); }};
+}
+template <const auto& L>
+Codec C2008(char flag = 0) {
+    return {static_cast<int>(L.size), false, flag,
+            [=](char* o, int& n, const char* p, int k, std::int64_t cap) { return trdcomp::codec2008::PackRequest<L>(o, n, p, k, flag, cap); },
+            [=](char* i, int k, char** o, int& n) { return trdcomp::codec2008::RestoreRequest<L>(i, k, o, n, flag); }};
+}
+
+Chars Head(const Codec& c, int flags, int count) {
+    const tagREQ_HEAD head = ReqHead(9000, flags, count, c.size);
+    return Chars(reinterpret_cast<const char*>(&head), reinterpret_cast<const char*>(&head) + 76);
+}
+
+Chars Pack(const Codec& c, int count, const Chars& data) {
+    Chars out = Head(c, c.Flags(), count);
+    out.resize(1 << 16);
+    int len = 76;
+    EXPECT_EQ(c.pack(out.data(), len, data.data(), static_cast<int>(data.size()), d::kUnbounded), 1);
+    out.resize(static_cast<std::size_t>(len));
+    return out;
+}
+
+void Restore(const Codec& c, Restored& r, const Chars& m) {
     Exact in(m);
-    r.rc = trdcomp::fast::RestoreRequest<L>(in.data(), in.size(), &r.p, r.len, version);
+    r.rc = c.restore(in.data(), in.size(), &r.p, r.len);
 }
 
-template <const auto& L>
-void Restore2008Req(Restored& r, std::vector<char> m, char flag = 0) {
-    Exact in(m);
-    r.rc = trdcomp::codec2008::RestoreRequest<L>(in.data(), in.size(), &r.p, r.len, flag);
-}
+// A row of the framing table: records packed by the codec (or, without
+// `data`, a message made by hand: a head marked coded, then `body`).
+struct Row {
+    const char* what;
+    Codec codec;
+    int count;
+    std::optional<Chars> data;
+    std::optional<Bytes> body;      // the bytes behind the head
+    bool coded;                     // flag bit 0 of the packed message
+    std::optional<Chars> restored;  // the bytes from offset 76 (may reach into the decoder's spare bytes)
+};
 
-std::vector<char> RecordOf(const Restored& r, int i, int size, int head = 76) {
-    return std::vector<char>(r.p + head + i * size, r.p + head + (i + 1) * size);
+std::vector<Row> FramingRows() {
+    const auto first = Order('B', 11, 'x', "ABC", "HELLO", ""), second = Order('B', 12, 'x', "ABC", "HELLO", "Z");
+    const auto seven = Seven('a', 0x7f, -5, 300, 1.5, "AB", 1, 0);
+    const Bytes seven2008 = {13, 0, 0, 0, 'a', 0x7f, 0x09, 0xd8, 0x04, 0xb0, 0xea, 0x01, 0x02, 'A', 'B', 0x01, 0x01};
+    Chars sevenDefaults(28, 0);
+    sevenDefaults[1] = 11;
+    Chars eight(8, 0);
+    eight[7] = 'x';
+    Chars gap(12, 'g'), gapKept(12, 0);
+    Put(gap, 8, 77);
+    gapKept[0] = 'g';
+    Put(gapKept, 8, 77);
+    Chars late(16, 0);
+    PutText(late, 0, "ab");
+    PutText(late, 4, "cdefg");
+    Put(late, 12, 1);
+    auto block2008 = Block(5);
+    block2008[22] = 0, block2008[23] = '#';  // byte 23 behind the terminator is not carried
+    auto block2008Back = Block(5, 5);
+    block2008Back[22] = 0;
+    const auto a4 = Seven('a', 'b', -7, -1234567890123LL, -1.5, "xyz", 9, 8), b4 = Seven(0, 0, 0, 0, 1.23456, "full", 0, 0);
+    const auto dbl = Seven(0, 11, 0, 0, 1.23456, "", 0, 0), nan = Seven(0, 11, 0, 0, std::nan(""), "", 0, 0);
+    std::vector<Row> rows = {
+        // ---- Fast ----
+        {"fast: count 0 codes the count only", Fast<kT_SEVEN>(), 0, Chars(28, 'x'), Bytes{0x00, 0x00}, true, Chars{}},
+        {"fast: delta-coded records, an identical one is its map only", Fast<kT_ORDER>(), 3, Concat({first, second, second}),
+         Bytes{0x03, 0x00,                                                       // count
+               0x0f, 0x00, 0xde, 0x00, 0xc2, 0x00, 0xf8, 0x83, 'A', 'B', 'C',  // first record
+               'H', 'E', 'L', 'L', 'O' | 0x80, 0x80,                            //
+               0x04, 0x00, 0xa2, 0x8c, 0x81, 'Z',                               // only what changed
+               0x01, 0x00, 0x80},
+         true, Concat({first, second, second})},
+        {"fast: a first record at the defaults still sends its texts", Fast<kT_ORDER>(), 1, Order('A', 11, 0, "", "", ""),
+         Bytes{0x01, 0x00, 0x04, 0x00, 0x8e, 0x80, 0x80, 0x80}, true, Order('A', 11, 0, "", "", "")},
+        {"fast: a char off its default 11 is sent, a zero block is not", Fast<kT_SEVEN>(), 1, Chars(28, 0),
+         Bytes{0x01, 0x00, 0x03, 0x00, 0xa2, 0x80, 0x80}, true, Chars(28, 0)},
+        {"fast: eight fields take two map bytes", Fast<kT_EIGHT>(), 1, eight, Bytes{0x01, 0x00, 0x04, 0x00, 0x00, 0xc0, 0x00, 0xf8},
+         true, eight},
+        {"fast: a map without stop bit sends nothing", Fast<kT_SEVEN>(), 1, std::nullopt, Bytes{0x01, 0x00, 0x02, 0x00, 0x7f, 0x7f},
+         true, sevenDefaults},
+        {"fast: full-width texts lose their last character", Fast<kT_ORDER>(), 1, Order('A', 11, 0, std::string(32, 'S'), "", "tail"),
+         std::nullopt, true, Order('A', 11, 0, std::string(31, 'S'), "", "tail")},
+        {"fast: doubles keep three decimals, NaN always travels (back as 0)", Fast<kT_SEVEN>(), 3, Concat({dbl, nan, nan}),
+         Bytes{0x03, 0x00, 0x04, 0x00, 0x86, 0x09, 0xd2, 0x80, 0x0b, 0x00, 0x84, 0x40, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+               0x00, 0x80, 0x0b, 0x00, 0x84, 0x40, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80},
+         true, Concat({Seven(0, 11, 0, 0, 1.234, "", 0, 0), Seven(0, 11, 0, 0, 0.0, "", 0, 0), Seven(0, 11, 0, 0, 0.0, "", 0, 0)})},
+        {"fast: short data travels raw, restored from the message start", Fast<kT_GAP>(), 1, Chars{'r', 'a', 'w', '!', '!'},
+         Bytes{'r', 'a', 'w', '!', '!'}, false, Words({76, 9000, 0x10})},
+        {"fast: version 0 writes nothing", Fast<kT_SEVEN>(0), 1, seven, Bytes{}, false, std::nullopt},
+        {"fast: uncoded bytes are not carried", Fast<kT_GAP>(), 1, gap, std::nullopt, true, gapKept},
+        {"fast: a layout without coded fields", Fast<kT_NOTHING>(), 2, Chars{'x', 'y'}, Bytes{2, 0, 0, 0, 0, 0}, true, Chars{0, 0}},
+        {"fast: late fields", Fast<kT_LATE>(), 1, late, std::nullopt, true, late},
+        // ---- 2008 ----
+        {"2008 flag 0: exact bytes", C2008<kT_SEVEN>(0), 1, seven, seven2008, true, seven},
+        {"2008 flag 1: an int32 as int64 gives the same bytes", C2008<kT_SEVEN>(1), 1, seven, seven2008, true, seven},
+        // ...so each field behind it decodes its neighbour's bytes.
+        {"2008 flag 2: the int32 is left out but read back as an int64", C2008<kT_SEVEN>(2), 1, seven,
+         Bytes{12, 0, 0, 0, 'a', 0x7f, 0xd8, 0x04, 0xb0, 0xea, 0x01, 0x02, 'A', 'B', 0x01, 0x01}, true,
+         Chars{'a', 0x7f, 0x2c, 0x01, 0, 0, static_cast<char>(0x98), 0x3a, 0, 0, 0, 0, 0, 0, 0x2d, 0x43, 0x1c,
+               static_cast<char>(0xeb), static_cast<char>(0xe2), 0x36, 0x1a, 0x3f, 'B', 1, 1, 0, 0, 0}},
+        {"2008: below one record travels raw", C2008<kT_SEVEN>(), 1, Chars(27, 'q'), Bytes(27, 'q'), false, std::nullopt},
+        {"2008: one zero record", C2008<kT_SEVEN>(), 1, Chars(28, 0), Bytes{7, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, true, Chars(28, 0)},
+        {"2008: no record, still marked coded", C2008<kT_SEVEN>(), 0, Chars(28, 0), Bytes{}, true, Chars{}},
+        {"2008: four decimals, the half unit added whatever the sign", C2008<kT_SEVEN>(), 2, Concat({a4, b4}), std::nullopt, true,
+         Concat({Seven('a', 'b', -7, -1234567890123LL, -14999 * 0.0001, "xyz", 9, 8), Seven(0, 0, 0, 0, 12346 * 0.0001, "full", 0, 0)})},
+        {"2008: a record that ends early leaves the rest zero", C2008<kT_SEVEN>(), 1, std::nullopt,
+         Bytes{2, 0, 0, 0, 'a', 'b', 0x09, 0x09}, true, Seven('a', 'b', 0, 0, 0, "", 0, 0)},
+        {"2008: a text decoded with a limit past its width", C2008<kT_LIMIT>(), 1, std::nullopt,
+         Bytes{13, 0, 0, 0, 11, 'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 'I', 'J', 'K', 0x02}, true,
+         Concat({Chars{'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H'}, Words({1})})},
+        {"2008: a last text decoded past its record", C2008<kT_TAIL_LIMIT>(), 1, std::nullopt,
+         Bytes{12, 0, 0, 0, 0x02, 10, 'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j'}, true,
+         Concat({Words({1}), Chars{'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j'}})},
+        // A length that ends inside the text: the text decodes from what the
+        // record holds, alone or with a next record behind it.
+        {"2008: a record cut inside its text", C2008<kT_SEVEN>(), 1, std::nullopt,
+         Bytes{8, 0, 0, 0, 'x', 'y', 0x02, 0x04, 0x00, 0x04, 'a', 'b'}, true, Seven('x', 'y', 1, 2, 0, "ab", 0, 0)},
+        {"2008: a record cut inside its text, another behind", C2008<kT_SEVEN>(), 2, std::nullopt,
+         Bytes{8, 0, 0, 0, 'x', 'y', 0x02, 0x04, 0x00, 0x04, 'a', 'b', 8, 0, 0, 0, 'p', 'q', 0x06, 0x08, 0x00, 0x01, 'z', 0x00}, true,
+         Concat({Seven('x', 'y', 1, 2, 0, "ab", 0, 0), Seven('p', 'q', 3, 4, 0, "z", 0, 0)})},
+        {"2008: a sized block is limited by its length", C2008<kT_BLOCK>(), 1, block2008, std::nullopt, true, block2008Back},
+        {"2008: uncoded bytes are not carried", C2008<kT_GAP>(), 1, gap, std::nullopt, true, gapKept},
+        {"2008: a layout without coded fields", C2008<kT_NOTHING>(), 2, Chars{'x', 'y'}, Bytes{0, 0, 0, 0, 0, 0, 0, 0}, true,
+         Chars{0, 0}},
+        {"2008: late fields are coded last", C2008<kT_LATE>(), 1, late, Bytes{10, 0, 0, 0, 0x02, 0x02, 'a', 'b', 0x05, 'c', 'd', 'e', 'f', 'g'},
+         true, late},
+    };
+    // A counted array: 2008 codes the entries its count names, Fast every entry.
+    for (const auto& [count, entries] : {std::pair{5, 3}, {2, 2}, {0, 0}, {-4, 0}}) {
+        rows.push_back({"2008: counted array", C2008<kT_COUNTED>(), 1, Counted(count), std::nullopt, true, Counted(count, entries)});
+        rows.push_back({"fast: counted array", Fast<kT_COUNTED>(), 1, Counted(count), std::nullopt, true, Counted(count)});
+    }
+    // A sized block always travels in the Fast coding, its length clamped to 0..16.
+    for (const auto& [len, sent] : {std::pair{5, 5}, {16, 16}, {100, 16}, {-1, 16}, {0, 0}}) {
+        Bytes body = {0x01, 0x00, 0x00, 0x00, 0xf0, static_cast<unsigned char>(0x80 | sent)};
+        for (int i = 1; i <= sent; ++i) body.push_back(static_cast<unsigned char>(i));
+        body.push_back(static_cast<unsigned char>(len < 0 ? 0xff : len < 64 ? 0x80 | len : 0));  // the length as sent
+        if (len >= 64) body.push_back(static_cast<unsigned char>(0x80 | len));
+        body.insert(body.end(), {0x82, 't', 'x'});
+        body[2] = static_cast<unsigned char>(body.size() - 4);
+        auto back = Block(len, sent);
+        rows.push_back({"fast: sized block", Fast<kT_BLOCK>(), 1, Block(len), body, true, back});
+    }
+    return rows;
 }
 
 }  // namespace
 
-// ---- layout model: the coding order, checked when this file compiles ----
-
-static_assert(kT_SEVEN.fields.size() == 7);
-static_assert(kT_NOTHING.fields.size() == 0);
-static_assert(kT_GAP.fields.size() == 2 && kT_GAP.fields[1].offset == 8);
-// Late texts go behind the int.
-static_assert(kT_LATE.fields[0].offset == 12 && kT_LATE.fields[1].offset == 0 && kT_LATE.fields[2].offset == 4);
-// A counted array is its entries' fields, entry by entry.
-static_assert(kT_COUNTED.fields.size() == 1 + 3 * 2 + 1);
-static_assert(kT_COUNTED.fields[3].offset == 7 && kT_COUNTED.fields[3].entry == 1);
-static_assert(kT_COUNTED.countOffset == 0 && kT_COUNTED.countMax == 3);
-// A sized block is the block and its length.
-static_assert(kT_BLOCK.fields.size() == 3 && kT_BLOCK.fields[1].offset == 16);
-static_assert(kT_LIMIT.fields[0].limit == 12 && kT_LIMIT.fields[0].width == 8);
-
-// ---- Fast framing ----
-
-TEST(FastFraming, CountZeroCodesTheCountOnly) {
-    const auto m = FastReq<kT_SEVEN>(0, std::vector<char>(28, 'x'));
-    EXPECT_EQ(Body(m), Bytes({0x00, 0x00}));
-    EXPECT_EQ(Word(m.data(), 8) & 1, 1);
+TEST(Framing, WireBytesAndRestoredRecords) {
+    for (const Row& row : FramingRows()) {
+        SCOPED_TRACE(std::string(row.what) + ", count " + std::to_string(row.count));
+        const Codec& c = row.codec;
+        Chars m;
+        if (row.data) {
+            m = Pack(c, row.count, *row.data);
+            EXPECT_EQ(Word(m.data(), 8) & 1, row.coded ? 1 : 0);
+            if (row.body) {
+                EXPECT_EQ(Bytes(m.begin() + 76, m.end()), *row.body);
+            }
+        } else {
+            m = Head(c, c.Flags() | 1, row.count);
+            m.insert(m.end(), row.body->begin(), row.body->end());
+        }
+        if (!row.restored) continue;
+        Restored r;
+        Restore(c, r, m);
+        ASSERT_EQ(r.rc, 1);
+        EXPECT_EQ(r.len, 76 + row.count * c.size);
+        EXPECT_EQ(Word(r.p, 68), row.count);
+        EXPECT_EQ(Word(r.p, 72), c.size);
+        EXPECT_EQ(Chars(r.p + 76, r.p + 76 + row.restored->size()), *row.restored);
+    }
 }
 
-TEST(FastFraming, ExactBytesOfDeltaCodedRecords) {
-    const auto first = Order('B', 11, 'x', "ABC", "HELLO", "");
-    const auto second = Order('B', 12, 'x', "ABC", "HELLO", "Z");
-    const auto m = FastReq<kT_ORDER>(3, Concat({first, second, second}));
-    const Bytes expected = {0x03, 0x00,                                                       // count
-                            0x0f, 0x00, 0xde, 0x00, 0xc2, 0x00, 0xf8, 0x83, 'A', 'B', 'C',  // first record
-                            'H', 'E', 'L', 'L', 'O' | 0x80, 0x80,                            //
-                            0x04, 0x00, 0xa2, 0x8c, 0x81, 'Z',                               // only what changed
-                            0x01, 0x00, 0x80};                                               // identical: map only
-    EXPECT_EQ(Body(m), expected);
-
-    Restored r;
-    FastRestoreReq<kT_ORDER>(r, m);
-    ASSERT_EQ(r.rc, 1);
-    EXPECT_EQ(r.len, 76 + 3 * 83);
-    EXPECT_EQ(RecordOf(r, 0, 83), first);
-    EXPECT_EQ(RecordOf(r, 1, 83), second);
-    EXPECT_EQ(RecordOf(r, 2, 83), second);
-    EXPECT_EQ(Word(r.p, 72), 83);
-}
-
-TEST(FastFraming, ClassicPackersWriteNothingPastTheMessage) {
+TEST(Framing, ClassicFastPackerWritesNothingPastTheMessage) {
     // The classic packers are not told their capacity: records are coded in
     // place only where the records still to come prove the room, so a buffer
     // of exactly the message's length suffices (AddressSanitizer watches the
@@ -156,318 +285,269 @@ TEST(FastFraming, ClassicPackersWriteNothingPastTheMessage) {
         const std::string t(static_cast<std::size_t>(1 + i % 31), static_cast<char>('a' + i % 26));
         return Order('B', static_cast<char>(i), 'y', t, t.substr(0, 23), t.substr(0, 23));
     };
-    struct Case {
-        int records, headCount;
-        bool changing;
-    };
-    for (const Case c : {Case{1, 1, false}, Case{7, 7, false}, Case{40, 40, false}, Case{40, 40, true},
-                         Case{12, 30, true}, Case{3, 3, true}}) {
-        SCOPED_TRACE(std::to_string(c.records) + " records, head count " + std::to_string(c.headCount));
-        std::vector<char> data;
-        for (int i = 0; i < c.records; ++i) {
-            const auto r = c.changing ? change(i) : repeat;
+    const Codec c = Fast<kT_ORDER>();
+    for (const auto& [records, headCount, changing] :
+         {std::tuple{1, 1, false}, {7, 7, false}, {40, 40, false}, {40, 40, true}, {12, 30, true}, {3, 3, true}}) {
+        SCOPED_TRACE(std::to_string(records) + " records, head count " + std::to_string(headCount));
+        Chars data;
+        for (int i = 0; i < records; ++i) {
+            const auto r = changing ? change(i) : repeat;
             data.insert(data.end(), r.begin(), r.end());
         }
-        const auto expected = FastReq<kT_ORDER>(c.headCount, data);
-        Exact out(std::vector<char>(expected.size(), 0));
-        tagREQ_HEAD head = ReqHead(9000, 0x10, c.headCount, 83);
-        std::memcpy(out.data(), &head, 76);
+        const auto expected = Pack(c, headCount, data);
+        Exact out(expected);
+        std::memset(out.data() + 76, 0, expected.size() - 76);
         int len = 76;
         Exact in(data);
-        ASSERT_EQ(trdcomp::fast::PackRequest<kT_ORDER>(out.data(), len, in.data(), in.size(), 1), 1);
+        ASSERT_EQ(c.pack(out.data(), len, in.data(), in.size(), d::kUnbounded), 1);
         ASSERT_EQ(len, static_cast<int>(expected.size()));
-        EXPECT_EQ(std::vector<char>(out.data() + 76, out.data() + len), std::vector<char>(expected.begin() + 76, expected.end()));
+        EXPECT_EQ(Chars(out.data(), out.data() + len), expected);
     }
 }
 
-TEST(FastFraming, FirstRecordAtTheDefaultsStillSendsItsTexts) {
-    const auto m = FastReq<kT_ORDER>(1, Order('A', 11, 0, "", "", ""));
-    EXPECT_EQ(Body(m), Bytes({0x01, 0x00, 0x04, 0x00, 0x8e, 0x80, 0x80, 0x80}));
-    // A char that differs from its default 11 is sent; an all-zero block is not.
-    const auto z = FastReq<kT_SEVEN>(1, std::vector<char>(28, 0));
-    EXPECT_EQ(Body(z), Bytes({0x01, 0x00, 0x03, 0x00, 0xa2, 0x80, 0x80}));
+// ---- answers ----
+
+namespace {
+
+using TwoSections = d::Sections<kT_SEVEN, kT_EIGHT>;
+using CountSwitched = d::Switched<kT_GAP, kT_SEVEN>;
+using OneSection = d::Sections<kT_SEVEN>;
+
+Chars Records(int count, int size, char seed) {
+    Chars v(static_cast<std::size_t>(count * size), 0);
+    for (int i = 0; i < count; ++i) {
+        char* r = v.data() + i * size;
+        r[0] = static_cast<char>(seed + i);
+        if (size == 28) {
+            const int n = 1000 * i - 7;
+            std::memcpy(r + 2, &n, 4);
+            std::memcpy(r + 22, "ab", 2);
+        } else {
+            r[size - 1] = static_cast<char>(seed);
+        }
+    }
+    return v;
 }
 
-TEST(FastFraming, PresenceMapOfEightFieldsTakesTwoBytes) {
-    std::vector<char> rec(8, 0);
-    rec[7] = 'x';
-    const auto m = FastReq<kT_EIGHT>(1, rec);
-    EXPECT_EQ(Body(m), Bytes({0x01, 0x00, 0x04, 0x00, 0x00, 0xc0, 0x00, 0xf8}));
-    Restored r;
-    FastRestoreReq<kT_EIGHT>(r, m);
-    ASSERT_EQ(r.rc, 1);
-    EXPECT_EQ(RecordOf(r, 0, 8), rec);
+struct Answer {
+    tagANS_Proc proc{};
+    std::vector<Chars> arrays;
+};
+
+Answer Make(std::vector<std::pair<int, int>> shape) {
+    Answer a;
+    a.proc.nFuncId = 9000;
+    a.proc.nArrayCount = static_cast<int>(shape.size());
+    char seed = 'a';
+    for (std::size_t j = 0; j < shape.size(); ++j) {
+        a.proc.nRecCount[j] = shape[j].first;
+        a.proc.nRecSize[j] = shape[j].second;
+        a.arrays.push_back(Records(shape[j].first, shape[j].second, seed));
+        seed = static_cast<char>(seed + 10);
+    }
+    a.arrays.resize(5);
+    return a;
 }
 
-TEST(FastFraming, MapWithoutStopBitDecodesAsNothingSent) {
-    auto m = FastReq<kT_SEVEN>(1, Seven('a', 'b', 1, 2, 3.0, "x", 1, 2));
-    // Replace the record by two bytes without a stop bit.
-    m.resize(76 + 2);
-    m.insert(m.end(), {0x02, 0x00, 0x7f, 0x7f});
-    Restored r;
-    FastRestoreReq<kT_SEVEN>(r, m);
-    ASSERT_EQ(r.rc, 1);
-    std::vector<char> defaults(28, 0);
-    defaults[1] = 11;
-    EXPECT_EQ(RecordOf(r, 0, 28), defaults);
+// Head (and the 2008 section table) as the dispatcher writes them, then the codec.
+template <class Shape>
+Chars PackAnswer(const Answer& a, bool fast, std::int64_t cap = d::kUnbounded, int* rc = nullptr) {
+    Chars out(1 << 16, 0);
+    SetWord(out.data(), 0, 96);
+    SetWord(out.data(), 4, 9000);
+    const int k = a.proc.nArrayCount;
+    SetWord(out.data(), 8, (k > 1 ? 2 : 0) | (fast ? 0x10 : 0));
+    SetWord(out.data(), 88, a.proc.nRecCount[0]);
+    SetWord(out.data(), 92, a.proc.nRecSize[0]);
+    int len = 96;
+    if (k > 1 && !fast) {
+        SetWord(out.data(), 96, 8 * k + 4);
+        for (int j = 0; j < k; ++j) {
+            SetWord(out.data(), 100 + 8 * j, a.proc.nRecCount[j]);
+            SetWord(out.data(), 104 + 8 * j, a.proc.nRecSize[j]);
+        }
+        len += 8 * k + 4;
+    }
+    char* arrays[5];
+    for (int j = 0; j < 5; ++j) arrays[j] = const_cast<char*>(a.arrays[static_cast<std::size_t>(j)].data());
+    const int got = fast ? trdcomp::fast::PackAnswer<Shape>(out.data(), len, &a.proc, arrays, 1, cap)
+                         : trdcomp::codec2008::PackAnswer<Shape>(out.data(), len, &a.proc, arrays, 0, cap);
+    if (rc)
+        *rc = got;
+    else
+        EXPECT_EQ(got, 1);
+    EXPECT_LE(len, cap);
+    out.resize(static_cast<std::size_t>(len));
+    return out;
 }
 
-TEST(FastFraming, FullWidthTextsLoseTheirLastCharacter) {
-    const std::string full32(32, 'S');
-    const auto m = FastReq<kT_ORDER>(1, Order('A', 11, 0, full32, "", "tail"));
-    Restored r;
-    FastRestoreReq<kT_ORDER>(r, m);
-    ASSERT_EQ(r.rc, 1);
-    const auto rec = RecordOf(r, 0, 83);
-    EXPECT_EQ(std::string(rec.data() + 3), std::string(31, 'S'));
-    EXPECT_EQ(std::string(rec.data() + 59), "tail");  // a counted string does not misalign
+template <class Shape>
+void RestoreAnswer(Restored& r, const Chars& m, bool fast) {
+    Exact in(m);
+    r.rc = fast ? trdcomp::fast::RestoreAnswer<Shape>(in.data(), in.size(), &r.p, r.len, 1)
+                : trdcomp::codec2008::RestoreAnswer<Shape>(in.data(), in.size(), &r.p, r.len, 0);
 }
 
-TEST(FastFraming, DoublesKeepThreeDecimalsAndNaNAlwaysTravels) {
-    const auto a = Seven(0, 11, 0, 0, 1.23456, "", 0, 0);
-    const auto b = Seven(0, 11, 0, 0, std::nan(""), "", 0, 0);
-    const auto m = FastReq<kT_SEVEN>(3, Concat({a, b, b}));
-    Restored r;
-    FastRestoreReq<kT_SEVEN>(r, m);
-    ASSERT_EQ(r.rc, 1);
-    double v;
-    std::memcpy(&v, r.p + 76 + 14, 8);
-    EXPECT_DOUBLE_EQ(v, 1.234);
-    // The NaN is sent in both records (INT64_MIN on the wire, read back as 0).
-    EXPECT_EQ(Body(m).size(), 2u + (2 + 4) + (2 + 1 + 10) + (2 + 1 + 10));
+}  // namespace
+
+TEST(AnswerFraming, TwoSections) {
+    for (bool fast : {false, true}) {
+        SCOPED_TRACE(fast ? "fast" : "2008");
+        const Answer a = Make({{3, 28}, {2, 8}});
+        const auto m = PackAnswer<TwoSections>(a, fast);
+        if (fast) {
+            EXPECT_EQ(Word(m.data(), 96), 3 | 2 << 16);  // all counts first
+        }
+        Restored r;
+        RestoreAnswer<TwoSections>(r, m, fast);
+        ASSERT_EQ(r.rc, 1);
+        ASSERT_EQ(r.len, 96 + 20 + 3 * 28 + 2 * 8);
+        EXPECT_EQ(Word(r.p, 0), 96);
+        EXPECT_EQ(Word(r.p, 8) & 2, 2);
+        EXPECT_EQ(Chars(r.p + 96, r.p + 116), Words({20, 3, 28, 2, 8}));
+        EXPECT_EQ(Chars(r.p + 116, r.p + 200), a.arrays[0]);
+        EXPECT_EQ(Chars(r.p + 200, r.p + 216), a.arrays[1]);
+    }
 }
 
-TEST(FastFraming, SeveralArraysRefusedOnRequests) {
-    auto m = FastReq<kT_SEVEN>(1, Seven(1, 2, 3, 4, 5, "a", 0, 0));
-    SetWord(m.data(), 8, Word(m.data(), 8) | 2);
+TEST(AnswerFraming, CountSwitchedLayoutFollowsTheCount) {
+    for (const auto& [count, size] : {std::pair{0, 12}, {1, 12}, {2, 28}, {5, 28}}) {
+        const Answer a = Make({{count, size}});
+        for (bool fast : {false, true}) {
+            SCOPED_TRACE(std::to_string(count) + (fast ? " fast" : " 2008"));
+            Restored r;
+            RestoreAnswer<CountSwitched>(r, PackAnswer<CountSwitched>(a, fast), fast);
+            ASSERT_EQ(r.rc, 1);
+            EXPECT_EQ(r.len, 96 + count * size);
+            EXPECT_EQ(Word(r.p, 88), count);
+            EXPECT_EQ(Word(r.p, 92), size);
+            EXPECT_EQ(Word(r.p, 8) & 2, 0);
+            Chars expected = a.arrays[0];
+            if (size == 12)  // the narrow layout does not carry bytes 1..7
+                for (int i = 0; i < count; ++i) std::fill(expected.begin() + 12 * i + 1, expected.begin() + 12 * i + 8, 0);
+            EXPECT_EQ(Chars(r.p + 96, r.p + r.len), expected);
+        }
+    }
+}
+
+TEST(AnswerFraming, AllocationFailureClearsOutLen) {
+    const auto m = PackAnswer<OneSection>(Make({{2, 28}}), true);
     Restored r;
-    FastRestoreReq<kT_SEVEN>(r, m);
+    alloc_hook::FailNext(1);
+    RestoreAnswer<OneSection>(r, m, true);
+    alloc_hook::FailNext(0);
     EXPECT_EQ(r.rc, 0);
     EXPECT_EQ(r.p, nullptr);
+    EXPECT_EQ(r.len, 0);
 }
 
-TEST(FastFraming, ShortDataTravelsRawAndIsRestoredFromTheMessageStart) {
-    const std::vector<char> data = {'r', 'a', 'w', '!', '!'};
-    const auto m = FastReq<kT_GAP>(1, data);
-    ASSERT_EQ(m.size(), 81u);
-    EXPECT_EQ(Word(m.data(), 8) & 1, 0);
-    EXPECT_EQ(std::string(m.data() + 76, 5), "raw!!");
-    Restored r;
-    FastRestoreReq<kT_GAP>(r, m);
-    ASSERT_EQ(r.rc, 1);
-    // Raw records are copied from the message start, head included.
-    EXPECT_EQ(RecordOf(r, 0, 12), std::vector<char>(m.begin(), m.begin() + 12));
+TEST(AnswerFraming, CapacityBoundsThePackers) {
+    const Answer a = Make({{3, 28}});
+    const auto size = static_cast<std::int64_t>(PackAnswer<OneSection>(a, false).size());
+    for (std::int64_t cap : {size - 1, size}) {
+        int rc = -1;
+        PackAnswer<OneSection>(a, false, cap, &rc);  // checks the length stays within cap
+        EXPECT_EQ(rc, cap >= size ? 1 : 0) << cap;
+    }
 }
 
-TEST(FastFraming, VersionZeroWritesNothing) {
-    const auto m = FastReq<kT_SEVEN>(1, Seven(1, 2, 3, 4, 5, "a", 0, 0), 0);
-    EXPECT_EQ(m.size(), 76u);
-    EXPECT_EQ(Word(m.data(), 8) & 1, 0);
-}
+// ---- hostile input ----
 
-// ---- 2008 framing ----
+namespace {
 
-TEST(Framing2008, ExactBytesAndTheInt32FlagRule) {
-    const auto rec = Seven('a', 0x7f, -5, 300, 1.5, "AB", 1, 0);
-    const Bytes fields = {'a', 0x7f, 0x09, 0xd8, 0x04, 0xb0, 0xea, 0x01, 0x02, 'A', 'B', 0x01, 0x01};
-    Bytes withLen = {13, 0, 0, 0};
-    withLen.insert(withLen.end(), fields.begin(), fields.end());
-    EXPECT_EQ(Body(ReqOf2008<kT_SEVEN>(1, rec, 0)), withLen);
-    EXPECT_EQ(Body(ReqOf2008<kT_SEVEN>(1, rec, 1)), withLen);  // int32 as int64: same zigzag bytes
-    // Flag 2: the int32 is left out...
-    Bytes noInt = {12, 0, 0, 0, 'a', 0x7f, 0xd8, 0x04, 0xb0, 0xea, 0x01, 0x02, 'A', 'B', 0x01, 0x01};
-    const auto m2 = ReqOf2008<kT_SEVEN>(1, rec, 2);
-    EXPECT_EQ(Body(m2), noInt);
-    // ...while the decoder reads it as an int64, so the record comes back wrong.
-    Restored r;
-    Restore2008Req<kT_SEVEN>(r, m2, 2);
-    ASSERT_EQ(r.rc, 1);
-    EXPECT_NE(RecordOf(r, 0, 28), rec);
+using RestoreFn = std::function<void(Restored&, const Chars&)>;
 
-    Restored ok;
-    Restore2008Req<kT_SEVEN>(ok, ReqOf2008<kT_SEVEN>(1, rec, 1), 1);
-    EXPECT_EQ(RecordOf(ok, 0, 28), rec);
-}
-
-TEST(Framing2008, RawBelowOneRecordCodedFromOne) {
-    const auto shortData = ReqOf2008<kT_SEVEN>(1, std::vector<char>(27, 'q'));
-    EXPECT_EQ(shortData.size(), 76u + 27);
-    EXPECT_EQ(Word(shortData.data(), 8) & 1, 0);
-    const auto full = ReqOf2008<kT_SEVEN>(1, std::vector<char>(28, 0));
-    EXPECT_EQ(Word(full.data(), 8) & 1, 1);
-    const auto none = ReqOf2008<kT_SEVEN>(0, std::vector<char>(28, 0));
-    EXPECT_EQ(none.size(), 76u);
-    EXPECT_EQ(Word(none.data(), 8) & 1, 1);  // no record, still marked coded
-
-    Restored r;
-    Restore2008Req<kT_SEVEN>(r, none);
-    ASSERT_EQ(r.rc, 1);
-    EXPECT_EQ(r.len, 76);
-    EXPECT_EQ(Word(r.p, 72), 28);
-}
-
-TEST(Framing2008, RecordsRoundTripWithFourDecimals) {
-    const auto a = Seven('a', 'b', -7, -1234567890123LL, -1.5, "xyz", 9, 8);
-    const auto b = Seven(0, 0, 0, 0, 1.23456, "full", 0, 0);  // a text that fills its field
-    const auto m = ReqOf2008<kT_SEVEN>(2, Concat({a, b}));
-    Restored r;
-    Restore2008Req<kT_SEVEN>(r, m);
-    ASSERT_EQ(r.rc, 1);
-    auto expectA = a;
-    Put(expectA, 14, -1.4999);  // the half unit is added before truncation, whatever the sign
-    auto got = RecordOf(r, 0, 28);
-    double v;
-    std::memcpy(&v, got.data() + 14, 8);
-    EXPECT_DOUBLE_EQ(v, -1.4999);
-    Put(got, 14, -1.4999);
-    EXPECT_EQ(got, expectA);
-    const auto gotB = RecordOf(r, 1, 28);
-    std::memcpy(&v, gotB.data() + 14, 8);
-    EXPECT_DOUBLE_EQ(v, 1.2346);
-    EXPECT_EQ(std::string(gotB.data() + 22, 4), "full");
-}
-
-TEST(Framing2008, RecordThatEndsEarlyLeavesTheRestZero) {
-    auto m = Request(1, 1, 28, {}, [](char*, int&, const char*, int) {});
-    const Bytes rec = {2, 0, 0, 0, 'a', 'b', 0x09, 0x09};  // L = 2: only the chars
-    m.insert(m.end(), rec.begin(), rec.end());
-    Restored r;
-    Restore2008Req<kT_SEVEN>(r, m);
-    ASSERT_EQ(r.rc, 1);
-    std::vector<char> expected(28, 0);
-    expected[0] = 'a';
-    expected[1] = 'b';
-    EXPECT_EQ(RecordOf(r, 0, 28), expected);
-}
-
-TEST(Framing2008, DecodeLimitsBeyondTheWidthAreKept) {
-    // An 11-character text for an 8-byte field decoded with limit 12: the int
-    // decoded after it overwrites bytes 8..11.
-    auto m = Request(1, 1, 12, {}, [](char*, int&, const char*, int) {});
-    const Bytes rec = {13, 0, 0, 0, 11, 'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 'I', 'J', 'K', 0x02};
-    m.insert(m.end(), rec.begin(), rec.end());
-    Restored r;
-    Restore2008Req<kT_LIMIT>(r, m);
-    ASSERT_EQ(r.rc, 1);
-    EXPECT_EQ(std::string(r.p + 76, 8), "ABCDEFGH");
-    EXPECT_EQ(Word(r.p, 84), 1);
-
-    // A last text decoded past its record runs into the spare bytes.
-    auto t = Request(1, 1, 8, {}, [](char*, int&, const char*, int) {});
-    const Bytes tail = {12, 0, 0, 0, 0x02, 10, 'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j'};
-    t.insert(t.end(), tail.begin(), tail.end());
-    Restored rt;
-    Restore2008Req<kT_TAIL_LIMIT>(rt, t);
-    ASSERT_EQ(rt.rc, 1);
-    EXPECT_EQ(rt.len, 84);
-    EXPECT_EQ(std::string(rt.p + 80, 10), "abcdefghij");
-}
-
-TEST(Framing2008, CountedArrayCodesOnlyItsCount) {
-    auto rec = [](int count) {
-        std::vector<char> r(17, 0);
-        Put(r, 0, count);
-        for (int e = 0; e < 3; ++e) {
-            r[4 + 3 * e] = static_cast<char>('a' + e);
-            r[5 + 3 * e] = static_cast<char>('A' + e);
+// Every truncation and a set of single-byte corruptions of a valid message:
+// each restore either refuses or succeeds, and the sanitizers see no stray access.
+void Sweep(const Chars& valid, const RestoreFn& restore, std::size_t headLen) {
+    int accepted = 0;
+    for (std::size_t n = headLen; n <= valid.size(); ++n) {
+        Restored r;
+        restore(r, Chars(valid.begin(), valid.begin() + static_cast<long>(n)));
+        accepted += r.rc == 1;
+        ASSERT_TRUE(r.rc == 0 || r.rc == 1);
+    }
+    for (std::size_t i = 0; i < valid.size(); ++i)
+        for (unsigned char v : {0x00, 0x7F, 0x80, 0xFF}) {
+            Chars m = valid;
+            m[i] = static_cast<char>(v);
+            Restored r;
+            restore(r, m);
+            ASSERT_TRUE(r.rc == 0 || r.rc == 1);
         }
-        PutText(r, 13, "end");
-        return r;
-    };
-    struct Case {
-        int count;
-        int entries;
-    };
-    for (const Case c : {Case{5, 3}, Case{2, 2}, Case{0, 0}, Case{-4, 0}}) {
-        SCOPED_TRACE(c.count);
-        const auto m = ReqOf2008<kT_COUNTED>(1, rec(c.count));
+    EXPECT_GT(accepted, 0);
+}
+
+}  // namespace
+
+TEST(HostileEngines, TruncatedAndCorruptedMessages) {
+    const auto data = Records(4, 28, 'k');
+    for (const Codec& c : {C2008<kT_SEVEN>(), Fast<kT_SEVEN>()})
+        Sweep(Pack(c, 4, data), [&](Restored& r, const Chars& m) { Restore(c, r, m); }, 76);
+    const Answer a = Make({{3, 28}, {2, 8}}), s = Make({{4, 28}});
+    for (bool fast : {false, true})
+        Sweep(PackAnswer<TwoSections>(a, fast), [&](Restored& r, const Chars& m) { RestoreAnswer<TwoSections>(r, m, fast); }, 96);
+    Sweep(PackAnswer<CountSwitched>(s, true), [](Restored& r, const Chars& m) { RestoreAnswer<CountSwitched>(r, m, true); }, 96);
+}
+
+TEST(HostileEngines, CountsBeyondTheMessageAreRefusedBeforeAllocating) {
+    for (const auto& [fast, count] : {std::pair{false, 1 << 30}, {true, 1 << 30}, {false, 1000}, {true, 60000}}) {
+        SCOPED_TRACE(count);
+        const Codec c = fast ? Fast<kT_SEVEN>() : C2008<kT_SEVEN>();
+        auto m = Pack(c, 1, Records(1, 28, 'z'));
+        SetWord(m.data(), 68, count);
+        if (fast) m[76] = static_cast<char>(count & 0xFF), m[77] = static_cast<char>((count >> 8) & 0xFF);
         Restored r;
-        Restore2008Req<kT_COUNTED>(r, m);
-        ASSERT_EQ(r.rc, 1);
-        auto expected = rec(c.count);
-        for (int e = c.entries; e < 3; ++e) expected[4 + 3 * e] = expected[5 + 3 * e] = 0;
-        EXPECT_EQ(RecordOf(r, 0, 17), expected);
-        // The Fast coding carries every entry.
-        Restored f;
-        FastRestoreReq<kT_COUNTED>(f, FastReq<kT_COUNTED>(1, rec(c.count)));
-        ASSERT_EQ(f.rc, 1);
-        EXPECT_EQ(RecordOf(f, 0, 17), rec(c.count));
+        alloc_hook::ResetLastNothrowSize();
+        Restore(c, r, m);
+        EXPECT_EQ(r.rc, 0);
+        EXPECT_EQ(r.p, nullptr);
+        EXPECT_EQ(alloc_hook::LastNothrowSize(), 0u);
     }
 }
 
-TEST(Framing2008, SizedBlockIsLimitedByItsLength) {
-    std::vector<char> rec(24, '#');
-    Put(rec, 16, 5);
-    PutText(rec, 20, "tx");
-    rec[22] = 0;  // byte 23 behind the terminator is not carried
+TEST(HostileEngines, FastFramingThatContradictsTheHeadIsRefused) {
+    // Several arrays flagged on a request.
+    const Codec c = Fast<kT_SEVEN>();
+    auto several = Pack(c, 1, Seven(1, 2, 3, 4, 5, "a", 0, 0));
+    SetWord(several.data(), 8, Word(several.data(), 8) | 2);
     Restored r;
-    Restore2008Req<kT_BLOCK>(r, ReqOf2008<kT_BLOCK>(1, rec));
-    ASSERT_EQ(r.rc, 1);
-    auto expected = rec;
-    std::fill(expected.begin() + 5, expected.begin() + 16, 0);
-    expected[23] = 0;
-    EXPECT_EQ(RecordOf(r, 0, 24), expected);
+    Restore(c, r, several);
+    EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(r.p, nullptr);
+
+    // The u16 count behind a request's head, and an answer head's count, each
+    // one more than the other says: refused. The request's zeroed buffer
+    // stays in *out.
+    const Answer a = Make({{2, 28}});
+    auto req = Pack(c, 2, a.arrays[0]);
+    req[76] = 3;
+    Restored q;
+    Restore(c, q, req);
+    EXPECT_EQ(q.rc, 0);
+    EXPECT_NE(q.p, nullptr);
+    EXPECT_EQ(q.len, 76 + 2 * 28);
+    auto ans = PackAnswer<OneSection>(a, true);
+    SetWord(ans.data(), 88, 3);
+    Restored s;
+    RestoreAnswer<OneSection>(s, ans, true);
+    EXPECT_EQ(s.rc, 0);
 }
 
-TEST(FastFraming, SizedBlockAlwaysTravelsWithClampedLength) {
-    struct Case {
-        int len;
-        int sent;
-    };
-    for (const Case c : {Case{5, 5}, Case{16, 16}, Case{100, 16}, Case{-1, 16}, Case{0, 0}}) {
-        SCOPED_TRACE(c.len);
-        std::vector<char> rec(24, 0);
-        for (int i = 0; i < 16; ++i) rec[static_cast<std::size_t>(i)] = static_cast<char>(i + 1);
-        Put(rec, 16, c.len);
-        const auto m = FastReq<kT_BLOCK>(1, rec);
-        const Bytes body = Body(m);
-        // u16 count, u16 length, map (block, length and text bits), block length byte.
-        ASSERT_GT(body.size(), 6u);
-        EXPECT_EQ(body[4], 0x80 | 0x40 | 0x20 | 0x10);
-        EXPECT_EQ(body[5], 0x80 | c.sent);
+TEST(HostileEngines, RecordsOutsideTheCallersDataAreNotRead) {
+    // The head promises four records of a 28-byte stride; the data holds two.
+    const auto data = Records(2, 28, 'p');
+    for (const Codec& c : {C2008<kT_SEVEN>(), Fast<kT_SEVEN>()}) {
+        Exact exact(data);
+        Chars out = Head(c, c.Flags(), 4);
+        out.resize(4096);
+        int len = 76;
+        c.pack(out.data(), len, exact.data(), exact.size(), d::kUnbounded);
+        out.resize(static_cast<std::size_t>(len));
         Restored r;
-        FastRestoreReq<kT_BLOCK>(r, m);
+        Restore(c, r, out);
         ASSERT_EQ(r.rc, 1);
-        auto expected = rec;
-        for (int i = c.sent; i < 16; ++i) expected[static_cast<std::size_t>(i)] = 0;
-        EXPECT_EQ(RecordOf(r, 0, 24), expected);
+        EXPECT_EQ(Chars(r.p + 76, r.p + 132), data);
+        EXPECT_EQ(Chars(r.p + 132, r.p + 188), Chars(56, 0));
     }
-}
-
-TEST(BothCodings, UncodedBytesAndEmptyLayouts) {
-    std::vector<char> gap(12, 'g');
-    Put(gap, 8, 77);
-    auto expected = gap;
-    std::fill(expected.begin() + 1, expected.begin() + 8, 0);
-    Restored a, b;
-    Restore2008Req<kT_GAP>(a, ReqOf2008<kT_GAP>(1, gap));
-    FastRestoreReq<kT_GAP>(b, FastReq<kT_GAP>(1, gap));
-    ASSERT_EQ(a.rc, 1);
-    ASSERT_EQ(b.rc, 1);
-    EXPECT_EQ(RecordOf(a, 0, 12), expected);
-    EXPECT_EQ(RecordOf(b, 0, 12), expected);
-
-    // A layout with no coded field codes every record to length 0.
-    const std::vector<char> two = {'x', 'y'};
-    EXPECT_EQ(Body(ReqOf2008<kT_NOTHING>(2, two)), Bytes({0, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(Body(FastReq<kT_NOTHING>(2, two)), Bytes({2, 0, 0, 0, 0, 0}));
-    Restored n;
-    FastRestoreReq<kT_NOTHING>(n, FastReq<kT_NOTHING>(2, two));
-    ASSERT_EQ(n.rc, 1);
-    EXPECT_EQ(RecordOf(n, 0, 2), std::vector<char>(2, 0));
-}
-
-TEST(BothCodings, LateFieldsAreCodedLast) {
-    std::vector<char> rec(16, 0);
-    PutText(rec, 0, "ab");
-    PutText(rec, 4, "cdefg");
-    Put(rec, 12, 1);
-    const Bytes fields = {0x02, 0x02, 'a', 'b', 0x05, 'c', 'd', 'e', 'f', 'g'};
-    Bytes expected = {10, 0, 0, 0};
-    expected.insert(expected.end(), fields.begin(), fields.end());
-    EXPECT_EQ(Body(ReqOf2008<kT_LATE>(1, rec)), expected);
-    Restored r;
-    FastRestoreReq<kT_LATE>(r, FastReq<kT_LATE>(1, rec));
-    ASSERT_EQ(r.rc, 1);
-    EXPECT_EQ(RecordOf(r, 0, 16), rec);
 }

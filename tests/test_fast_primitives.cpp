@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <functional>
+#include <iterator>
 #include <limits>
 #include <string>
 #include <utility>
@@ -24,12 +26,33 @@ std::string Field(const char* text, std::size_t width) {
     return f;
 }
 
-template <class Fn>
-Bytes Written(Fn write) {
+Bytes Written(const std::function<std::uint32_t(byte*)>& write) {
     Bytes buf(64, 0xEE);
-    const auto n = write(buf.data());
-    buf.resize(n);
+    buf.resize(write(buf.data()));
     return buf;
+}
+
+// A reader on `wire` followed by filler bytes: the count it returns and what it stored.
+struct Read {
+    std::int64_t count;
+    std::string value;
+    bool operator==(const Read&) const = default;
+};
+std::ostream& operator<<(std::ostream& o, const Read& r) { return o << r.count << " \"" << r.value << '"'; }
+
+template <class T>
+Read Number(std::int64_t (*get)(const byte*, T*), Bytes wire) {
+    wire.resize(wire.size() + 16, 0x99);
+    T v{};
+    const std::int64_t n = get(wire.data(), &v);
+    return {n, std::to_string(v)};
+}
+Read Text(std::int64_t (*get)(const byte*, char*, int), Bytes wire, int max) {
+    wire.resize(wire.size() + 16, 0x99);
+    char s[64];
+    std::memset(s, 'Z', sizeof s);
+    const std::int64_t n = get(wire.data(), s, max);
+    return {n, std::string(s, ::strnlen(s, sizeof s))};
 }
 
 struct SignedCase {
@@ -58,8 +81,7 @@ const SignedCase kSigned[] = {
     {INT64_MAX, {0x00, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0xff}, INT64_MAX},
     // Bit 63 is cleared on the way out: INT64_MIN reads back as 0, -2^62 as +2^62.
     {INT64_MIN, {0x40, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80}, 0},
-    {-(std::int64_t{1} << 62), {0x40, 0x40, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80},
-     std::int64_t{1} << 62},
+    {-(std::int64_t{1} << 62), {0x40, 0x40, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80}, std::int64_t{1} << 62},
 };
 
 }  // namespace
@@ -69,9 +91,7 @@ TEST(FastPrimitives, SignedWriterAndReaderMatchTheWireTable) {
         SCOPED_TRACE(c.value);
         EXPECT_EQ(Written([&](byte* p) { return FastPutInt64(p, c.value); }), c.wire);
         EXPECT_EQ(FastSizeInt64(c.value), c.wire.size());
-        std::int64_t back = 12345;
-        EXPECT_EQ(FastGetInt64(c.wire.data(), &back), static_cast<std::int64_t>(c.wire.size()));
-        EXPECT_EQ(back, c.readBack);
+        EXPECT_EQ(Number(FastGetInt64, c.wire), (Read{static_cast<std::int64_t>(c.wire.size()), std::to_string(c.readBack)}));
     }
 }
 
@@ -90,117 +110,71 @@ TEST(FastPrimitives, SizesFollowMagnitudeThresholds) {
     EXPECT_EQ(FastSizeUInt64(UINT64_MAX), 10u);
 }
 
-TEST(FastPrimitives, UnsignedWriters) {
-    // One byte for 64..127 unsigned, where the signed writer needs two.
-    const std::pair<std::uint64_t, Bytes> cases[] = {
-        {0, {0x80}}, {64, {0xc0}}, {127, {0xff}}, {UINT64_MAX, {0x01, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0xff}}};
-    for (const auto& c : cases) EXPECT_EQ(Written([&](byte* p) { return FastPutUInt64(p, c.first); }), c.second) << c.first;
-    EXPECT_EQ(Written([](byte* p) { return FastPutUInt16(p, 0xFFFF); }), Bytes({0x03, 0x7f, 0xff}));
-}
-
-TEST(FastPrimitives, NarrowReadersKeepTheirWidth) {
-    const Bytes minus64 = {0xc0};  // the short coding of -64 is accepted too
-    std::int64_t v64;
-    EXPECT_EQ(FastGetInt64(minus64.data(), &v64), 1);
-    EXPECT_EQ(v64, -64);
-
-    // A character at or above 0x80 travels as a negative number.
-    const Bytes c8 = Written([](byte* p) { return FastPutInt8(p, static_cast<signed char>(0xC8)); });
-    EXPECT_EQ(c8, Bytes({0xc8}));
-    signed char ch = 0;
-    EXPECT_EQ(FastGetInt8(c8.data(), &ch), 1);
-    EXPECT_EQ(static_cast<unsigned char>(ch), 0xC8);
-
-    std::int16_t s16;
-    const Bytes wide = Written([](byte* p) { return FastPutInt64(p, 0x12345); });
-    EXPECT_EQ(FastGetInt16(wide.data(), &s16), static_cast<std::int64_t>(wide.size()));
-    EXPECT_EQ(s16, static_cast<std::int16_t>(0x2345));
-
-    std::int32_t s32;
-    const Bytes neg = Written([](byte* p) { return FastPutInt32(p, INT32_MIN); });
-    EXPECT_EQ(FastGetInt32(neg.data(), &s32), 5);
-    EXPECT_EQ(s32, INT32_MIN);
-
-    // The unsigned reader ignores the 0x40 sign bit.
-    std::uint16_t u16;
-    const Bytes u = {0xc0};
-    EXPECT_EQ(FastGetUInt16(u.data(), &u16), 1);
-    EXPECT_EQ(u16, 64);
-}
-
-TEST(FastPrimitives, AsciiStrings) {
-    EXPECT_EQ(Written([](byte* p) { return FastPutAscii(p, Field("", 8).c_str(), 8); }), Bytes({0x80}));
-    EXPECT_EQ(Written([](byte* p) { return FastPutAscii(p, Field("AB", 8).c_str(), 8); }), Bytes({0x41, 0xc2}));
-    EXPECT_EQ(Written([](byte* p) { return FastPutAscii(p, "ABCDEF", 3); }), Bytes({0x41, 0x42, 0xc3}));
-
-    char s[32];
-    Bytes empty(16, 0xEE);
-    empty[0] = 0x80;
-    EXPECT_EQ(FastGetAscii(empty.data(), s, 8), 1);
-    EXPECT_STREQ(s, "");
-    Bytes ab(16, 0x99);
-    ab[0] = 0x41;
-    ab[1] = 0xc2;
-    EXPECT_EQ(FastGetAscii(ab.data(), s, 8), 2);
-    EXPECT_STREQ(s, "AB");
-}
-
-TEST(FastPrimitives, FullWidthAsciiKeepsMaxMinusOneAndSearchesFromMax) {
-    const std::string full(24, 'X');
-    Bytes wire = Written([&](byte* p) { return FastPutAscii(p, full.c_str(), 24); });
-    ASSERT_EQ(wire.size(), 24u);
-    EXPECT_EQ(wire[23], 'X' | 0x80);
-
-    struct Case {
-        Bytes after;
-        std::int64_t count;
-    };
-    // The search starts at offset 24, past the string's own stop byte at 23.
-    const Case cases[] = {{{0x81}, 24}, {{0x01, 0x02, 0x83}, 26}};
-    for (const auto& c : cases) {
-        Bytes in = wire;
-        in.insert(in.end(), c.after.begin(), c.after.end());
-        char s[32];
-        std::memset(s, 'Z', sizeof s);
-        EXPECT_EQ(FastGetAscii(in.data(), s, 24), c.count);
-        EXPECT_EQ(std::string(s), std::string(23, 'X'));
-    }
-}
-
-TEST(FastPrimitives, CountedStringsAndBlocks) {
-    EXPECT_EQ(Written([](byte* p) { return FastPutString(p, Field("", 8).c_str(), 8); }), Bytes({0x80}));
-    EXPECT_EQ(Written([](byte* p) { return FastPutString(p, Field("AB", 8).c_str(), 8); }), Bytes({0x82, 'A', 'B'}));
-    EXPECT_EQ(Written([](byte* p) { return FastPutString(p, "ABCDEF", 4); }), Bytes({0x84, 'A', 'B', 'C', 'D'}));
-    EXPECT_EQ(Written([](byte* p) { return FastPutString(p, "AB", 0); }), Bytes({0x80}));
-    // Bytes of 0x80 and above travel as they are.
-    EXPECT_EQ(Written([](byte* p) { return FastPutString(p, Field("\xC8\xFF", 8).c_str(), 8); }), Bytes({0x82, 0xC8, 0xFF}));
-
-    // 32 characters with max 32 are sent whole and read back as 31; the full length is skipped.
-    const std::string full(32, 'Q');
-    Bytes wire = Written([&](byte* p) { return FastPutString(p, full.c_str(), 32); });
-    ASSERT_EQ(wire.size(), 33u);
-    char s[40];
-    EXPECT_EQ(FastGetString(wire.data(), s, 32), 33);
-    EXPECT_EQ(std::string(s), std::string(31, 'Q'));
-
-    // A negative length returns k + L and stores "".
-    const Bytes negative = {0xff};
-    s[0] = 'x';
-    EXPECT_EQ(FastGetString(negative.data(), s, 8), 0);
-    EXPECT_STREQ(s, "");
-
+TEST(FastPrimitives, Writers) {
     const unsigned char block[3] = {0x00, 0x80, 0xFF};
-    EXPECT_EQ(Written([&](byte* p) { return FastPutBytes(p, block, 3); }), Bytes({0x83, 0x00, 0x80, 0xFF}));
-    EXPECT_EQ(Written([&](byte* p) { return FastPutBytes(p, block, 0); }), Bytes({0x80}));
+    const std::string full24(24, 'X'), full32(32, 'Q');
+    Bytes ascii24(23, 'X'), string32(1, 0xa0);
+    ascii24.push_back('X' | 0x80);
+    string32.insert(string32.end(), 32, 'Q');
+    const std::pair<Bytes, Bytes> cases[] = {
+        // One byte for 64..127 unsigned, where the signed writer needs two.
+        {Written([](byte* p) { return FastPutUInt64(p, 0); }), {0x80}},
+        {Written([](byte* p) { return FastPutUInt64(p, 64); }), {0xc0}},
+        {Written([](byte* p) { return FastPutUInt64(p, 127); }), {0xff}},
+        {Written([](byte* p) { return FastPutUInt64(p, UINT64_MAX); }), {0x01, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0x7f, 0xff}},
+        {Written([](byte* p) { return FastPutUInt16(p, 0xFFFF); }), {0x03, 0x7f, 0xff}},
+        // A character at or above 0x80 travels as a negative number.
+        {Written([](byte* p) { return FastPutInt8(p, static_cast<signed char>(0xC8)); }), {0xc8}},
+        {Written([](byte* p) { return FastPutInt32(p, INT32_MIN); }), {0x78, 0x00, 0x00, 0x00, 0x80}},
+        // Ascii: the last character carries the stop bit, an empty text is 0x80.
+        {Written([](byte* p) { return FastPutAscii(p, Field("", 8).c_str(), 8); }), {0x80}},
+        {Written([](byte* p) { return FastPutAscii(p, Field("AB", 8).c_str(), 8); }), {0x41, 0xc2}},
+        {Written([](byte* p) { return FastPutAscii(p, "ABCDEF", 3); }), {0x41, 0x42, 0xc3}},
+        {Written([&](byte* p) { return FastPutAscii(p, full24.c_str(), 24); }), ascii24},
+        // Counted strings: length, then the bytes as they are.
+        {Written([](byte* p) { return FastPutString(p, Field("", 8).c_str(), 8); }), {0x80}},
+        {Written([](byte* p) { return FastPutString(p, Field("AB", 8).c_str(), 8); }), {0x82, 'A', 'B'}},
+        {Written([](byte* p) { return FastPutString(p, "ABCDEF", 4); }), {0x84, 'A', 'B', 'C', 'D'}},
+        {Written([](byte* p) { return FastPutString(p, "AB", 0); }), {0x80}},
+        {Written([](byte* p) { return FastPutString(p, Field("\xC8\xFF", 8).c_str(), 8); }), {0x82, 0xC8, 0xFF}},
+        {Written([&](byte* p) { return FastPutString(p, full32.c_str(), 32); }), string32},
+        {Written([&](byte* p) { return FastPutBytes(p, block, 3); }), {0x83, 0x00, 0x80, 0xFF}},
+        {Written([&](byte* p) { return FastPutBytes(p, block, 0); }), {0x80}},
+    };
+    for (std::size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
+}
+
+TEST(FastPrimitives, Readers) {
+    Bytes ascii24(23, 'X'), string32(1, 0xa0);
+    ascii24.push_back('X' | 0x80);
+    string32.insert(string32.end(), 32, 'Q');
+    const std::pair<Read, Read> cases[] = {
+        {Number(FastGetInt64, {0xc0}), {1, "-64"}},  // the short coding of -64 is accepted too
+        {Number(FastGetInt8, {0xc8}), {1, "-56"}},
+        {Number(FastGetInt16, {0x04, 0x46, 0xc5}), {3, std::to_string(std::int16_t{0x2345})}},  // 0x12345 kept to its width
+        {Number(FastGetInt32, {0x78, 0x00, 0x00, 0x00, 0x80}), {5, std::to_string(INT32_MIN)}},
+        {Number(FastGetUInt16, {0xc0}), {1, "64"}},  // the unsigned reader ignores the 0x40 sign bit
+        {Text(FastGetAscii, {0x80}, 8), {1, ""}},
+        {Text(FastGetAscii, {0x41, 0xc2}, 8), {2, "AB"}},
+        // A full-width text keeps max - 1 characters; the search for its end
+        // starts at max, past the text's own stop byte.
+        {Text(FastGetAscii, [&] { auto b = ascii24; b.push_back(0x81); return b; }(), 24), {24, std::string(23, 'X')}},
+        {Text(FastGetAscii, [&] { auto b = ascii24; b.insert(b.end(), {0x01, 0x02, 0x83}); return b; }(), 24), {26, std::string(23, 'X')}},
+        // 32 characters with max 32 are read back as 31; the full length is skipped.
+        {Text(FastGetString, string32, 32), {33, std::string(31, 'Q')}},
+        {Text(FastGetString, {0xff}, 8), {0, ""}},  // a negative length returns k + L and stores ""
+    };
+    for (std::size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
+
     const Bytes blockWire = {0x83, 0x01, 0x02, 0x03};
     unsigned char dst[4] = {9, 9, 9, 9};
     EXPECT_EQ(FastGetBytes(blockWire.data(), dst, 2), 4);  // copies max, skips L
-    EXPECT_EQ(dst[0], 1);
-    EXPECT_EQ(dst[1], 2);
-    EXPECT_EQ(dst[2], 9);
+    EXPECT_EQ(Bytes(dst, dst + 4), Bytes({1, 2, 9, 9}));
 }
 
 TEST(FastPrimitives, PricesKeepThreeDecimals) {
+    const Bytes int64Min = {0x40, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80};
+    const double inf = std::numeric_limits<double>::infinity();
     struct Case {
         double value;
         Bytes wire;
@@ -212,22 +186,18 @@ TEST(FastPrimitives, PricesKeepThreeDecimals) {
         {0.0, {0x80}, 0.0},
         {1.0, {0x07, 0xe8}, 1.0},
         {-1.5, {0x74, 0xa5}, -1.499},  // -1499.99995 truncates toward zero
+        // Outside the int64 range: INT64_MIN on the wire, read back as 0.
+        {std::nan(""), int64Min, 0.0},
+        {inf, int64Min, 0.0},
+        {-inf, int64Min, 0.0},
+        {1e300, int64Min, 0.0},
+        {-1e300, int64Min, 0.0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.value);
-        Bytes wire = Written([&](byte* p) { return FastPutPrice(p, c.value); });
-        EXPECT_EQ(wire, c.wire);
+        EXPECT_EQ(Written([&](byte* p) { return FastPutPrice(p, c.value); }), c.wire);
         double back = 99;
-        EXPECT_EQ(FastGetPrice(wire.data(), &back), static_cast<std::int64_t>(wire.size()));
+        EXPECT_EQ(FastGetPrice(c.wire.data(), &back), static_cast<std::int64_t>(c.wire.size()));
         EXPECT_DOUBLE_EQ(back, c.back);
-    }
-}
-
-TEST(FastPrimitives, DoublesOutsideTheInt64RangeTravelAsInt64Min) {
-    const Bytes minWire = Written([](byte* p) { return FastPutInt64(p, INT64_MIN); });
-    for (double v : {std::nan(""), std::numeric_limits<double>::infinity(),
-                     -std::numeric_limits<double>::infinity(), 1e300, -1e300}) {
-        SCOPED_TRACE(v);
-        EXPECT_EQ(Written([&](byte* p) { return FastPutPrice(p, v); }), minWire);
     }
 }

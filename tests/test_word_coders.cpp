@@ -1,6 +1,6 @@
 // The word-at-a-time forms that the record engines use, held against the
 // byte-by-byte primitives and the C library on boundary and pseudo-random
-// inputs, and the 2008 decoder's in-place decoding near a record's end.
+// inputs.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -8,13 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "codec2008/Engine2008.h"
-#include "common/LayoutMacros.h"
 #include "common/Text.h"
 #include "fastcodec/FastPrimitives.h"
-#include "support/Messages.h"
 
-#include "engine_layouts.def"
 
 using namespace trdcomp::fast;
 namespace d = trdcomp::detail;
@@ -143,50 +139,6 @@ TEST(WordCoders, ShortCopiesCopyExactlyTheirBytes) {
         d::CopyShort(dst + 8, src, n);
         for (std::size_t k = 0; k < sizeof dst; ++k)
             EXPECT_EQ(dst[k], k >= 8 && k < 8 + n ? src[k - 8] : '.') << n << " " << k;
-    }
-}
-
-// A 2008 request of T_SEVEN records whose first record's length ends inside
-// its text (4 bytes sent, 2 of them inside the record). The text decodes
-// from what the record holds, whether the message ends there or more bytes
-// (a second record) follow, and the second record decodes whole.
-TEST(WordCoders, Decoder2008KeepsARecordsEndWhenMoreBytesFollow) {
-    const std::vector<char> first = {'x', 'y', 0x02, 0x04, 0x00, 0x04, 'a', 'b'};  // cut inside "abcd"
-    const std::vector<char> second = {'p', 'q', 0x06, 0x08, 0x00, 0x01, 'z', 0x00};
-    auto message = [&](int count) {
-        const tagREQ_HEAD head = testmsg::ReqHead(9000, TRDCOMP_FLAG_CODED, count, 28);
-        std::vector<char> m(76);
-        std::memcpy(m.data(), &head, 76);
-        auto add = [&](const std::vector<char>& rec) {
-            const std::int32_t len = static_cast<std::int32_t>(rec.size());
-            m.insert(m.end(), reinterpret_cast<const char*>(&len), reinterpret_cast<const char*>(&len) + 4);
-            m.insert(m.end(), rec.begin(), rec.end());
-        };
-        add(first);
-        if (count > 1) add(second);
-        return m;
-    };
-    std::vector<char> expected(28, 0);
-    expected[0] = 'x';
-    expected[1] = 'y';
-    expected[2] = 1;
-    expected[6] = 2;
-    expected[22] = 'a';
-    expected[23] = 'b';
-    for (const int count : {1, 2}) {
-        SCOPED_TRACE(count);
-        testmsg::Exact in(message(count));
-        char* out = nullptr;
-        int outLen = 0;
-        ASSERT_EQ(trdcomp::codec2008::RestoreRequest<kT_SEVEN>(in.data(), in.size(), &out, outLen, 0), 1);
-        EXPECT_EQ(std::vector<char>(out + 76, out + 104), expected);
-        if (count == 2) {
-            EXPECT_EQ(out[104], 'p');
-            EXPECT_EQ(out[106], 3);
-            EXPECT_EQ(out[110], 4);
-            EXPECT_EQ(std::string(out + 126), "z");
-        }
-        ::operator delete(out);
     }
 }
 
