@@ -29,25 +29,31 @@ std::vector<char> BytesOf(const py::buffer& data) {
     return std::vector<char>(p, p + b.shape[0]);
 }
 
-tool::Decoded DecodeOrRaise(const py::buffer& data, std::optional<long long> maxBytes) {
+tool::Decoded DecodeOrRaise(const py::buffer& data, std::optional<long long> maxBytes, bool strict = false) {
     const std::vector<char> wire = BytesOf(data);
-    tool::Decoded m;
+    if (maxBytes) {
+        // The library applies the same limit before it allocates; asked here
+        // first, the error speaks of max_bytes.
+        const std::size_t need = trdcomp::RestoredSize(trdcomp::span<const char>(wire.data(), wire.size()));
+        if (*maxBytes < 0 || need > static_cast<unsigned long long>(*maxBytes))
+            throw py::value_error("the message restores to " + std::to_string(need) + " bytes, more than max_bytes (" +
+                                  std::to_string(*maxBytes) + ")");
+    }
+    trdcomp::RestoreOptions options;
+    if (maxBytes) options.maxBytes = static_cast<std::size_t>(*maxBytes);
+    options.strict = strict;
     try {
         py::gil_scoped_release unlocked;
-        m = tool::Decode(wire, 0);
+        return tool::Decode(wire, options);
     } catch (const tool::Refused& e) {
         throw py::value_error(std::string("the library refused the message: ") + e.what());
     } catch (const std::exception& e) {
         throw py::value_error(e.what());
     }
-    if (maxBytes && (*maxBytes < 0 || m.restoredBytes > static_cast<unsigned long long>(*maxBytes)))
-        throw py::value_error("the message restores to " + std::to_string(m.restoredBytes) + " bytes, more than max_bytes (" +
-                              std::to_string(*maxBytes) + ")");
-    return m;
 }
 
-py::object Decode(const py::buffer& data, bool /*strict*/, std::optional<long long> maxBytes) {
-    const tool::Json j = tool::ToJson(DecodeOrRaise(data, maxBytes));
+py::object Decode(const py::buffer& data, bool strict, std::optional<long long> maxBytes) {
+    const tool::Json j = tool::ToJson(DecodeOrRaise(data, maxBytes, strict));
     return py::module_::import("json").attr("loads")(j.dump());
 }
 
@@ -153,11 +159,11 @@ PYBIND11_MODULE(trdcomp, m) {
 `trdcomp decode --json` prints (direction, coding, flag, bytes, head,
 sections with their records field by field).
 
-strict: accepted so that callers can ask for it; the library has one set of
-checks today, so strict=True and strict=False decode and refuse the same
-messages.
-max_bytes: when given, a message whose restored form (head and records as
-the library restores them) exceeds this many bytes raises ValueError.
+strict: also refuse what the classic restore quietly accepts (a message that
+ends inside a record, bytes after the last record, a count the stream does
+not hold), as the library's strict mode does.
+max_bytes: when given, a message whose restore would need more than this
+many bytes raises ValueError before anything is allocated.
 
 Raises ValueError naming the check that failed when the library refuses the
 message or the bytes are no message.)");

@@ -97,10 +97,12 @@ TEST(Tool, EveryGoldenMessageDecodesAndPacksBack) {
     EXPECT_GT(identical, 280);
 }
 
+// Decode reports the library's own reason for a refusal (strict mode here).
 TEST(Tool, DecodeNamesTheCheckThatFailed) {
     const std::vector<char> answer = ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / "ans_1110_2008.wire");
     const std::vector<char> request = ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / "req_1002_2008.wire");
     const std::vector<char> fastAnswer = ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / "ans_1110_fast.wire");
+    const std::vector<char> fastRequest = ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / "req_1002_fast.wire");
     auto with = [](std::vector<char> m, std::size_t off, int word) {
         std::memcpy(m.data() + off, &word, 4);
         return m;
@@ -113,16 +115,20 @@ TEST(Tool, DecodeNamesTheCheckThatFailed) {
     const Case cases[] = {
         {"three bytes", {1, 2, 3}, "no head"},
         {"no head length", Bytes({5, 1002, 0}), "head word 0 is 5"},
-        {"cut answer", std::vector<char>(answer.begin(), answer.begin() + 90), "head length word says 96"},
-        {"request of several arrays", with(request, 8, 3), "flag bit 1"},
-        {"request count beyond the message", with(request, 68, 100000), "record count (100000)"},
-        {"Fast count unlike the head's", with(fastAnswer, 88, 9), "Fast stream counts"},
-        {"raw id with coded records", with(with(request, 4, 4321), 8, 1), "no codec"},
+        {"cut answer", std::vector<char>(answer.begin(), answer.begin() + 90), "message shorter than its head (function id 1110"},
+        {"request of several arrays", with(request, 8, 3), "request head says several record arrays"},
+        {"request count beyond the message", with(request, 68, 100000), "record count past what the message can hold"},
+        {"Fast answer count unlike the head's", with(fastAnswer, 88, 9), "stream count differs from the head's count"},
+        {"Fast request count unlike the head's", with(fastRequest, 68, 5), "stream count differs from the head's count"},
+        {"raw id with coded records", with(with(request, 4, 4321), 8, 1), "unknown function id"},
+        {"strict: a byte after the last record", [&] { auto m = request; m.push_back(0); return m; }(), "trailing bytes"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
+        trdcomp::RestoreOptions strict;
+        strict.strict = true;
         try {
-            tool::Decode(c.message, 0);
+            tool::Decode(c.message, strict);
             ADD_FAILURE() << "accepted";
         } catch (const std::exception& e) {
             EXPECT_NE(std::string(e.what()).find(c.error), std::string::npos) << e.what();
@@ -246,7 +252,7 @@ TEST(Tool, EncodeRefusesJsonThatCannotBeRight) {
         {"trailing bytes behind coded records", edit(request, [](tool::Json& j) { j["trailing"] = "ff"; }), {},
          "\"trailing\" bytes travel only behind raw records"},
         {"a request head the restore refuses", edit(request, [](tool::Json& j) { j["head"]["nFlags"] = 3; }), {},
-         "the message would not restore: flag bit 1 (several record arrays) is set on a request"},
+         "the message would not restore: request head says several record arrays"},
         {"a layout that is no name", edit(request, [](tool::Json& j) { j["sections"][0]["layout"] = 7; }), {},
          "\"layout\" must be a layout's name"},
         {"a count that is no integer", edit(answer, [](tool::Json& j) { j["sections"][0]["count"] = "3"; }), {},

@@ -62,10 +62,14 @@ def test_bad_messages_raise_value_error_with_the_reason(data, reason, strict):
         trdcomp.records(data)
 
 
-def test_strict_decodes_as_the_library_checks():
+def test_strict_refuses_what_the_classic_restore_accepts():
     for name in ["req_1002_2008", "ans_1002_fast", "ans_1110_2008"]:
         wire = golden(f"{name}.wire")
         assert trdcomp.decode(wire, strict=True) == trdcomp.decode(wire)
+        # One byte after the last record: accepted, refused in strict mode.
+        assert trdcomp.decode(wire + b"\0")["bytes"] == len(wire) + 1
+        with pytest.raises(ValueError, match="trailing bytes"):
+            trdcomp.decode(wire + b"\0", strict=True)
 
 
 def test_max_bytes_refuses_a_larger_restored_message():

@@ -29,6 +29,7 @@ struct DecodeOptions {
     int port = 0;          // with pcap: only connections with this port
     bool sent = false;     // mark each Fast field's origin
     std::string maxBytes = kDefaultMaxBytes;  // the most a restore may need (ParseByteLimit)
+    bool strict = false;   // refuse what the classic restore quietly accepts
 };
 // Prints each message; a stream or capture ends with "N messages" and the
 // count per id and direction.
@@ -39,6 +40,7 @@ struct DiffOptions {
     bool hex = false;
     int flag = 0;
     std::string maxBytes = kDefaultMaxBytes;
+    bool strict = false;
 };
 // 0: the messages restore identically, 1: they differ (the differences are
 // printed). Throws on a message that cannot be read or restored.

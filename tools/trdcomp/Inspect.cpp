@@ -35,10 +35,11 @@ std::vector<char> Input(const std::string& file, bool hex) {
 }
 
 // The one place the tool's restores get their options.
-trdcomp::RestoreOptions RestoreOptionsOf(int flag, const std::string& maxBytes) {
+trdcomp::RestoreOptions RestoreOptionsOf(int flag, const std::string& maxBytes, bool strict) {
     trdcomp::RestoreOptions options;
     options.flag = static_cast<char>(flag);
     options.maxBytes = ParseByteLimit(maxBytes);
+    options.strict = strict;
     return options;
 }
 
@@ -68,7 +69,7 @@ struct Tally {
         out << "== message " << messages << ": " << where << "offset " << piece.offset << ", "
             << Plural(static_cast<long long>(piece.bytes.size()), "byte") << "\n";
         try {
-            Print(tool::Decode(piece.bytes, RestoreOptionsOf(o.flag, o.maxBytes)), o, out);
+            Print(tool::Decode(piece.bytes, RestoreOptionsOf(o.flag, o.maxBytes, o.strict)), o, out);
         } catch (const std::exception& e) {
             ++refused;
             out << "refused: " << e.what() << "\n";
@@ -94,7 +95,7 @@ struct Tally {
 }  // namespace
 
 int RunDecode(const DecodeOptions& o, std::ostream& out) {
-    const trdcomp::RestoreOptions options = RestoreOptionsOf(o.flag, o.maxBytes);  // a bad --max-bytes fails first
+    const trdcomp::RestoreOptions options = RestoreOptionsOf(o.flag, o.maxBytes, o.strict);  // a bad --max-bytes fails first
     if (!o.pcap.empty()) {
         Tally t;
         const std::vector<Flow> flows = ReadCapture(o.pcap, o.port);
@@ -130,7 +131,7 @@ std::string Describe(const Decoded& m) {
 }  // namespace
 
 int RunDiff(const DiffOptions& o, std::ostream& out) {
-    const trdcomp::RestoreOptions options = RestoreOptionsOf(o.flag, o.maxBytes);
+    const trdcomp::RestoreOptions options = RestoreOptionsOf(o.flag, o.maxBytes, o.strict);
     const Decoded a = Decode(Input(o.a, o.hex), options);
     const Decoded b = Decode(Input(o.b, o.hex), options);
     out << "--- " << o.a << " (" << Describe(a) << ")\n+++ " << o.b << " (" << Describe(b) << ")\n";

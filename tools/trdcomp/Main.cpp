@@ -35,6 +35,9 @@ const CLI::Validator kFunctionId(
 const char* const kMaxBytesHelp =
     "Refuse a message whose restore would need more than this many bytes, before allocating (K, M, G: KiB, MiB, GiB; "
     "0 or unlimited: no limit)";
+const char* const kStrictHelp =
+    "Also refuse what the classic restore quietly accepts: a message that ends inside a record, bytes after the last "
+    "record, a count the stream does not hold";
 
 }  // namespace
 
@@ -80,6 +83,7 @@ int main(int argc, char** argv) {
     decodeCmd->add_flag("--sent", decode.sent,
                         "Fast coding: mark each field as sent, taken from the previous record, or the default");
     decodeCmd->add_option("--max-bytes", decode.maxBytes, kMaxBytesHelp)->check(kByteLimit)->capture_default_str();
+    decodeCmd->add_flag("--strict", decode.strict, kStrictHelp);
 
     tool::DiffOptions diff;
     auto* diffCmd = app.add_subcommand(
@@ -90,6 +94,7 @@ int main(int argc, char** argv) {
     diffCmd->add_flag("--hex", diff.hex, "The inputs are hex text");
     diffCmd->add_option("--flag", diff.flag, "The 2008 coding's flag to restore with")->check(CLI::Range(-128, 127));
     diffCmd->add_option("--max-bytes", diff.maxBytes, kMaxBytesHelp)->check(kByteLimit)->capture_default_str();
+    diffCmd->add_flag("--strict", diff.strict, kStrictHelp);
 
     tool::EncodeCommandOptions encode;
     auto* encodeCmd = app.add_subcommand(

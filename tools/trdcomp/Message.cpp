@@ -28,9 +28,6 @@ std::int32_t Word(const std::vector<char>& b, std::size_t off) {
     if (off + 4 <= b.size()) std::memcpy(&v, b.data() + off, 4);
     return v;
 }
-std::uint16_t U16(const std::vector<char>& b, std::size_t off) {
-    return static_cast<std::uint16_t>(static_cast<unsigned char>(b[off]) | static_cast<unsigned char>(b[off + 1]) << 8);
-}
 std::int64_t Records(std::int64_t count) { return count > 0 ? count : 0; }
 
 // The routing cell of `id` for restoring (or packing) in a coding.
@@ -50,83 +47,17 @@ const Layout* AnswerLayout(const Shape& s, int j, int count) {
     return name.empty() ? nullptr : &Get().At(name);
 }
 
-// Why the library refused a message: the checks the restores make, in their
-// order, named after the head words they read.
-std::string WhyRefused(const std::vector<char>& w, bool request, int version) {
-    const std::int64_t n = static_cast<std::int64_t>(w.size());
-    const std::int32_t headLen = Word(w, 0), id = Word(w, 4), flags = Word(w, 8);
-    const bool fast = version != 0;
-    const std::string coding = CodingName(version);
-    const catalogue_model::Cell cell = RestoreCell(request, id, fast);
-    if (n < 12) return "the message has " + Plural(n, "byte") + "; a restore reads 12 (head length, function id, flags)";
-    if (headLen > n) return "the head length word says " + std::to_string(headLen) + " bytes but the message has only " + std::to_string(n);
-    const std::int32_t minHead = request ? kReqHead : kAnsHead;
-    if (cell.kind == catalogue_model::Cell::Kind::raw) {
-        if (flags & TRDCOMP_FLAG_CODED)
-            return "function id " + std::to_string(id) + " has no codec for the " + coding +
-                   " coding, and flag bit 0 says its records are coded";
-        if (!request) {
-            if (n < kAnsHead || headLen < 0) return "an answer head is 96 bytes and its length word must lie inside the message";
-            if (flags & TRDCOMP_FLAG_SECTIONS) {
-                const std::int32_t table = Word(w, static_cast<std::size_t>(headLen));
-                if (n - headLen < 4 || table < 4 || table > n - headLen)
-                    return "flag bit 1 announces a section table, but its length word (" + std::to_string(table) +
-                           ") does not lie between 4 and the " + Plural(n - headLen, "byte") + " behind the head";
-                return "the section table describes more record bytes than the message holds";
-            }
-            return "the head's record count times record size (" + std::to_string(Word(w, 88)) + " x " +
-                   std::to_string(Word(w, 92)) + ") is more than the " + Plural(n - headLen, "byte") + " behind the head";
-        }
-        return "the raw restore refused the message";
-    }
-    if (n < minHead) return std::string(request ? "a request head is 76" : "an answer head is 96") + " bytes; the message has " + std::to_string(n);
-    if (headLen < 0) return "the head length word is negative (" + std::to_string(headLen) + ")";
-    const std::int64_t room = n - headLen;
-    if (request) {
-        if (flags & TRDCOMP_FLAG_SECTIONS) return "flag bit 1 (several record arrays) is set on a request";
-        const std::int64_t count = Records(Word(w, 68));
-        const bool coded = (flags & TRDCOMP_FLAG_CODED) != 0;
-        if (coded && fast && room < 2) return "the Fast record count behind the head is missing";
-        const std::int64_t most = coded ? (fast ? (room - 2) / 2 : room / 4) : n;
-        if (count > most)
-            return "the head's record count (" + std::to_string(count) + ") is more than the " + Plural(room, "byte") +
-                   " behind the head can hold (at most " + std::to_string(most) + ")";
-        return "the restored size (record count times layout size) does not fit an int, or the allocation failed";
-    }
-    const Shape& shape = Get().AnswerShape(cell.codec);
-    const int k = ShapeArrays(shape);
-    std::int64_t records = 0;
-    if (fast) {
-        if (room < 2 * k) return "the Fast record counts behind the head are missing (" + std::to_string(2 * k) + " bytes)";
-        if (k == 1 && U16(w, static_cast<std::size_t>(headLen)) != Word(w, 88))
-            return "the Fast stream counts " + std::to_string(U16(w, static_cast<std::size_t>(headLen))) +
-                   " records but the head's record count is " + std::to_string(Word(w, 88));
-        for (int j = 0; j < k; ++j) records += k == 1 ? Records(Word(w, 88)) : U16(w, static_cast<std::size_t>(headLen + 2 * j));
-        if (records > room / 2)
-            return "the counts announce " + std::to_string(records) + " records, more than the " + Plural(room, "byte") +
-                   " behind the head can hold";
-    } else {
-        std::int64_t cursor = headLen;
-        if (k == 1) {
-            records = Records(Word(w, 88));
-        } else {
-            const std::int32_t table = room >= 4 ? Word(w, static_cast<std::size_t>(headLen)) : 0;
-            if (room < 4 || table < 4 + 8 * k || table > room)
-                return "the section table's length word (" + std::to_string(table) + ") must lie between " +
-                       std::to_string(4 + 8 * k) + " (" + std::to_string(k) + " arrays) and the " + Plural(room, "byte") +
-                       " behind the head";
-            for (int j = 0; j < k; ++j) records += Records(Word(w, static_cast<std::size_t>(headLen + 4 + 8 * j)));
-            cursor += table;
-        }
-        if (records > (n - cursor) / 4)
-            return "the counts announce " + std::to_string(records) + " records, more than the " +
-                   Plural(n - cursor, "byte") + " of records can hold (4 bytes at least each)";
-    }
-    return "the restored size does not fit an int, or the allocation failed";
+// What the library said when it refused a message: its reason, and for a
+// head that names an id the id and coding, so that the reader can look it up.
+std::string WhyRefused(const trdcomp::RestoredView& r, const std::vector<char>& w, int version) {
+    std::string why = trdcomp::Message(r.Why());
+    if (w.size() >= 12)
+        why += " (function id " + std::to_string(Word(w, 4)) + ", " + CodingName(version) + " coding)";
+    return why;
 }
 
 // The one place a restore's failure becomes the tool's error.
-[[noreturn]] void ReportRefusal(const trdcomp::Restored& r, const std::vector<char>& wire, bool request, int version,
+[[noreturn]] void ReportRefusal(const trdcomp::Restored& r, const std::vector<char>& wire, int version,
                                 const trdcomp::RestoreOptions& options) {
     switch (r.Error()) {
         case trdcomp::Errc::limit_exceeded:
@@ -134,7 +65,7 @@ std::string WhyRefused(const std::vector<char>& w, bool request, int version) {
                                      ", more than the limit of " + ByteLimitText(options.maxBytes) +
                                      " (--max-bytes N raises it, --max-bytes unlimited lifts it)");
         case trdcomp::Errc::out_of_memory: throw Refused("the restore could not allocate its buffer");
-        default: throw Refused(WhyRefused(wire, request, version));
+        default: throw Refused(WhyRefused(r, wire, version));
     }
 }
 
@@ -325,7 +256,7 @@ Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& opt
     const std::int32_t id = Word(wire, 4);
     const trdcomp::span<const char> in(wire.data(), wire.size());
     const trdcomp::Restored r = m.request ? trdcomp::RestoreRequest(in, options) : trdcomp::RestoreAnswer(in, options);
-    if (!r) ReportRefusal(r, wire, m.request, m.fastVersion, options);
+    if (!r) ReportRefusal(r, wire, m.fastVersion, options);
     m.restoredBytes = r.Size();
     if (r.Size() == 0) {
         m.restoredNothing = true;
@@ -517,7 +448,7 @@ std::vector<char> Restorable(std::vector<char> wire, bool request, char flag) {
     const trdcomp::Restored r = request ? trdcomp::RestoreRequest(in, flag) : trdcomp::RestoreAnswer(in, flag);
     if (!r && r.Error() != trdcomp::Errc::out_of_memory) {
         const int version = (Word(wire, 8) >> TRDCOMP_FLAG_FAST_SHIFT) & 0xF;
-        throw std::runtime_error("the message would not restore: " + WhyRefused(wire, request, version));
+        throw std::runtime_error("the message would not restore: " + WhyRefused(r, wire, version));
     }
     return wire;
 }
