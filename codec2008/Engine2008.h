@@ -216,16 +216,13 @@ TRDCOMP_FORCE_INLINE std::int64_t DecodeAt(const char* in, std::int64_t len, std
     constexpr ValueKey kKey = KeyOf(F);
     char* p = rec + F.offset;
     const std::int64_t left = len - used;
+    if (left >= kMaxRead) return DecodeValue<kKey, C>(in + used, p, flag);
     if constexpr (C::kReadsOnlyConsumed && F.limit == F.width && F.kind != Kind::SizedBlock) {
-        // One inlined decode serves both cases.
-        const bool whole = left >= kMaxRead;
-        if (whole || avail - used >= kMaxRead) {
+        if (avail - used >= kMaxRead) {
             const std::int64_t k = DecodeValue<kKey, C>(in + used, p, flag);
-            if (whole || k <= left) return k;
+            if (k <= left) return k;
             std::memset(p, 0, F.width);
         }
-    } else {
-        if (left >= kMaxRead) return DecodeValue<kKey, C>(in + used, p, flag);
     }
     return DecodePadded<kKey, C>(in + used, left, p, flag);
 }
