@@ -8,12 +8,16 @@
 //                  its records; an answer's 120-byte tagANS_Proc and arrays
 //   NAME.wire      the packed message
 //   NAME.restored  the restored buffer (its outLen bytes)
-// `--write DIR` regenerates the corpus; the catalogue sweep (test_sweep.cpp)
-// rebuilds every case and fails on any difference (the wire format is frozen).
+// `--write DIR` regenerates the corpus; `--check DIR` rebuilds every case
+// and fails on any difference from the files (the wire format is frozen).
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
+#include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -81,6 +85,12 @@ std::vector<Case> BuildCorpus() {
     return cases;
 }
 
+std::vector<char> ReadFile(const fs::path& p, bool& ok) {
+    std::ifstream in(p, std::ios::binary);
+    ok = static_cast<bool>(in);
+    return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
 const char* const kParts[] = {".input", ".wire", ".restored"};
 
 const std::vector<char>& Part(const Case& k, int i) { return i == 0 ? k.input : i == 1 ? k.wire : k.restored; }
@@ -102,14 +112,47 @@ int Write(const fs::path& dir, const std::vector<Case>& cases) {
     return 0;
 }
 
+int Check(const fs::path& dir, const std::vector<Case>& cases) {
+    int failures = 0;
+    std::set<std::string> expected;
+    for (const Case& k : cases) {
+        for (int i = 0; i < 3; ++i) {
+            const std::string file = k.name + kParts[i];
+            expected.insert(file);
+            bool ok = false;
+            const std::vector<char> frozen = ReadFile(dir / file, ok);
+            const std::vector<char>& now = Part(k, i);
+            if (!ok) {
+                std::cout << "missing: " << file << "\n";
+                ++failures;
+            } else if (frozen != now) {
+                std::size_t at = 0;
+                while (at < frozen.size() && at < now.size() && frozen[at] == now[at]) ++at;
+                std::cout << "differs: " << file << " at byte " << at << " (frozen " << frozen.size() << " bytes, now "
+                          << now.size() << ")\n";
+                ++failures;
+            }
+        }
+    }
+    if (fs::is_directory(dir))
+        for (const auto& entry : fs::directory_iterator(dir))
+            if (!expected.count(entry.path().filename().string())) {
+                std::cout << "no longer produced: " << entry.path().filename().string() << "\n";
+                ++failures;
+            }
+    std::cout << cases.size() << " golden cases checked, " << failures << " differences\n";
+    return failures == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
-    if (argc != 3 || mode != "--write") {
-        std::cerr << "usage: trdcomp_golden --write DIR   regenerate the corpus (a deliberate wire format change);\n"
-                     "       the catalogue sweep of trdcomp_tests compares the corpus with what the library produces\n";
+    if (argc != 3 || (mode != "--write" && mode != "--check")) {
+        std::cerr << "usage: trdcomp_golden --check DIR   compare the corpus in DIR with what the library produces now\n"
+                     "       trdcomp_golden --write DIR   regenerate the corpus (a deliberate wire format change)\n";
         return mode == "--help" || mode == "-h" ? 0 : 2;
     }
-    return Write(argv[2], BuildCorpus());
+    const std::vector<Case> cases = BuildCorpus();
+    return mode == "--write" ? Write(argv[2], cases) : Check(argv[2], cases);
 }
