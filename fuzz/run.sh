@@ -57,12 +57,15 @@ run fuzz_restore_request_foreign request -dict=fuzz/heads.dict & a=$!
 run fuzz_restore_answer_foreign answer -dict=fuzz/heads.dict & b=$!
 wait $a || status=1
 wait $b || status=1
-run fuzz_modern modern -dict=fuzz/heads.dict || status=1
-# The tool's JSON reader, seeded with documents `trdcomp decode --json` printed.
+# The modern interface beside the tool's JSON reader (seeded with documents
+# `trdcomp decode --json` printed).
+run fuzz_modern modern -dict=fuzz/heads.dict & a=$!
 if [ -x "$build/fuzz/fuzz_tool_json" ]; then
-  run fuzz_tool_json json -dict=fuzz/json.dict || status=1
+  run fuzz_tool_json json -dict=fuzz/json.dict & b=$!
+  wait $b || status=1
 else
   echo "fuzz_tool_json: not built (no nlohmann-json), skipped"
 fi
+wait $a || status=1
 if [ $status -ne 0 ]; then echo "fuzzing found a problem: see $findings/"; else echo "fuzzing: no findings"; fi
 exit $status
