@@ -13,7 +13,7 @@ trap 'rm -rf "$work"' EXIT
 CXX=${CXX:-c++}
 
 echo "-- headers as C++11"
-for h in "$prefix"/include/trdcomp/*.h; do
+for h in "$prefix"/include/trdcomp/*.h "$prefix"/include/trdcomp/Reasons.hpp; do
   echo "#include <trdcomp/$(basename "$h")>" > "$work/one.cpp"
   "$CXX" -std=c++11 -Wall -Wextra -Werror -pedantic -fsyntax-only -I"$prefix/include" "$work/one.cpp"
 done
