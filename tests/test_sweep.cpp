@@ -57,7 +57,6 @@ bool Comparable(const Layout& l, Variant v) {
     return true;
 }
 
-catalogue_model::Cell CellOf(const catalogue_model::Route* r, int column) { return r ? r->cell[column] : catalogue_model::Cell{}; }
 
 std::vector<char> ReadFile(const std::string& name) {
     std::ifstream in(std::string(TRDCOMP_GOLDEN_DIR) + "/" + name, std::ios::binary);
@@ -195,8 +194,7 @@ struct Sweep {
 
     void Request(int id, Variant v) {
         SCOPED_TRACE("request " + std::to_string(id) + " " + v.Name());
-        const auto* route = Get().RequestRoute(id);
-        const catalogue_model::Cell pack = CellOf(route, v.Fast()), restore = CellOf(route, 2 + v.Fast());
+        const catalogue_model::Cell pack = Get().PackCell(true, id, v.Fast()), restore = Get().RestoreCell(true, id, v.Fast());
         catalogue_model::RequestSample s;
         if (!pack.IsCodec() || !catalogue_model::SampleRequest(id, v.coding, s)) {
             s.head = ReqHead(id, v.Fast() ? 0x10 : 0, 1, 10);
@@ -243,8 +241,7 @@ struct Sweep {
     }
 
     void Answer(int id, Variant v) {
-        const auto* route = Get().AnswerRoute(id);
-        const catalogue_model::Cell pack = CellOf(route, v.Fast()), restore = CellOf(route, 2 + v.Fast());
+        const catalogue_model::Cell pack = Get().PackCell(false, id, v.Fast()), restore = Get().RestoreCell(false, id, v.Fast());
         std::vector<catalogue_model::AnswerSample> samples = catalogue_model::SampleAnswers(id, v.coding);
         if (samples.empty()) {  // no codec: one raw array of 6-byte records
             catalogue_model::AnswerSample s;

@@ -142,6 +142,16 @@ const Route* Catalogue::AnswerRoute(int id) const {
     return nullptr;
 }
 
+Cell Catalogue::PackCell(bool request, int id, bool fast) const {
+    const Route* r = request ? RequestRoute(id) : AnswerRoute(id);
+    return r ? r->cell[fast] : Cell{};
+}
+
+Cell Catalogue::RestoreCell(bool request, int id, bool fast) const {
+    const Route* r = request ? RequestRoute(id) : AnswerRoute(id);
+    return r ? r->cell[2 + fast] : Cell{};
+}
+
 const Shape& Catalogue::AnswerShape(int id) const {
     auto it = shapes.find(id);
     if (it == shapes.end()) {

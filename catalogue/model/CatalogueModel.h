@@ -65,6 +65,10 @@ struct Catalogue {
     const Layout& At(const std::string& name) const { return layouts.at(name); }
     const Route* RequestRoute(int id) const;
     const Route* AnswerRoute(int id) const;
+    // The cell of `id` for packing or restoring in a coding; ids without a
+    // route travel raw.
+    Cell PackCell(bool request, int id, bool fast) const;
+    Cell RestoreCell(bool request, int id, bool fast) const;
     // The shape of an answer id or codec (its own, or that of the id it aliases).
     const Shape& AnswerShape(int id) const;
 };

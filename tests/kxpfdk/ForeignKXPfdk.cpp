@@ -11,6 +11,7 @@
 // but stay within the contract: they read at most 5 + max bytes of a text or
 // block and write at most max bytes.
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -18,20 +19,15 @@
 
 namespace {
 
-void PutU64(char* out, std::uint64_t v) {
-    for (int i = 0; i < 8; ++i) out[i] = static_cast<char>(v >> (8 * i));
+// Little-endian words of 4 or 8 bytes.
+template <class T>
+void PutLE(char* out, T v) {
+    for (std::size_t i = 0; i < sizeof(T); ++i) out[i] = static_cast<char>(v >> (8 * i));
 }
-std::uint64_t GetU64(const char* in) {
-    std::uint64_t v = 0;
-    for (int i = 0; i < 8; ++i) v |= static_cast<std::uint64_t>(static_cast<unsigned char>(in[i])) << (8 * i);
-    return v;
-}
-void PutU32(char* out, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) out[i] = static_cast<char>(v >> (8 * i));
-}
-std::uint32_t GetU32(const char* in) {
-    std::uint32_t v = 0;
-    for (int i = 0; i < 4; ++i) v |= static_cast<std::uint32_t>(static_cast<unsigned char>(in[i])) << (8 * i);
+template <class T>
+T GetLE(const char* in) {
+    T v = 0;
+    for (std::size_t i = 0; i < sizeof(T); ++i) v |= static_cast<T>(static_cast<unsigned char>(in[i])) << (8 * i);
     return v;
 }
 
@@ -40,7 +36,7 @@ int Consumed(std::uint32_t n) { return n > static_cast<std::uint32_t>(INT_MAX - 
 
 int PutBytes(char* out, char tag, const char* data, std::uint32_t n) {
     out[0] = tag;
-    PutU32(out + 1, n);
+    PutLE<std::uint32_t>(out + 1, n);
     if (n > 0) std::memcpy(out + 5, data, n);
     return static_cast<int>(5 + n);
 }
@@ -49,23 +45,23 @@ int PutBytes(char* out, char tag, const char* data, std::uint32_t n) {
 
 int CKXNetCompressHelper::NCH_compress_int(char* out, int value) {
     out[0] = 'i';
-    PutU64(out + 1, static_cast<std::uint64_t>(static_cast<long long>(value)));
+    PutLE<std::uint64_t>(out + 1, static_cast<std::uint64_t>(static_cast<long long>(value)));
     return 9;
 }
 
 int CKXNetCompressHelper::NCH_decompress_int(char* in, int& value) {
-    value = static_cast<int>(static_cast<std::uint32_t>(GetU64(in + 1)));
+    value = static_cast<int>(static_cast<std::uint32_t>(GetLE<std::uint64_t>(in + 1)));
     return 9;
 }
 
 int CKXNetCompressHelper::NCH_compress_int64(char* out, long long value) {
     out[0] = 'l';
-    PutU64(out + 1, static_cast<std::uint64_t>(value));
+    PutLE<std::uint64_t>(out + 1, static_cast<std::uint64_t>(value));
     return 9;
 }
 
 int CKXNetCompressHelper::NCH_decompress_int64(char* in, long long& value) {
-    value = static_cast<long long>(GetU64(in + 1));
+    value = static_cast<long long>(GetLE<std::uint64_t>(in + 1));
     return 9;
 }
 
@@ -74,7 +70,7 @@ int CKXNetCompressHelper::NCH_compress_string(char* out, const char* text) {
 }
 
 int CKXNetCompressHelper::NCH_decompress_string(char* in, char* dest, int max) {
-    const std::uint32_t n = GetU32(in + 1);
+    const std::uint32_t n = GetLE<std::uint32_t>(in + 1);
     if (max > 0) {
         if (n < static_cast<std::uint32_t>(max)) {
             std::memcpy(dest, in + 5, n);
@@ -91,7 +87,7 @@ int CKXNetCompressHelper::NCH_compress_binData(char* out, char* data, int len) {
 }
 
 int CKXNetCompressHelper::NCH_decompress_binData(char* in, char* dest, int max, int& len) {
-    const std::uint32_t n = GetU32(in + 1);
+    const std::uint32_t n = GetLE<std::uint32_t>(in + 1);
     len = n > static_cast<std::uint32_t>(INT_MAX) ? INT_MAX : static_cast<int>(n);
     const std::uint32_t keep = max > 0 && n > static_cast<std::uint32_t>(max) ? static_cast<std::uint32_t>(max) : (max > 0 ? n : 0);
     if (keep > 0) std::memcpy(dest, in + 5, keep);

@@ -30,15 +30,6 @@ std::int32_t Word(const std::vector<char>& b, std::size_t off) {
 }
 std::int64_t Records(std::int64_t count) { return count > 0 ? count : 0; }
 
-// The routing cell of `id` for restoring (or packing) in a coding.
-catalogue_model::Cell RestoreCell(bool request, int id, bool fast) {
-    const auto* r = request ? Get().RequestRoute(id) : Get().AnswerRoute(id);
-    return r ? r->cell[2 + fast] : catalogue_model::Cell{};
-}
-catalogue_model::Cell PackCell(bool request, int id, bool fast) {
-    const auto* r = request ? Get().RequestRoute(id) : Get().AnswerRoute(id);
-    return r ? r->cell[fast] : catalogue_model::Cell{};
-}
 
 int ShapeArrays(const Shape& s) { return s.kind == "sections" ? static_cast<int>(s.layouts.size()) : 1; }
 
@@ -262,7 +253,7 @@ Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& opt
         m.restoredNothing = true;
         return m;
     }
-    const catalogue_model::Cell cell = RestoreCell(m.request, id, fast);
+    const catalogue_model::Cell cell = Get().RestoreCell(m.request, id, fast);
     const bool codec = cell.IsCodec();
     const char* p = r.Data();
     const std::int64_t size = static_cast<std::int64_t>(r.Size());
@@ -485,7 +476,7 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     const char flag = static_cast<char>(flagValue);
     const Json sections = msg.contains("sections") ? msg.at("sections") : Json::array();
     if (!sections.is_array()) throw std::runtime_error("\"sections\" must be a list");
-    const catalogue_model::Cell cell = PackCell(request, static_cast<int>(id), version != 0);
+    const catalogue_model::Cell cell = Get().PackCell(request, static_cast<int>(id), version != 0);
     const bool raw = cell.kind == catalogue_model::Cell::Kind::raw;
     std::vector<char> trailing;
     if (msg.contains("trailing")) {
@@ -500,7 +491,7 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     const bool headAlone = !codec && !raw;
     // The records' layout is the one the receiver restores them with (ids
     // whose layouts code alike share one encoder, not one layout).
-    const catalogue_model::Cell restoreCell = RestoreCell(request, static_cast<int>(id), version != 0);
+    const catalogue_model::Cell restoreCell = Get().RestoreCell(request, static_cast<int>(id), version != 0);
     const int layoutOf = restoreCell.IsCodec() ? restoreCell.codec : codec ? cell.codec : 0;
     const std::string packs = "function id " + std::to_string(id) + " in the " + CodingName(version) + " coding";
     const trdcomp::Coding coding = version ? trdcomp::Coding::Fast(version) : trdcomp::Coding::C2008(flag);
