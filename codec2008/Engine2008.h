@@ -1,6 +1,6 @@
 // The 2008 record coding: one generic record encoder and decoder, specialised
-// per layout and per set of value coders at compile time, and the framing of
-// requests and answers.
+// per layout and per set of value coders at compile time, and its policy for
+// the request and answer frames both codings share (common/RecordFrames.h).
 //
 // A coded record on the wire is a 32-bit length L and L bytes of fields, each
 // coded through the value coders of KXPfdk in layout order (ValueCoders.h:
@@ -26,6 +26,7 @@
 #include "common/Framing.h"
 #include "common/Inline.h"
 #include "common/Layout.h"
+#include "common/RecordFrames.h"
 #include "common/Text.h"
 #include "codec2008/ValueCoders.h"
 
@@ -389,34 +390,36 @@ inline void DecodeRecord(const char* in, std::int64_t len, std::int64_t avail, c
     }
 }
 
-// Codes `count` records of layout L read from `data` (extent bytes, stride
-// apart) as length-prefixed records at out + pos. Stops at the first record
-// that does not lie inside the data. False when the capacity ran out. The
-// encoders write only the bytes they count, so the classic members (not told
-// their capacity) write straight into the caller's buffer.
+// The 2008 record policy of the shared frames (common/RecordFrames.h), for
+// records of layout L coded with the value coders C: a 32-bit length, then
+// the coded fields. The encoders write only the bytes they count, so the
+// classic members (not told their capacity) write straight into the
+// caller's buffer.
 template <const auto& L, class C>
-inline bool EncodeRunWith(char* out, std::int64_t& pos, std::int64_t cap, const char* data, std::int64_t extent,
-                          std::int64_t count, std::int32_t stride, char flag) {
-    constexpr std::size_t kMax = MaxRecord<L, C>();
-    for (std::int64_t i = 0; i < count; ++i) {
-        const char* rec = d::RecordAt(data, extent, i, stride, L.size);
-        if (rec == nullptr) break;
-        const std::int64_t room = cap - pos - 4;
-        if (room < 0) return d::Refuse(Reason::buffer_too_small);
-        const std::int64_t n = d::EncodeBounded<kMax>(
-            [&](char* dst) { return static_cast<std::int64_t>(EncodeRecord<L, C>(rec, dst, flag)); }, out + pos + 4,
-            room, room);
-        if (n < 0) return d::Refuse(Reason::buffer_too_small);
-        d::StoreI32(out + pos, static_cast<std::int32_t>(n));
-        pos += 4 + n;
-    }
-    return true;
-}
+struct RecordCoder {
+    static constexpr int kLengthBytes = 4;
+    static constexpr std::size_t kMaxRecord = MaxRecord<L, C>();
+    static constexpr std::size_t kSlack = 0;
+    static constexpr std::int64_t kLeastRecord = 0;
+    static constexpr bool kExactWrites = true;
+    char flag;
 
+    static bool Representable(const char*) { return true; }
+    std::int64_t Encode(const char* rec, const char* /*prev*/, char* dst) const {
+        return static_cast<std::int64_t>(EncodeRecord<L, C>(rec, dst, flag));
+    }
+    static void StoreLength(char* at, std::int64_t n) { d::StoreI32(at, static_cast<std::int32_t>(n)); }
+};
+
+// Codes `count` records of layout L read from `data` (extent bytes, stride
+// apart) as length-prefixed records at out + pos. False when the capacity
+// ran out.
 template <const auto& L>
 inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char* data, std::int64_t extent,
                       std::int64_t count, std::int32_t stride, char flag) {
-    return WithValueCoders([&]<class C>() { return EncodeRunWith<L, C>(out, pos, cap, data, extent, count, stride, flag); });
+    return WithValueCoders([&]<class C>() {
+        return d::EncodeRecords(RecordCoder<L, C>{flag}, L.size, out, pos, cap, data, extent, count, stride);
+    });
 }
 
 // Decodes up to `count` length-prefixed records from in[cursor, inLen) into
@@ -459,6 +462,48 @@ inline std::int64_t DecodeRun(const char* in, std::int64_t inLen, std::int64_t& 
     return WithValueCoders([&]<class C>() { return DecodeRunWith<L, C>(in, inLen, cursor, count, slots, flag); });
 }
 
+// The 2008 restore policy of the shared frames (common/RecordFrames.h):
+// records follow the head (a request) or the section table (several
+// sections) with no count of their own; each takes 4 bytes at least.
+struct Frames {
+    static constexpr int kCountBytes = 0;
+    static constexpr int kMinCoded = 4;
+    static constexpr bool kZeroLengthOnFailure = false;
+    static constexpr bool kClearsSectionsBit = false;
+    char flag;
+
+    static constexpr bool Decodes() { return true; }
+    static constexpr bool CountAgrees(const char*, std::int32_t) { return true; }
+    template <const auto& L>
+    static constexpr std::int64_t Tail() {
+        return model::MaxDecodeEnd(L) - L.size;
+    }
+    template <const auto& L>
+    std::int64_t DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count,
+                           char* slots) const {
+        return codec2008::DecodeRun<L>(in, inLen, cursor, count, slots, flag);
+    }
+    // One section: its count in the head. Several: the section table behind
+    // the head (its length, then each count and layout size).
+    template <int k>
+    static Reason ReadCounts(const char* in, std::int64_t inLen, std::int32_t headLen, std::int32_t* counts,
+                             std::int64_t& cursor) {
+        if constexpr (k == 1) {
+            counts[0] = d::LoadI32(in + d::kAnsOffCount);
+        } else {
+            if (inLen - headLen < 4) return Reason::section_table_invalid;
+            const std::int32_t tableLen = d::LoadI32(in + headLen);
+            if (tableLen < 4 + 8 * k || tableLen > inLen - headLen) return Reason::section_table_invalid;
+            for (int j = 0; j < k; ++j) counts[j] = d::LoadI32(in + headLen + 4 + 8 * j);
+            cursor += tableLen;
+        }
+        return Reason::none;
+    }
+    static std::int64_t RecordRoom(std::int64_t inLen, std::int32_t /*headLen*/, std::int64_t cursor) {
+        return (inLen - cursor) / 4;
+    }
+};
+
 // ---- requests ----
 
 template <const auto& L>
@@ -484,27 +529,7 @@ int PackRequest(char* out, int& outLen, const char* data, int dataLen, char flag
 
 template <const auto& L>
 int RestoreRequest(char* in, int inLen, char** out, int& outLen, char flag) {
-    static_assert(L.size > 0);
-    static_assert(model::MaxDecodeEnd(L) <= L.size + d::kReqSpare, "a decode limit overruns the spare bytes");
-    d::RequestHead h;
-    if (!d::ReadRequestHead(in, inLen, h)) return 0;
-    // No more records than the message can describe: 4 bytes at least for a
-    // coded one, one received byte for a copied one.
-    const std::int64_t records = d::Records(h.count);
-    if (records > (h.coded ? (inLen - h.headLen) / 4 : inLen)) return d::Refuse(Reason::count_past_message);
-    char* slots = d::OpenRestoredRequest(in, h, L.size, out, outLen, model::MaxDecodeEnd(L) - L.size);
-    if (slots == nullptr) return 0;
-    if (h.coded) {
-        std::int64_t cursor = h.headLen;
-        const std::int64_t decoded = DecodeRun<L>(in, inLen, cursor, records, slots, flag);
-        if (d::Call().strict) {
-            if (const Reason why = d::StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return d::Refuse(why);
-        }
-    } else {
-        d::CopyRawRecords(in, inLen, h.recordSize, L.size, records, slots);
-    }
-    d::CloseRestoredRequest(*out, L.size);
-    return 1;
+    return d::RestoreRequestFrame<L>(Frames{flag}, in, inLen, out, outLen);
 }
 
 // ---- answers ----
@@ -523,76 +548,9 @@ int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arra
     return 1;
 }
 
-// The restored answer: the 96-byte head (word 0 = 96); for several sections
-// the section table (8k + 4, then each count and layout size) and flag bit 1;
-// for one section its count and layout size in head words 22 and 23; then the
-// arrays one after the other at their layout sizes; 10 spare zero bytes.
 template <class Shape>
 int RestoreAnswer(char* in, int inLen, char** out, int& outLen, char flag) {
-    constexpr int k = Shape::kCount;
-    if (in == nullptr || inLen < d::kAnsHeadLen) return d::Refuse(Reason::head_too_short);
-    const std::int32_t headLen = d::LoadI32(in + d::kOffHeadLen);
-    if (headLen < 0 || headLen > inLen) return d::Refuse(Reason::head_length_invalid);
-    std::int32_t counts[k];
-    std::int64_t cursor = headLen;
-    if constexpr (k == 1) {
-        counts[0] = d::LoadI32(in + d::kAnsOffCount);
-    } else {
-        if (inLen - headLen < 4) return d::Refuse(Reason::section_table_invalid);
-        const std::int32_t tableLen = d::LoadI32(in + headLen);
-        if (tableLen < 4 + 8 * k || tableLen > inLen - headLen) return d::Refuse(Reason::section_table_invalid);
-        for (int j = 0; j < k; ++j) counts[j] = d::LoadI32(in + headLen + 4 + 8 * j);
-        cursor += tableLen;
-    }
-    std::int64_t records = 0;
-    std::int64_t total = d::kAnsHeadLen + (k > 1 ? 8 * k + 4 : 0);
-    bool negative = false;
-    for (int j = 0; j < k; ++j) {
-        negative |= counts[j] < 0;
-        records += d::Records(counts[j]);
-        total += d::Records(counts[j]) * Shape::Size(j, counts[j]);
-    }
-    if (records > (inLen - cursor) / 4) return d::Refuse(Reason::count_past_message);
-    if (total > INT_MAX) return d::Refuse(Reason::size_not_representable);
-    if (negative && d::Call().modern) return d::Refuse(Reason::negative_count);
-
-    // Bytes a decode limit may write behind the last record, in caller memory.
-    std::int64_t tail = 0;
-    for (int j = 0; j < k; ++j)
-        Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
-            tail = tail > model::MaxDecodeEnd(L) - L.size ? tail : model::MaxDecodeEnd(L) - L.size;
-            return true;
-        });
-    char* buf = d::OpenBlock(out, outLen, total, d::kAnsSpare, d::kAnsHeadLen, tail, records);
-    if (buf == nullptr) return 0;
-    std::memcpy(buf, in, d::kAnsHeadLen);
-    d::StoreI32(buf + d::kOffHeadLen, d::kAnsHeadLen);
-    char* slots = buf + d::kAnsHeadLen;
-    if constexpr (k == 1) {
-        d::StoreI32(buf + d::kAnsOffCount, counts[0]);
-        d::StoreI32(buf + d::kAnsOffSize, static_cast<std::int32_t>(Shape::Size(0, counts[0])));
-    } else {
-        d::SetFlags(buf, TRDCOMP_FLAG_SECTIONS);
-        d::StoreI32(slots, 8 * k + 4);
-        for (int j = 0; j < k; ++j) {
-            d::StoreI32(slots + 4 + 8 * j, counts[j]);
-            d::StoreI32(slots + 8 + 8 * j, static_cast<std::int32_t>(Shape::Size(j, counts[j])));
-        }
-        slots += 8 * k + 4;
-    }
-    std::int64_t decoded = 0;
-    for (int j = 0; j < k; ++j) {
-        Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
-            static_assert(model::MaxDecodeEnd(L) <= L.size + d::kAnsSpare, "a decode limit overruns the spare bytes");
-            decoded += DecodeRun<L>(in, inLen, cursor, d::Records(counts[j]), slots, flag);
-            slots += d::Records(counts[j]) * L.size;
-            return true;
-        });
-    }
-    if (d::Call().strict) {
-        if (const Reason why = d::StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return d::Refuse(why);
-    }
-    return 1;
+    return d::RestoreAnswerFrame<Shape>(Frames{flag}, in, inLen, out, outLen);
 }
 
 }  // namespace trdcomp::codec2008

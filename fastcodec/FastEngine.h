@@ -1,5 +1,6 @@
 // The Fast record coding: one generic record encoder and decoder, specialised
-// per layout at compile time, and the framing of requests and answers.
+// per layout at compile time, and its policy for the request and answer
+// frames both codings share (common/RecordFrames.h).
 //
 // A coded record is a presence map of P = ceil(F / 7) bytes (field i owns bit
 // 0x40 >> (i % 7) of byte i / 7; 0x80 marks the last map byte) followed by
@@ -21,6 +22,7 @@
 #include "common/Framing.h"
 #include "common/Inline.h"
 #include "common/Layout.h"
+#include "common/RecordFrames.h"
 #include "common/Text.h"
 #include "fastcodec/FastPrimitives.h"
 
@@ -332,38 +334,33 @@ inline bool AsciiRepresentable(const char* rec) {
     return true;
 }
 
+// The Fast record policy of the shared frames (common/RecordFrames.h), for
+// records of layout L: a u16 length, then the record coded against the one
+// before. An encoder may use kEncodeSlack bytes behind its worst case as
+// scratch.
+template <const auto& L>
+struct RecordCoder {
+    static constexpr int kLengthBytes = 2;
+    static constexpr std::size_t kMaxRecord = MaxRecord<L>();
+    static_assert(kMaxRecord <= 0xFFFF, "a coded record's length must fit its u16 slot");
+    static constexpr std::size_t kSlack = kEncodeSlack;
+    static constexpr std::int64_t kLeastRecord = static_cast<std::int64_t>(kPresenceBytes<L>);
+    static constexpr bool kExactWrites = false;
+
+    static bool Representable(const char* rec) { return AsciiRepresentable<L>(rec); }
+    static std::int64_t Encode(const char* rec, const char* prev, char* dst) {
+        return static_cast<std::int64_t>(EncodeRecord<L>(rec, prev, reinterpret_cast<byte*>(dst)));
+    }
+    static void StoreLength(char* at, std::int64_t n) { d::StoreU16(at, static_cast<std::uint16_t>(n)); }
+};
+
 // Codes records of layout L (data of `extent` bytes, `stride` apart) as
 // u16-length-prefixed records at out + pos, each against the one before.
-// Stops at the first record that does not lie inside the data. False when
-// the capacity ran out.
+// False when the capacity ran out.
 template <const auto& L>
 inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char* data, std::int64_t extent,
                       std::int64_t count, std::int32_t stride) {
-    constexpr std::size_t kMax = MaxRecord<L>();
-    static_assert(kMax <= 0xFFFF, "a coded record's length must fit its u16 slot");
-    // Without a known capacity, the records still to come prove the room: each
-    // takes at least its length and its presence map, all inside the message.
-    constexpr std::int64_t kLeast = 2 + static_cast<std::int64_t>(kPresenceBytes<L>);
-    const std::int64_t records = d::RecordsInside(data, extent, count, stride, L.size);
-    if (d::Call().strict) {
-        for (std::int64_t i = 0; i < records; ++i)
-            if (!AsciiRepresentable<L>(data + i * stride)) return d::Refuse(Reason::value_not_representable);
-    }
-    const char* prev = nullptr;
-    for (std::int64_t i = 0; i < records; ++i) {
-        const char* rec = data + i * stride;
-        const std::int64_t room = cap - pos - 2;
-        if (room < 0) return d::Refuse(Reason::buffer_too_small);
-        const std::int64_t proven = (records - i) * kLeast - 2;
-        const std::int64_t n = d::EncodeBounded<kMax, kEncodeSlack>(
-            [&](char* dst) { return static_cast<std::int64_t>(EncodeRecord<L>(rec, prev, reinterpret_cast<byte*>(dst))); },
-            out + pos + 2, room, cap != d::kUnbounded ? room : proven);
-        if (n < 0) return d::Refuse(Reason::buffer_too_small);
-        d::StoreU16(out + pos, static_cast<std::uint16_t>(n));
-        pos += 2 + n;
-        prev = rec;
-    }
-    return true;
+    return d::EncodeRecords(RecordCoder<L>{}, L.size, out, pos, cap, data, extent, count, stride);
 }
 
 // Decodes up to `count` records from in[cursor, ...) into consecutive slots
@@ -383,6 +380,47 @@ inline std::int64_t DecodeRun(const BoundedSource& in, std::int64_t& cursor, std
     }
     return i;
 }
+
+// The Fast restore policy of the shared frames (common/RecordFrames.h): the
+// stream carries a u16 count behind the head (one per section in an
+// answer, all counts first); a coded record takes its u16 length at least.
+// Under a version below 1 coded records are not decoded.
+struct Frames {
+    static constexpr int kCountBytes = 2;
+    static constexpr int kMinCoded = 2;
+    static constexpr bool kZeroLengthOnFailure = true;
+    static constexpr bool kClearsSectionsBit = true;
+    int version;
+
+    bool Decodes() const { return version >= 1; }
+    static bool CountAgrees(const char* at, std::int32_t count) { return d::LoadU16(at) == count; }
+    template <const auto& L>
+    static constexpr std::int64_t Tail() {
+        return 0;
+    }
+    template <const auto& L>
+    static std::int64_t DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count,
+                                  char* slots) {
+        return fast::DecodeRun<L>(BoundedSource{reinterpret_cast<const byte*>(in), inLen}, cursor, count, slots);
+    }
+    // One section: its count in the head. Several: the stream's u16 counts
+    // (none under a version below 1).
+    template <int k>
+    Reason ReadCounts(const char* in, std::int64_t inLen, std::int32_t headLen, std::int32_t* counts,
+                      std::int64_t& cursor) const {
+        if (Decodes() && inLen - headLen < 2 * k) return Reason::count_past_message;
+        if constexpr (k == 1) {
+            counts[0] = d::LoadI32(in + d::kAnsOffCount);
+        } else {
+            for (int j = 0; j < k; ++j) counts[j] = Decodes() ? d::LoadU16(in + headLen + 2 * j) : 0;
+        }
+        cursor = headLen + 2 * k;
+        return Reason::none;
+    }
+    static std::int64_t RecordRoom(std::int64_t inLen, std::int32_t headLen, std::int64_t /*cursor*/) {
+        return (inLen - headLen) / 2;
+    }
+};
 
 // ---- requests ----
 
@@ -411,35 +449,7 @@ int PackRequest(char* out, int& outLen, const char* data, int dataLen, int versi
 
 template <const auto& L>
 int RestoreRequest(char* in, int inLen, char** out, int& outLen, int version) {
-    d::RequestHead h;
-    if (!d::ReadRequestHead(in, inLen, h)) return 0;
-    const bool decode = h.coded && version >= 1;
-    // The stream's count must be readable, and there are no more records
-    // than the message can describe: a u16 length per coded record, one
-    // received byte per copied one.
-    if (decode && inLen - h.headLen < 2) return d::Refuse(Reason::count_past_message);
-    const std::int64_t records = d::Records(h.count);
-    if (records > (decode ? (inLen - h.headLen - 2) / 2 : inLen)) return d::Refuse(Reason::count_past_message);
-    // Into the caller's memory, a count that disagrees is refused before a
-    // byte is written (a classic restore hands back the zeroed buffer).
-    if (decode && d::IntoCallerBlock(out) && d::LoadU16(in + h.headLen) != h.count)
-        return d::Refuse(Reason::stream_count_differs);
-    char* slots = d::OpenRestoredRequest(in, h, L.size, out, outLen);
-    if (slots == nullptr) return 0;
-    if (!h.coded) {
-        d::CopyRawRecords(in, inLen, h.recordSize, L.size, records, slots);
-    } else if (decode) {
-        // The stream's count must equal the head's (the buffer stays in *out).
-        if (d::LoadU16(in + h.headLen) != h.count) return d::Refuse(Reason::stream_count_differs);
-        const BoundedSource src{reinterpret_cast<const byte*>(in), inLen};
-        std::int64_t cursor = h.headLen + 2;
-        const std::int64_t decoded = DecodeRun<L>(src, cursor, records, slots);
-        if (d::Call().strict) {
-            if (const Reason why = d::StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return d::Refuse(why);
-        }
-    }
-    d::CloseRestoredRequest(*out, L.size);
-    return 1;
+    return d::RestoreRequestFrame<L>(Frames{version}, in, inLen, out, outLen);
 }
 
 // ---- answers ----
@@ -465,82 +475,9 @@ int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arra
     return 1;
 }
 
-// One array: the head (word 0 = 96, the count and layout size in words 22
-// and 23, flag bit 1 clear) and the records. Several arrays: the head with
-// flag bit 1, a descriptor (its length 4 + 8k, then each count and layout
-// size) and the arrays one after the other. 10 spare zero bytes.
 template <class Shape>
 int RestoreAnswer(char* in, int inLen, char** out, int& outLen, int version) {
-    constexpr int k = Shape::kCount;
-    if (in == nullptr || inLen < d::kAnsHeadLen) return d::Refuse(Reason::head_too_short);
-    const std::int32_t headLen = d::LoadI32(in + d::kOffHeadLen);
-    if (headLen < 0 || headLen > inLen) return d::Refuse(Reason::head_length_invalid);
-    // The stream's counts come first behind the head; several arrays take
-    // their sizes from them, one array from the head.
-    if (version >= 1 && inLen - headLen < 2 * k) return d::Refuse(Reason::count_past_message);
-    std::int32_t counts[k];
-    if constexpr (k == 1) {
-        counts[0] = d::LoadI32(in + d::kAnsOffCount);
-    } else {
-        for (int j = 0; j < k; ++j) counts[j] = version >= 1 ? d::LoadU16(in + headLen + 2 * j) : 0;
-    }
-    std::int64_t records = 0;
-    std::int64_t total = d::kAnsHeadLen + (k > 1 ? 8 * k + 4 : 0);
-    for (int j = 0; j < k; ++j) {
-        records += d::Records(counts[j]);
-        total += d::Records(counts[j]) * Shape::Size(j, counts[j]);
-    }
-    if (records > (inLen - headLen) / 2) return d::Refuse(Reason::count_past_message);
-    if (total > INT_MAX) return d::Refuse(Reason::size_not_representable);
-    if constexpr (k == 1) {
-        if (counts[0] < 0 && d::Call().modern) return d::Refuse(Reason::negative_count);
-    }
-
-    if (version >= 1 && k == 1 && d::IntoCallerBlock(out) && d::LoadU16(in + headLen) != counts[0])
-        return d::Refuse(Reason::stream_count_differs);
-    char* buf = d::OpenBlock(out, outLen, total, d::kAnsSpare, d::kAnsHeadLen, 0, records);
-    if (buf == nullptr) {
-        if (!d::IntoCallerBlock(out)) outLen = 0;  // a caller's block keeps the size it needs
-        return 0;
-    }
-    std::memcpy(buf, in, d::kAnsHeadLen);
-    char* slots = buf + d::kAnsHeadLen;
-    if constexpr (k > 1) {
-        d::StoreI32(slots, 8 * k + 4);
-        for (int j = 0; j < k; ++j) {
-            d::StoreI32(slots + 4 + 8 * j, counts[j]);
-            d::StoreI32(slots + 8 + 8 * j, static_cast<std::int32_t>(Shape::Size(j, counts[j])));
-        }
-        slots += 8 * k + 4;
-    }
-    const BoundedSource src{reinterpret_cast<const byte*>(in), inLen};
-    if (version >= 1) {
-        std::int64_t cursor = headLen + 2 * k;
-        if constexpr (k == 1) {
-            if (d::LoadU16(in + headLen) != counts[0]) return d::Refuse(Reason::stream_count_differs);
-        }
-        char* at = slots;
-        std::int64_t decoded = 0;
-        for (int j = 0; j < k; ++j) {
-            Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
-                decoded += DecodeRun<L>(src, cursor, d::Records(counts[j]), at);
-                at += d::Records(counts[j]) * L.size;
-                return true;
-            });
-        }
-        if (d::Call().strict) {
-            if (const Reason why = d::StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return d::Refuse(why);
-        }
-    }
-    d::StoreI32(buf + d::kOffHeadLen, d::kAnsHeadLen);
-    if constexpr (k == 1) {
-        d::StoreI32(buf + d::kAnsOffCount, counts[0]);
-        d::StoreI32(buf + d::kAnsOffSize, static_cast<std::int32_t>(Shape::Size(0, counts[0])));
-        d::StoreI32(buf + d::kOffFlags, d::LoadI32(buf + d::kOffFlags) & ~TRDCOMP_FLAG_SECTIONS);
-    } else {
-        d::SetFlags(buf, TRDCOMP_FLAG_SECTIONS);
-    }
-    return 1;
+    return d::RestoreAnswerFrame<Shape>(Frames{version}, in, inLen, out, outLen);
 }
 
 }  // namespace trdcomp::fast

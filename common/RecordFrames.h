@@ -1,0 +1,187 @@
+// The frames both record codings share: a run of length-prefixed records,
+// the restore of a request and the restore of an answer. What differs
+// between the codings is a record policy P, a small object holding the
+// coding's argument (the 2008 flag, the Fast version):
+//
+//   encoding a run (EncodeRecords)
+//     kLengthBytes           bytes of the length word before each record
+//     kMaxRecord, kSlack     worst-case bytes of a record, and the bytes behind
+//                            them an encoder may use as scratch
+//     kLeastRecord           the fewest bytes a coded record takes
+//     kExactWrites           the encoder writes no byte it does not count, so a
+//                            classic call (capacity unknown) encodes in place
+//     Representable(rec)     strict mode: the record can travel as it is
+//     Encode(rec, prev, dst) codes one record, returns its bytes
+//     StoreLength(at, n)     writes a record's length word
+//   restoring (RestoreRequestFrame, RestoreAnswerFrame)
+//     kCountBytes            bytes of the record count a request carries in
+//                            its stream behind the head
+//     kMinCoded              the fewest bytes a coded record takes on the wire
+//     Decodes()              whether coded records are decoded at all
+//     CountAgrees(at, count) whether the stream's count equals the head's
+//     Tail<L>()              bytes a decoder may write behind a record of L
+//     DecodeRun<L>(in, inLen, cursor, count, slots)
+//                            decodes up to count records from in + cursor into
+//                            the zeroed slots, returns the records decoded
+//     ReadCounts<k>(in, inLen, headLen, counts, cursor)
+//                            an answer's section counts, the cursor set to its
+//                            first record; Reason::none or why it is refused
+//     RecordRoom(inLen, headLen, cursor)
+//                            the most records the answer's bytes can hold
+//     kZeroLengthOnFailure   a failed allocation leaves outLen 0
+//     kClearsSectionsBit     a one-section answer restores with flag bit 1 clear
+#pragma once
+
+#include <climits>
+#include <cstdint>
+#include <cstring>
+
+#include "common/Framing.h"
+
+namespace trdcomp::detail {
+
+// Codes the records of a caller's array (extent bytes, stride apart) as
+// length-prefixed records at out + pos, each against the one before. Stops
+// at the first record that does not lie inside the array. False when the
+// capacity ran out.
+template <class P>
+inline bool EncodeRecords(const P& p, std::uint32_t size, char* out, std::int64_t& pos, std::int64_t cap,
+                          const char* data, std::int64_t extent, std::int64_t count, std::int32_t stride) {
+    const std::int64_t records = RecordsInside(data, extent, count, stride, size);
+    if (Call().strict) {
+        for (std::int64_t i = 0; i < records; ++i)
+            if (!p.Representable(data + i * stride)) return Refuse(Reason::value_not_representable);
+    }
+    const char* prev = nullptr;
+    for (std::int64_t i = 0; i < records; ++i) {
+        const char* rec = data + i * stride;
+        const std::int64_t room = cap - pos - P::kLengthBytes;
+        if (room < 0) return Refuse(Reason::buffer_too_small);
+        // Without a known capacity, the records still to come prove the room:
+        // each takes at least its length word and its least coded bytes.
+        const std::int64_t proven = (records - i) * (P::kLengthBytes + P::kLeastRecord) - P::kLengthBytes;
+        const std::int64_t writable = cap != kUnbounded || P::kExactWrites ? room : proven;
+        const std::int64_t n = EncodeBounded<P::kMaxRecord, P::kSlack>(
+            [&](char* dst) { return p.Encode(rec, prev, dst); }, out + pos + P::kLengthBytes, room, writable);
+        if (n < 0) return Refuse(Reason::buffer_too_small);
+        P::StoreLength(out + pos, n);
+        pos += P::kLengthBytes + n;
+        prev = rec;
+    }
+    return true;
+}
+
+// Restores a request of layout L: the head (its length and record size
+// words set), then the records decoded, or copied when they travelled raw.
+template <const auto& L, class P>
+int RestoreRequestFrame(const P& p, char* in, int inLen, char** out, int& outLen) {
+    static_assert(L.size > 0);
+    static_assert(P::template Tail<L>() <= kReqSpare, "a decode limit overruns the spare bytes");
+    RequestHead h;
+    if (!ReadRequestHead(in, inLen, h)) return 0;
+    const bool decode = h.coded && p.Decodes();
+    // The stream's count must be readable, and there are no more records
+    // than the message can describe: the least coded record each, one
+    // received byte per copied one.
+    if (decode && inLen - h.headLen < P::kCountBytes) return Refuse(Reason::count_past_message);
+    const std::int64_t records = Records(h.count);
+    if (records > (decode ? (inLen - h.headLen - P::kCountBytes) / P::kMinCoded : inLen))
+        return Refuse(Reason::count_past_message);
+    // Into the caller's memory, a count that disagrees is refused before a
+    // byte is written (a classic restore hands back the zeroed buffer).
+    if (decode && IntoCallerBlock(out) && !p.CountAgrees(in + h.headLen, h.count))
+        return Refuse(Reason::stream_count_differs);
+    char* slots = OpenRestoredRequest(in, h, L.size, out, outLen, P::template Tail<L>());
+    if (slots == nullptr) return 0;
+    if (!h.coded) {
+        CopyRawRecords(in, inLen, h.recordSize, L.size, records, slots);
+    } else if (decode) {
+        if (!p.CountAgrees(in + h.headLen, h.count)) return Refuse(Reason::stream_count_differs);
+        std::int64_t cursor = h.headLen + P::kCountBytes;
+        const std::int64_t decoded = p.template DecodeRun<L>(in, inLen, cursor, records, slots);
+        if (Call().strict) {
+            if (const Reason why = StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return Refuse(why);
+        }
+    }
+    CloseRestoredRequest(*out, L.size);
+    return 1;
+}
+
+// Restores an answer of the given shape. One section: the 96-byte head
+// (word 0 = 96) with the count and layout size in words 22 and 23, then the
+// records. Several: the head with flag bit 1, the section table (its length
+// 4 + 8k, then each count and layout size) and the sections one after the
+// other. 10 spare zero bytes.
+template <class Shape, class P>
+int RestoreAnswerFrame(const P& p, char* in, int inLen, char** out, int& outLen) {
+    constexpr int k = Shape::kCount;
+    if (in == nullptr || inLen < kAnsHeadLen) return Refuse(Reason::head_too_short);
+    const std::int32_t headLen = LoadI32(in + kOffHeadLen);
+    if (headLen < 0 || headLen > inLen) return Refuse(Reason::head_length_invalid);
+    std::int32_t counts[k];
+    std::int64_t cursor = headLen;
+    if (const Reason why = p.template ReadCounts<k>(in, inLen, headLen, counts, cursor); why != Reason::none)
+        return Refuse(why);
+    std::int64_t records = 0;
+    std::int64_t total = kAnsHeadLen + (k > 1 ? 8 * k + 4 : 0);
+    bool negative = false;
+    for (int j = 0; j < k; ++j) {
+        negative |= counts[j] < 0;
+        records += Records(counts[j]);
+        total += Records(counts[j]) * Shape::Size(j, counts[j]);
+    }
+    if (records > p.RecordRoom(inLen, headLen, cursor)) return Refuse(Reason::count_past_message);
+    if (total > INT_MAX) return Refuse(Reason::size_not_representable);
+    if (negative && Call().modern) return Refuse(Reason::negative_count);
+    if (k == 1 && p.Decodes() && IntoCallerBlock(out) && !p.CountAgrees(in + headLen, counts[0]))
+        return Refuse(Reason::stream_count_differs);
+
+    // Bytes a decoder may write behind the last record, in the caller's memory.
+    std::int64_t tail = 0;
+    for (int j = 0; j < k; ++j)
+        Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
+            static_assert(P::template Tail<L>() <= kAnsSpare, "a decode limit overruns the spare bytes");
+            tail = tail > P::template Tail<L>() ? tail : P::template Tail<L>();
+            return true;
+        });
+    char* buf = OpenBlock(out, outLen, total, kAnsSpare, kAnsHeadLen, tail, records);
+    if (buf == nullptr) {
+        if (P::kZeroLengthOnFailure && !IntoCallerBlock(out)) outLen = 0;  // a caller's block keeps the size it needs
+        return 0;
+    }
+    std::memcpy(buf, in, kAnsHeadLen);
+    char* slots = buf + kAnsHeadLen;
+    if constexpr (k > 1) {
+        StoreI32(slots, 8 * k + 4);
+        for (int j = 0; j < k; ++j) {
+            StoreI32(slots + 4 + 8 * j, counts[j]);
+            StoreI32(slots + 8 + 8 * j, static_cast<std::int32_t>(Shape::Size(j, counts[j])));
+        }
+        slots += 8 * k + 4;
+    }
+    if (p.Decodes()) {
+        if (k == 1 && !p.CountAgrees(in + headLen, counts[0])) return Refuse(Reason::stream_count_differs);
+        std::int64_t decoded = 0;
+        for (int j = 0; j < k; ++j) {
+            Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
+                decoded += p.template DecodeRun<L>(in, inLen, cursor, Records(counts[j]), slots);
+                slots += Records(counts[j]) * L.size;
+                return true;
+            });
+        }
+        if (Call().strict) {
+            if (const Reason why = StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return Refuse(why);
+        }
+    }
+    StoreI32(buf + kOffHeadLen, kAnsHeadLen);
+    if constexpr (k == 1) {
+        StoreI32(buf + kAnsOffCount, counts[0]);
+        StoreI32(buf + kAnsOffSize, static_cast<std::int32_t>(Shape::Size(0, counts[0])));
+        if (P::kClearsSectionsBit) StoreI32(buf + kOffFlags, LoadI32(buf + kOffFlags) & ~TRDCOMP_FLAG_SECTIONS);
+    } else {
+        SetFlags(buf, TRDCOMP_FLAG_SECTIONS);
+    }
+    return 1;
+}
+
+}  // namespace trdcomp::detail
