@@ -34,8 +34,8 @@ case "${1:-}" in
     cmake --workflow --preset ci
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer (clang, LeakSanitizer on), with the fuzz targets"
     cmake --workflow --preset asan
-    echo "== fuzzing, ${TRDCOMP_FUZZ_SECONDS:-15} s a target"
-    fuzz/run.sh "${TRDCOMP_FUZZ_SECONDS:-15}" build/asan
+    echo "== fuzzing, ${TRDCOMP_FUZZ_SECONDS:-10} s a target"
+    fuzz/run.sh "${TRDCOMP_FUZZ_SECONDS:-10}" build/asan
     ;;
   -h|--help|help)
     usage
