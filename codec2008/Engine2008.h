@@ -203,45 +203,51 @@ template <ValueKey V, class C>
     return DecodeValue<V, C>(pad, p, flag);
 }
 
-// Decodes a field at in[used]: the record has `len` bytes, and `avail`
-// (>= len) bytes from `in` lie inside the message. Where the worst case would
-// pass the record's end but not the message's, coders that read no byte they
-// do not consume decode the field in place, and it is kept if it consumed no
-// byte past the record (then it read none, and the padded copy would give
-// the same); a field confined to its own width is cleared again before the
-// padded retry. Other coders always get the padded copy there.
+// Does decoding the field at in read only inside the `left` (>= 1) bytes
+// there? Known without decoding for coders that read no byte they do not
+// consume; others are never asked.
 template <Field F, class C>
-TRDCOMP_FORCE_INLINE std::int64_t DecodeAt(const char* in, std::int64_t len, std::int64_t avail,
-                                                    std::int64_t used, char* rec, char flag) {
+TRDCOMP_FORCE_INLINE bool ReadsWithin(const char* in, std::int64_t left, char flag) {
+    if constexpr (!C::kReadsOnlyConsumed || F.kind == Kind::SizedBlock) {
+        return false;
+    } else if constexpr (F.kind == Kind::Char) {
+        return true;
+    } else if constexpr (F.kind == Kind::Int32 || F.kind == Kind::BlockLength) {
+        return C::IntWithin(in, left, flag == 0 ? C::kInt : C::kInt64);
+    } else if constexpr (F.kind == Kind::Int64 || F.kind == Kind::Double) {
+        return C::IntWithin(in, left, C::kInt64);
+    } else {
+        return C::TextWithin(in, left, static_cast<int>(F.limit));
+    }
+}
+
+// Decodes a field at in[used] of a record of `len` bytes. A field whose
+// worst case fits the record, or whose actual read does, decodes in place;
+// else from a zero-padded copy of what is left (the same value as a decoder
+// reading zeros past the record's end would find).
+template <Field F, class C>
+TRDCOMP_FORCE_INLINE std::int64_t DecodeAt(const char* in, std::int64_t len, std::int64_t used, char* rec, char flag) {
     constexpr auto kMaxRead = static_cast<std::int64_t>(MaxRead<C>(F));
     constexpr ValueKey kKey = KeyOf(F);
     char* p = rec + F.offset;
     const std::int64_t left = len - used;
-    if (left >= kMaxRead) return DecodeValue<kKey, C>(in + used, p, flag);
-    if constexpr (C::kReadsOnlyConsumed && F.limit == F.width && F.kind != Kind::SizedBlock) {
-        if (avail - used >= kMaxRead) {
-            const std::int64_t k = DecodeValue<kKey, C>(in + used, p, flag);
-            if (k <= left) return k;
-            std::memset(p, 0, F.width);
-        }
-    }
+    if (left >= kMaxRead || ReadsWithin<F, C>(in + used, left, flag)) return DecodeValue<kKey, C>(in + used, p, flag);
     return DecodePadded<kKey, C>(in + used, left, p, flag);
 }
 
 // Decodes one field while bytes remain; false ends the record.
 template <Field F, const auto& L, class C>
-TRDCOMP_FORCE_INLINE bool DecodeField(const char* in, std::int64_t len, std::int64_t avail,
-                                               std::int64_t& used, char* rec, char flag) {
+TRDCOMP_FORCE_INLINE bool DecodeField(const char* in, std::int64_t len, std::int64_t& used, char* rec, char flag) {
     if (used >= len) return false;
     if constexpr (F.entry >= 0) {
         if (F.entry >= ActiveEntries<L>(rec)) return true;
     }
     if constexpr (F.kind == Kind::SizedBlock) {
         constexpr Field lengthField{Kind::BlockLength, {}, F.offset + F.width, 4, 4, 0, false, -1};
-        used += DecodeAt<lengthField, C>(in, len, avail, used, rec, flag);
+        used += DecodeAt<lengthField, C>(in, len, used, rec, flag);
         if (used >= len) return false;
     }
-    if constexpr (F.kind != Kind::BlockLength) used += DecodeAt<F, C>(in, len, avail, used, rec, flag);
+    if constexpr (F.kind != Kind::BlockLength) used += DecodeAt<F, C>(in, len, used, rec, flag);
     return true;
 }
 
@@ -338,8 +344,7 @@ std::int64_t DecodeAt(const char* in, std::int64_t len, std::int64_t used, char*
 }
 
 template <class C>
-void DecodeRecord(const View& v, const char* in, std::int64_t len, std::int64_t /*avail*/, char* rec, char flag,
-                  bool zeroed) {
+void DecodeRecord(const View& v, const char* in, std::int64_t len, char* rec, char flag, bool zeroed) {
     if (!zeroed) std::memset(rec, 0, v.size);
     std::int64_t used = 0;
     for (std::size_t i = 0; i < v.count; ++i) {
@@ -373,19 +378,19 @@ inline std::uint32_t EncodeRecord(const char* rec, char* out, char flag) {
     }
 }
 
-// Decodes the `len` bytes at `in` into the record; `avail` (>= len) bytes
-// from `in` are readable. The record is cleared first unless the caller
-// hands in one already zero.
+// Decodes the `len` bytes at `in` into the record; no byte outside them is
+// read. The record is cleared first unless the caller hands in one already
+// zero.
 template <const auto& L, class C, bool kZeroed = false>
-inline void DecodeRecord(const char* in, std::int64_t len, std::int64_t avail, char* rec, char flag) {
+inline void DecodeRecord(const char* in, std::int64_t len, char* rec, char flag) {
     if constexpr (!C::kSpecialised) {
         static_assert(table::Fits<L, C>(), "a field is wider than the table-driven coder's buffers");
-        table::DecodeRecord<C>(table::ViewOf<L>(), in, len, avail, rec, flag, kZeroed);
+        table::DecodeRecord<C>(table::ViewOf<L>(), in, len, rec, flag, kZeroed);
     } else {
         if constexpr (!kZeroed) std::memset(rec, 0, L.size);
         std::int64_t used = 0;
         [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
-            static_cast<void>((internal::DecodeField<L.fields[I], L, C>(in, len, avail, used, rec, flag) && ...));
+            static_cast<void>((internal::DecodeField<L.fields[I], L, C>(in, len, used, rec, flag) && ...));
         }(std::make_index_sequence<L.fields.size()>{});
     }
 }
@@ -450,7 +455,7 @@ inline std::int64_t DecodeRunWith(const char* in, std::int64_t inLen, std::int64
         // a record's end must clear the next record again, and the first slot
         // is cleared as a record of the section before may have written there.
         if (i == 0) std::memset(slots, 0, L.size);
-        DecodeRecord<L, C, model::MaxDecodeEnd(L) == L.size>(in + cursor + 4, take, avail, slots + i * L.size, flag);
+        DecodeRecord<L, C, model::MaxDecodeEnd(L) == L.size>(in + cursor + 4, take, slots + i * L.size, flag);
         cursor += 4 + static_cast<std::int64_t>(len);
     }
     return count > 0 ? count : 0;

@@ -70,6 +70,19 @@ struct BuiltInCoders {
     TRDCOMP_FORCE_INLINE static int PutBlock(char* out, const char* data, int len) {
         return kx::CompressBinData(out, data, len);
     }
+    // Does the decoder of an integer (at most maxBytes), or of a text or block
+    // keeping at most max bytes, read only inside the left (>= 1) bytes at in?
+    // Told by the bytes themselves, as the decoders read no byte they do not
+    // consume: a field near the end of a message decodes in place.
+    TRDCOMP_FORCE_INLINE static bool IntWithin(const char* in, std::int64_t left, int maxBytes) {
+        return static_cast<unsigned char>(in[0]) < 0x80u || kx::VarintWithin(in, left, maxBytes) != 0;
+    }
+    TRDCOMP_FORCE_INLINE static bool TextWithin(const char* in, std::int64_t left, int max) {
+        const auto b = static_cast<unsigned char>(in[0]);
+        if (b < 0x80u) [[likely]]
+            return 1 + (max <= 0 ? 0 : (b < max ? b : max)) <= left;
+        return kx::TextWithin(in, left, max);
+    }
     TRDCOMP_FORCE_INLINE static int GetInt(const char* in, int& v) { return kx::DecompressInt(in, v); }
     TRDCOMP_FORCE_INLINE static int GetInt64(const char* in, long long& v) { return kx::DecompressInt64(in, v); }
     TRDCOMP_FORCE_INLINE static int GetText(const char* in, char* dest, int max) {

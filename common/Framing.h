@@ -11,6 +11,7 @@
 #include "common/Bytes.h"
 #include "common/CallContext.h"
 #include "common/Layout.h"
+#include "common/Text.h"
 #include "trdcomp/TrdCompData.h"
 
 namespace trdcomp::detail {
@@ -57,7 +58,14 @@ inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t 
     const std::int64_t n = encode(direct ? dst : scratch);
     if (direct) return n;
     if (n > room) return -1;
-    std::memcpy(dst, scratch, static_cast<std::size_t>(n));
+    // A short record takes a few word moves, not a call.
+    if constexpr (sizeof scratch <= 32) {
+        CopyAtMost<sizeof scratch>(dst, scratch, static_cast<std::size_t>(n));
+    } else if (n <= 32) {
+        CopyAtMost<32>(dst, scratch, static_cast<std::size_t>(n));
+    } else {
+        std::memcpy(dst, scratch, static_cast<std::size_t>(n));
+    }
     return n;
 }
 
@@ -69,6 +77,8 @@ inline std::int64_t RecordsInside(const char* data, std::int64_t extent, std::in
     if (data == nullptr || count <= 0 || extent < static_cast<std::int64_t>(size)) return 0;
     if (stride == 0) return count;
     if (stride < 0) return 1;
+    // All of them (the common case) without a division.
+    if (count - 1 <= INT_MAX && (count - 1) * stride <= extent - static_cast<std::int64_t>(size)) return count;
     const std::int64_t fit = (extent - static_cast<std::int64_t>(size)) / stride + 1;
     return fit < count ? fit : count;
 }

@@ -50,8 +50,8 @@ void ExpectSameCoding(std::mt19937& rng) {
             ASSERT_EQ(std::vector<char>(a.begin(), a.begin() + na), std::vector<char>(b.begin(), b.begin() + nb))
                 << "flag " << int{flag};
             std::vector<char> ra(L.size + 16, 0), rb(L.size + 16, 0);
-            e8::DecodeRecord<L, e8::BuiltInCoders>(a.data(), na, na, ra.data(), flag);
-            e8::DecodeRecord<L, e8::ExportedCoders>(a.data(), na, na, rb.data(), flag);
+            e8::DecodeRecord<L, e8::BuiltInCoders>(a.data(), na, ra.data(), flag);
+            e8::DecodeRecord<L, e8::ExportedCoders>(a.data(), na, rb.data(), flag);
             ASSERT_EQ(ra, rb) << "flag " << int{flag};
         }
     }
@@ -96,7 +96,7 @@ void ExpectContained(std::mt19937& rng) {
         for (std::uint32_t len = 1; len <= n; len += 1 + len / 8) {
             Exact in(out.data(), static_cast<int>(len));
             std::vector<char> slot(16 + L.size + spare + 16, '#');
-            e8::DecodeRecord<L, C>(in.data(), len, len, slot.data() + 16, flag);
+            e8::DecodeRecord<L, C>(in.data(), len, slot.data() + 16, flag);
             EXPECT_EQ(std::string(slot.data(), 16), std::string(16, '#'));
             EXPECT_EQ(std::string(slot.data() + 16 + L.size + spare, 16), std::string(16, '#'));
         }

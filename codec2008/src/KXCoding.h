@@ -72,6 +72,27 @@ TRDCOMP_FORCE_INLINE int GetLength(const char* in, std::int64_t& len) {
     return k;
 }
 
+// The bytes GetVarint reads at in when they all lie inside the `left` bytes
+// there, else 0.
+[[gnu::noinline]] inline int VarintWithin(const char* in, std::int64_t left, int maxBytes) {
+    const int n = left < maxBytes ? static_cast<int>(left) : maxBytes;
+    for (int i = 0; i < n; ++i)
+        if (!(static_cast<u8>(in[i]) & 0x80u)) return i + 1;
+    return n == maxBytes ? maxBytes : 0;
+}
+
+// Does DecompressString or DecompressBinData keeping at most `max` bytes
+// read only inside the `left` bytes at in? (Both read the length and the
+// bytes they keep, nothing more.)
+[[gnu::noinline]] inline bool TextWithin(const char* in, std::int64_t left, int max) {
+    const int k = VarintWithin(in, left, 5);
+    if (k == 0) return false;
+    std::int64_t n;
+    GetLength(in, n);
+    const std::int64_t keep = max <= 0 ? 0 : (n < max ? n : max);
+    return k + keep <= left;
+}
+
 TRDCOMP_FORCE_INLINE int CompressInt(char* out, int value) {
     const auto u = static_cast<std::uint32_t>(value);
     const std::uint32_t zz = (u << 1) ^ (value < 0 ? 0xFFFFFFFFu : 0u);

@@ -81,7 +81,12 @@ int CTrdCompData::PackReq2008(char* out, int& outLen, tagREQ_HEAD* head, char* d
     if (cell == Cell::Raw && (dataLen < 0 || (dataLen > 0 && data == nullptr))) return 0;
 
     outLen = 0;
-    std::memmove(out, head, kReqHead);
+    // The head may overlap out: all of it is read before a byte is written,
+    // by fixed moves (a call would make the codec's read of the count below
+    // wait for the copy's stores).
+    unsigned char moved[kReqHead];
+    std::memcpy(moved, head, kReqHead);
+    std::memcpy(out, moved, kReqHead);
     StoreI32(out + kWordHeadLen, kReqHead);
     outLen = kReqHead;
 
