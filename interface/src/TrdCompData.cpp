@@ -382,6 +382,14 @@ int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, const char* 
     return 0;
 }
 
+int RestoreIntoScoped(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
+                      const RestoreOptions& options, std::size_t* len, Reason* why, std::uint64_t* needed) noexcept {
+    EnterCall(options.strict, Limit(options.maxBytes), Limit(options.maxRecords));
+    const int rc = RestoreIntoBlock(request, dst, capacity, in, inLen, options.flag, len);
+    *why = LeaveCall(needed);
+    return rc;
+}
+
 std::size_t RestoredBytes(bool request, const char* in, std::size_t inLen, char flag) noexcept {
     char none = 0;
     std::size_t len = 0;

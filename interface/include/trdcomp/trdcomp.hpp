@@ -304,6 +304,12 @@ RestoredView RestoreInto(span<char> dst, span<const char> in, const RestoreOptio
 TRDCOMP_API int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
                                  char flag, std::size_t* len) noexcept;
 TRDCOMP_API std::size_t RestoredBytes(bool request, const char* in, std::size_t inLen, char flag) noexcept;
+// RestoreIntoBlock inside a call scope of its own (the options' strict mode
+// and limits), in one call: *why the reason of a refusal, *needed the bytes
+// a limit refusal needed.
+TRDCOMP_API int RestoreIntoScoped(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
+                                  const RestoreOptions& options, std::size_t* len, Reason* why,
+                                  std::uint64_t* needed) noexcept;
 }  // namespace detail
 
 // A restored request or answer in memory it does not own: what RestoreInto
@@ -497,10 +503,9 @@ inline RestoredView RestoreInto(span<char> dst, span<const char> in, const Resto
     char none = 0;  // a zero-sized block still needs an address
     char* block = dst.data() != nullptr ? dst.data() : &none;
     std::size_t len = 0;
-    CallScope scope(options.strict, Limit(options.maxBytes), Limit(options.maxRecords));
-    const int rc = RestoreIntoBlock(request, block, dst.size(), in.data(), in.size(), options.flag, &len);
+    Reason why = Reason::none;
     std::uint64_t needed = 0;
-    const Reason why = scope.Leave(&needed);
+    const int rc = RestoreIntoScoped(request, block, dst.size(), in.data(), in.size(), options, &len, &why, &needed);
     if (rc < 0) {
         v.why_ = Reason::buffer_too_small;
         v.needed_ = len;
