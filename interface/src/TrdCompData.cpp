@@ -69,6 +69,37 @@ void CTrdCompData::ReleaseAnsData(char* p) {
     if (p != nullptr) ::operator delete(p);
 }
 
+namespace {
+
+// The 76-byte head, which may overlap out: all of it is read before a byte
+// is written, in words whose stores the codec's reads of the count (offset
+// 68) and record size (72) find whole (a call, or a copy through the
+// stack, would make those reads wait).
+void MoveRequestHead(char* out, const void* head) {
+    static_assert(kReqHead == 76);
+    struct Pair {
+        std::uint64_t a, b;
+    };
+    const char* s = static_cast<const char*>(head);
+    Pair w0, w1, w2, w3;
+    std::uint64_t w4;
+    std::uint32_t w5;
+    std::memcpy(&w0, s, 16);
+    std::memcpy(&w1, s + 16, 16);
+    std::memcpy(&w2, s + 32, 16);
+    std::memcpy(&w3, s + 48, 16);
+    std::memcpy(&w4, s + 64, 8);
+    std::memcpy(&w5, s + 72, 4);
+    std::memcpy(out, &w0, 16);
+    std::memcpy(out + 16, &w1, 16);
+    std::memcpy(out + 32, &w2, 16);
+    std::memcpy(out + 48, &w3, 16);
+    std::memcpy(out + 64, &w4, 8);
+    std::memcpy(out + 72, &w5, 4);
+}
+
+}  // namespace
+
 int CTrdCompData::PackReq2008(char* out, int& outLen, tagREQ_HEAD* head, char* data, int dataLen,
                               char flag) {
     if (out == nullptr || head == nullptr) return 0;
@@ -81,12 +112,7 @@ int CTrdCompData::PackReq2008(char* out, int& outLen, tagREQ_HEAD* head, char* d
     if (cell == Cell::Raw && (dataLen < 0 || (dataLen > 0 && data == nullptr))) return 0;
 
     outLen = 0;
-    // The head may overlap out: all of it is read before a byte is written,
-    // by fixed moves (a call would make the codec's read of the count below
-    // wait for the copy's stores).
-    unsigned char moved[kReqHead];
-    std::memcpy(moved, head, kReqHead);
-    std::memcpy(out, moved, kReqHead);
+    MoveRequestHead(out, head);
     StoreI32(out + kWordHeadLen, kReqHead);
     outLen = kReqHead;
 
