@@ -37,6 +37,7 @@
 #include <cstring>
 
 #include "common/Framing.h"
+#include "common/Inline.h"
 
 namespace trdcomp::detail {
 
@@ -74,7 +75,7 @@ inline bool EncodeRecords(const P& p, std::uint32_t size, char* out, std::int64_
 // Restores a request of layout L: the head (its length and record size
 // words set), then the records decoded, or copied when they travelled raw.
 template <const auto& L, class P>
-int RestoreRequestFrame(const P& p, char* in, int inLen, char** out, int& outLen) {
+TRDCOMP_FORCE_INLINE int RestoreRequestFrame(const P& p, char* in, int inLen, char** out, int& outLen) {
     static_assert(L.size > 0);
     static_assert(P::template Tail<L>() <= kReqSpare, "a decode limit overruns the spare bytes");
     RequestHead h;
@@ -113,7 +114,7 @@ int RestoreRequestFrame(const P& p, char* in, int inLen, char** out, int& outLen
 // 4 + 8k, then each count and layout size) and the sections one after the
 // other. 10 spare zero bytes.
 template <class Shape, class P>
-int RestoreAnswerFrame(const P& p, char* in, int inLen, char** out, int& outLen) {
+TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(const P& p, char* in, int inLen, char** out, int& outLen) {
     constexpr int k = Shape::kCount;
     if (in == nullptr || inLen < kAnsHeadLen) return Refuse(Reason::head_too_short);
     const std::int32_t headLen = LoadI32(in + kOffHeadLen);
