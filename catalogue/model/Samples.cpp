@@ -4,6 +4,8 @@
 #include <cstring>
 #include <random>
 
+#include "Routing.h"
+
 namespace catalogue_model {
 
 namespace {
@@ -14,9 +16,10 @@ int SampleCount(const Layout& l) { return l.size > 4096 ? 1 : 3; }
 }  // namespace
 
 std::vector<int> RoutedIds() {
+    namespace r = trdcomp::detail;
     std::vector<int> ids;
-    for (int id = 1000; id <= 1261; ++id) ids.push_back(id);
-    for (int id = 8996; id <= 8999; ++id) ids.push_back(id);
+    for (int i = 0; i < r::kDenseCount; ++i) ids.push_back(r::kDenseFirst + i);
+    for (int i = 0; i < r::kHighCount; ++i) ids.push_back(r::kHighFirst + i);
     return ids;
 }
 

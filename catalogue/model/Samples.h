@@ -11,7 +11,7 @@
 
 namespace catalogue_model {
 
-// Every id that has a routing slot: 1000..1261 and 8996..8999.
+// Every id that has a slot in the library's routing tables (interface/src/Routing.h).
 std::vector<int> RoutedIds();
 
 // A request as its caller hands it over: head and record array.
