@@ -1,12 +1,16 @@
-// The four dispatchers: return conventions, heads, raw paths and buffer ownership.
+// The four dispatchers beyond the catalogue sweep: argument refusals, heads,
+// raw paths of ids the catalogue does not route, capacity and buffer ownership.
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <string>
 #include <vector>
 
+#include "model/Samples.h"
 #include "support/AllocHook.h"
+#include "support/Golden.h"
 #include "support/Messages.h"
+#include "trdcomp/trdcomp.hpp"
 
 using namespace testmsg;
 
@@ -43,7 +47,7 @@ struct PackedAns {
 
 PackedAns PackAns(tagANS_Proc proc, std::vector<std::vector<char>> arrays, int coding = 0, int outSize = 4096,
                   char fill = '\0') {
-    std::vector<char> out(4096, fill);
+    std::vector<char> out(1 << 16, fill);  // as much as any outSize below may use as scratch
     std::memset(out.data() + 8, 0, 4);  // the caller hands in a zero flags word
     arrays.resize(5);
     PackedAns r;
@@ -62,14 +66,30 @@ std::vector<char> Seq(int n, char first = 'a') {
 
 }  // namespace
 
-TEST(PackReq, NullOutputOrHeadIsRefusedAndLeavesOutLen) {
+TEST(PackReq, RefusalsLeaveOutLen) {
     tagREQ_HEAD head = ReqHead(1022);
     char buf[128];
-    int len = 1234;
-    EXPECT_EQ(CTrdCompData::PackReq2008(nullptr, len, &head, nullptr, 0, 0), 0);
-    EXPECT_EQ(len, 1234);
-    EXPECT_EQ(CTrdCompData::PackReq2008(buf, len, nullptr, nullptr, 0, 0), 0);
-    EXPECT_EQ(len, 1234);
+    struct Case {
+        const char* what;
+        char* out;
+        tagREQ_HEAD* head;
+        char* data;
+        int dataLen;
+        int rc, outLen;
+    };
+    const Case cases[] = {
+        {"null output", nullptr, &head, nullptr, 0, 0, 77},
+        {"null head", buf, nullptr, nullptr, 0, 0, 77},
+        {"negative data length", buf, &head, buf, -1, 0, 77},
+        {"null data with a length", buf, &head, nullptr, 5, 0, 77},
+        {"null data without", buf, &head, nullptr, 0, 1, 76},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        int len = 77;
+        EXPECT_EQ(CTrdCompData::PackReq2008(c.out, len, c.head, c.data, c.dataLen, 0), c.rc);
+        EXPECT_EQ(len, c.outLen);
+    }
 }
 
 TEST(PackReq, HeadIsCopiedWithLength76AndCallerHeadKept) {
@@ -77,7 +97,6 @@ TEST(PackReq, HeadIsCopiedWithLength76AndCallerHeadKept) {
     head.nHeadLen = 0;
     const auto wire = PackReq(head, Seq(10));
     ASSERT_EQ(wire.size(), 86u);
-    EXPECT_EQ(Word(wire.data(), 0), 76);
     EXPECT_EQ(head.nHeadLen, 0);
     tagREQ_HEAD expected = head;
     expected.nHeadLen = 76;
@@ -85,29 +104,10 @@ TEST(PackReq, HeadIsCopiedWithLength76AndCallerHeadKept) {
     EXPECT_EQ(std::string(wire.data() + 76, 10), "abcdefghij");
 }
 
-TEST(PackReq, SpecialIdsPackTheHeadAlone) {
-    struct Case {
-        int id;
-        int flags;
-        int countOnWire;
-    };
-    // 1000 and 1001: count forced to 0; 1017: count kept; in both codings.
-    const Case cases[] = {{1000, 0, 0}, {1001, 0, 0}, {1001, kFastV1 * 3, 0}, {1017, 0, 3}, {1017, kFastV1, 3}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.id);
-        int rc = -1;
-        const auto wire = PackReq(ReqHead(c.id, c.flags, 3, 20), Seq(60), &rc);
-        EXPECT_EQ(rc, 1);
-        ASSERT_EQ(wire.size(), 76u);
-        EXPECT_EQ(Word(wire.data(), 68), c.countOnWire);
-        EXPECT_EQ(Word(wire.data(), 8), c.flags);  // no coded bit
-    }
-}
-
-TEST(PackReq, RawIdsTravelAsGivenInBothCodings) {
-    for (int id : {1022, 1069, 999, 1262, 8998, 9000, -5, INT_MIN}) {
+TEST(PackReq, IdsWithoutRouteTravelRawWhateverTheFlags) {
+    for (int id : {999, 9000, -5, INT_MIN}) {
         for (int flags : {0, kFastV1, 0xF0}) {
-            SCOPED_TRACE(id);
+            SCOPED_TRACE(std::to_string(id) + " flags " + std::to_string(flags));
             int rc = -1;
             const auto wire = PackReq(ReqHead(id, flags, 1, 10), Seq(10), &rc);
             EXPECT_EQ(rc, 1);
@@ -118,29 +118,22 @@ TEST(PackReq, RawIdsTravelAsGivenInBothCodings) {
     }
 }
 
-TEST(PackReq, RawPathRefusesBytesItCannotCopy) {
-    tagREQ_HEAD head = ReqHead(1022);
-    char buf[128];
-    int len = 77;
-    EXPECT_EQ(CTrdCompData::PackReq2008(buf, len, &head, buf, -1, 0), 0);
-    EXPECT_EQ(len, 77);
-    EXPECT_EQ(CTrdCompData::PackReq2008(buf, len, &head, nullptr, 5, 0), 0);
-    EXPECT_EQ(CTrdCompData::PackReq2008(buf, len, &head, nullptr, 0, 0), 1);
-    EXPECT_EQ(len, 76);
-}
-
-TEST(RestoreReq, RawMessageComesBackAsAZeroPaddedCopy) {
-    const auto wire = PackReq(ReqHead(1022, 0, 1, 10), Seq(10));
-    Exact in(wire);
-    alloc_hook::ResetLastNothrowSize();
-    Restored r;
-    RestoreReq(r, in.data(), in.size());
-    EXPECT_EQ(r.rc, 1);
-    EXPECT_EQ(r.len, 86);
-    EXPECT_EQ(alloc_hook::LastNothrowSize(), 96u);
-    ASSERT_NE(r.p, nullptr);
-    EXPECT_EQ(std::memcmp(r.p, wire.data(), 86), 0);
-    for (int i = 86; i < 96; ++i) EXPECT_EQ(r.p[i], 0) << i;
+TEST(RawRestore, ComesBackAsACopyWithTenZeroBytesBehind) {
+    const auto request = PackReq(ReqHead(1022, 0, 1, 10), Seq(10));
+    const auto answer = PackAns(Proc(1022, {{3, 20}}), {Seq(60)}).bytes;
+    for (const auto& wire : {request, answer}) {
+        Exact in(wire);
+        alloc_hook::ResetLastNothrowSize();
+        Restored r;
+        if (wire.size() == 86)
+            RestoreReq(r, in.data(), in.size());
+        else
+            RestoreAns(r, in.data(), in.size());
+        EXPECT_EQ(r.rc, 1);
+        EXPECT_EQ(alloc_hook::LastNothrowSize(), wire.size() + 10);
+        ASSERT_EQ(r.bytes(), wire);
+        EXPECT_EQ(std::string(r.p + r.len, 10), std::string(10, '\0'));
+    }
 }
 
 TEST(RestoreReq, HeadLengthWordAgainstInLen) {
@@ -180,57 +173,41 @@ TEST(RestoreReq, ArgumentRefusals) {
     EXPECT_EQ(CTrdCompData::RestoreReq2008(nullptr, 76, &out, len, 0), 0);
     EXPECT_EQ(CTrdCompData::RestoreReq2008(buf, 0, &out, len, 0), 0);
     EXPECT_EQ(CTrdCompData::RestoreReq2008(buf, -4, &out, len, 0), 0);
+    EXPECT_EQ(CTrdCompData::RestoreAns2008(nullptr, 100, &out, len, 0), 0);
     EXPECT_EQ(len, 9);
     EXPECT_EQ(out, nullptr);
+    CTrdCompData::ReleaseAnsData(nullptr);  // ignored
 }
 
-TEST(RestoreReq, CodedRecordsOfAnIdWithoutCodecAreRefused) {
-    auto wire = PackReq(ReqHead(1022, 1, 1, 10), Seq(10));
-    Exact in(wire);
-    Restored r;
-    RestoreReq(r, in.data(), in.size());
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.p, nullptr);
-    EXPECT_EQ(r.len, 0);
-}
-
-TEST(RestoreReq, Id1017RestoresToNothing) {
-    for (int flags : {0, kFastV1}) {
-        auto wire = PackReq(ReqHead(1017, flags, 3, 20), {});
-        Exact in(wire);
+TEST(AllocationFailure, OnlyTheRequestRawPathStillReportsSuccess) {
+    struct Case {
+        const char* what;
+        std::vector<char> wire;
+        int rc, outLen;  // outLen < 0: not promised
+    };
+    const Case cases[] = {
+        {"raw request", PackReq(ReqHead(1022, 0, 1, 10), Seq(10)), 1, 86},
+        {"raw answer", PackAns(Proc(1022, {{3, 20}}), {Seq(60)}).bytes, 0, 156},
+        {"coded request", golden::Wire("req_1002_fast"), 0, -1},
+        {"coded answer", golden::Wire("ans_1003_fast"), 0, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Exact in(c.wire);
         Restored r;
-        RestoreReq(r, in.data(), in.size());
-        EXPECT_EQ(r.rc, 1);
+        alloc_hook::FailNext(1);
+        if (c.wire[0] == 76)
+            RestoreReq(r, in.data(), in.size());
+        else
+            RestoreAns(r, in.data(), in.size());
+        alloc_hook::FailNext(0);
+        EXPECT_EQ(r.rc, c.rc);
         EXPECT_EQ(r.p, nullptr);
-        EXPECT_EQ(r.len, 0);
+        if (c.outLen >= 0) {
+            EXPECT_EQ(r.len, c.outLen);
+        }
     }
 }
-
-TEST(AllocationFailure, RequestRawPathStillReportsSuccess) {
-    const auto wire = PackReq(ReqHead(1022, 0, 1, 10), Seq(10));
-    Exact in(wire);
-    Restored r;
-    alloc_hook::FailNext(1);
-    RestoreReq(r, in.data(), in.size());
-    alloc_hook::FailNext(0);
-    EXPECT_EQ(r.rc, 1);
-    EXPECT_EQ(r.p, nullptr);
-    EXPECT_EQ(r.len, 86);
-}
-
-TEST(AllocationFailure, AnswerRawPathFails) {
-    const auto packed = PackAns(Proc(1022, {{3, 20}}), {Seq(60)});
-    Exact in(packed.bytes);
-    Restored r;
-    alloc_hook::FailNext(1);
-    RestoreAns(r, in.data(), in.size());
-    alloc_hook::FailNext(0);
-    EXPECT_EQ(r.rc, 0);
-    EXPECT_EQ(r.p, nullptr);
-    EXPECT_EQ(r.len, 156);
-}
-
-TEST(ReleaseAnsData, NullIsIgnored) { CTrdCompData::ReleaseAnsData(nullptr); }
 
 TEST(PackAns, AlwaysReturnsZeroAndReportsThroughOutLen) {
     const auto packed = PackAns(Proc(1022, {{10, 40}}), {Seq(400)});
@@ -248,17 +225,46 @@ TEST(PackAns, AlwaysReturnsZeroAndReportsThroughOutLen) {
     EXPECT_EQ(len, 0);
 }
 
-TEST(PackAns, OutSizeOf95IsRefusedAnd96Packs) {
+TEST(PackAns, OutSizeIsAnUnsignedCapacity) {
+    const auto sample = catalogue_model::SampleAnswers(1003, catalogue_model::Coding::k2008).at(0);
+    const std::vector<std::vector<char>> raw = {Seq(60)};
+    // A capacity beyond the buffer is the caller's promise: the packer may use
+    // the bytes up to its size bound as scratch.
+    ASSERT_LE(trdcomp::AnswerSizeBound(sample.proc, trdcomp::Coding::C2008()), 1u << 16);
+    const PackedAns exact = PackAns(sample.proc, sample.arrays, 0, -1);
+    const int n = exact.outLen;
     struct Case {
-        int outSize;
-        int outLen;
+        const char* what;
+        tagANS_Proc proc;
+        std::vector<std::vector<char>> arrays;
+        int outSize, outLen;
     };
-    // outSize is an unsigned capacity: 0 is below the head, -1 the largest.
-    const Case cases[] = {{95, 0}, {96, 96}, {0, 0}, {-1, 96}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.outSize);
-        EXPECT_EQ(PackAns(Proc(1017, {{1, 20}}), {Seq(20)}, 0, c.outSize).outLen, c.outLen);
+    const Case cases[] = {
+        {"coded, -1 is the largest", sample.proc, sample.arrays, -1, n},
+        {"coded, INT_MAX", sample.proc, sample.arrays, INT_MAX, n},
+        {"coded, exact", sample.proc, sample.arrays, n, n},
+        {"coded, one byte short", sample.proc, sample.arrays, n - 1, 0},
+        {"coded, the head alone", sample.proc, sample.arrays, 96, 0},
+        {"coded, below the head", sample.proc, sample.arrays, 95, 0},
+        {"raw, exact", Proc(1022, {{3, 20}}), raw, 156, 156},
+        {"raw, one byte short", Proc(1022, {{3, 20}}), raw, 155, 0},
+        {"raw, a negative count", Proc(1022, {{-1, 20}}), raw, 4096, 0},
+        {"raw, no array behind a count", Proc(1022, {{1, 20}}), {}, 4096, 0},
+        {"head only, 96", Proc(1017, {{1, 20}}), raw, 96, 96},
+        {"head only, 95", Proc(1017, {{1, 20}}), raw, 95, 0},
+        {"head only, 0", Proc(1017, {{1, 20}}), raw, 0, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const PackedAns packed = PackAns(c.proc, c.arrays, 0, c.outSize);
+        ASSERT_EQ(packed.outLen, c.outLen);
+        if (c.outLen == n) {
+            EXPECT_EQ(packed.bytes, exact.bytes);
+        }
     }
+    tagANS_Proc many = Proc(1022, {});
+    many.nArrayCount = INT_MAX;  // its table alone cannot fit
+    EXPECT_EQ(PackAns(many, {}).outLen, 0);
 }
 
 TEST(PackAns, HeadIsBuiltFromTheProc) {
@@ -278,16 +284,13 @@ TEST(PackAns, HeadIsBuiltFromTheProc) {
     EXPECT_EQ(Word(p, 88), 3);
     EXPECT_EQ(Word(p, 92), 20);
     EXPECT_EQ(std::string(p + 96, 60), std::string(Seq(60).data(), 60));
-}
 
-TEST(PackAns, FullTextsAreCutWithoutTerminator) {
-    tagANS_Proc proc = Proc(1017, {{0, 0}});
+    // Texts that fill their fields are cut without a terminator.
     std::memcpy(proc.szShort, "WXYZ", 4);
     std::memset(proc.szLong, 'L', 64);
-    const auto packed = PackAns(proc, {});
-    ASSERT_EQ(packed.outLen, 96);
-    EXPECT_EQ(std::string(packed.bytes.data() + 20, 4), "WXYZ");
-    EXPECT_EQ(std::string(packed.bytes.data() + 24, 64), std::string(64, 'L'));
+    const auto full = PackAns(proc, {Seq(60)});
+    EXPECT_EQ(std::string(full.bytes.data() + 20, 4), "WXYZ");
+    EXPECT_EQ(std::string(full.bytes.data() + 24, 64), std::string(64, 'L'));
 }
 
 TEST(PackAns, FlagBitsForSectionsAndFastVersion) {
@@ -298,41 +301,29 @@ TEST(PackAns, FlagBitsForSectionsAndFastVersion) {
         int outLen;
     };
     const Case cases[] = {
-        {1, 0, 0x00, 96 + 8},            // one array: no table
-        {2, 0, 0x02, 96 + 20 + 16},      // table of 20 bytes
-        {2, 0x30, 0x12, 96 + 16},        // Fast: bit 1, version recorded as 1, no table
+        {1, 0, 0x00, 96 + 8},        // one array: no table
+        {2, 0, 0x02, 96 + 20 + 16},  // table of 20 bytes
+        {2, 0x30, 0x12, 96 + 16},    // Fast: bit 1, version recorded as 1, no table
         {1, 0xF0, 0x10, 96 + 8},
-        {1, 0x0F, 0x00, 96 + 8},         // only bits 4..7 select the coding
+        {1, 0x0F, 0x00, 96 + 8},     // only bits 4..7 select the coding
+        {0, 0, 0x00, 96},            // no arrays, or a negative number of them: the head alone
+        {-3, 0, 0x00, 96},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.coding);
-        std::vector<std::pair<int, int>> shape(static_cast<std::size_t>(c.arrays), {2, 4});
-        std::vector<std::vector<char>> arrays(static_cast<std::size_t>(c.arrays), Seq(8));
-        const auto packed = PackAns(Proc(1022, shape), arrays, c.coding);
+        SCOPED_TRACE(std::to_string(c.arrays) + " arrays, coding " + std::to_string(c.coding));
+        const std::size_t n = static_cast<std::size_t>(c.arrays < 0 ? 0 : c.arrays);
+        tagANS_Proc proc = Proc(1022, std::vector<std::pair<int, int>>(n, {2, 4}));
+        proc.nArrayCount = c.arrays;
+        const auto packed = PackAns(proc, std::vector<std::vector<char>>(n, Seq(8)), c.coding);
         EXPECT_EQ(Word(packed.bytes.data(), 8), c.flags);
         EXPECT_EQ(packed.outLen, c.outLen);
     }
-}
-
-TEST(RawAnswer, OneArrayRoundTrip) {
-    const auto packed = PackAns(Proc(1022, {{3, 20}}), {Seq(60)});
-    ASSERT_EQ(packed.outLen, 156);
-    Exact in(packed.bytes);
-    alloc_hook::ResetLastNothrowSize();
-    Restored r;
-    RestoreAns(r, in.data(), in.size());
-    EXPECT_EQ(r.rc, 1);
-    EXPECT_EQ(r.len, 156);
-    EXPECT_EQ(alloc_hook::LastNothrowSize(), 166u);
-    EXPECT_EQ(r.bytes(), packed.bytes);
-    for (int i = 156; i < 166; ++i) EXPECT_EQ(r.p[i], 0);
 }
 
 TEST(RawAnswer, TwoArraysCarryTheSectionTable) {
     const auto packed = PackAns(Proc(1022, {{2, 8}, {1, 4}}), {Seq(16), Seq(4, 'A')});
     ASSERT_EQ(packed.outLen, 136);
     const char* p = packed.bytes.data();
-    EXPECT_EQ(Word(p, 8) & 2, 2);
     const std::int32_t table[] = {20, 2, 8, 1, 4};
     EXPECT_EQ(std::memcmp(p + 96, table, sizeof table), 0);
     EXPECT_EQ(std::string(p + 116, 20), std::string(Seq(16).data(), 16) + "ABCD");
@@ -376,33 +367,4 @@ TEST(RawAnswer, FastCodedSectionsHaveNoTableAndTheRestoreReadsRecordBytes) {
     EXPECT_EQ(r.rc, 1);
     EXPECT_EQ(r.len, 100);
     EXPECT_EQ(Word(r.p, 96), 4);
-}
-
-TEST(RawAnswer, NoArraysAppendsNothing) {
-    for (int n : {0, -3}) {
-        tagANS_Proc proc = Proc(1022, {});
-        proc.nArrayCount = n;
-        EXPECT_EQ(PackAns(proc, {}).outLen, 96);
-    }
-}
-
-TEST(RawAnswer, ArraysThatDoNotFitOutSizeAreRefused) {
-    EXPECT_EQ(PackAns(Proc(1022, {{3, 20}}), {Seq(60)}, 0, 155).outLen, 0);
-    EXPECT_EQ(PackAns(Proc(1022, {{3, 20}}), {Seq(60)}, 0, 156).outLen, 156);
-    EXPECT_EQ(PackAns(Proc(1022, {{-1, 20}}), {Seq(60)}).outLen, 0);
-    EXPECT_EQ(PackAns(Proc(1022, {{1, 20}}), {}).outLen, 0);  // no array behind a non-empty count
-    tagANS_Proc many = Proc(1022, {});
-    many.nArrayCount = INT_MAX;  // its table alone cannot fit
-    EXPECT_EQ(PackAns(many, {}).outLen, 0);
-}
-
-TEST(RawAnswer, AnswerRestoreOf1017IsNothing) {
-    const auto packed = PackAns(Proc(1017, {{1, 20}}), {Seq(20)});
-    ASSERT_EQ(packed.outLen, 96);
-    Exact in(packed.bytes);
-    Restored r;
-    RestoreAns(r, in.data(), in.size());
-    EXPECT_EQ(r.rc, 1);
-    EXPECT_EQ(r.p, nullptr);
-    EXPECT_EQ(r.len, 0);
 }

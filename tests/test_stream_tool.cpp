@@ -9,7 +9,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <random>
 #include <sstream>
 #include <string>
@@ -20,28 +19,21 @@
 #include "Commands.h"
 #include "Message.h"
 #include "Stream.h"
+#include "support/Golden.h"
 #include "trdcomp/trdcomp.hpp"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-std::vector<char> Golden(const std::string& name) {
-    std::ifstream in(fs::path(TRDCOMP_GOLDEN_DIR) / (name + ".wire"), std::ios::binary);
-    return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+using golden::Wire;
 
 // Every golden message whose length is in its bytes, requests or answers.
 std::vector<std::vector<char>> Framed(bool requests) {
     std::vector<std::vector<char>> out;
-    std::vector<fs::path> files;
-    for (const auto& e : fs::directory_iterator(TRDCOMP_GOLDEN_DIR))
-        if (e.path().extension() == ".wire" && (e.path().stem().string().rfind("req_", 0) == 0) == requests)
-            files.push_back(e.path());
-    std::sort(files.begin(), files.end());
-    for (const auto& f : files) {
-        std::ifstream in(f, std::ios::binary);
-        std::vector<char> w((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    for (const std::string& name : golden::Names()) {
+        if ((name.rfind("req_", 0) == 0) != requests) continue;
+        std::vector<char> w = Wire(name);
         if (trdcomp::MessageLength({w.data(), w.size()}).status == trdcomp::Framing::complete) out.push_back(w);
     }
     return out;
@@ -158,8 +150,8 @@ TEST(Stream, CutsGoldenMessagesByTheirOwnLengthsAndByTransportPrefixes) {
 }
 
 TEST(Stream, DecodeStreamCountsEveryMessagePerIdAndDirection) {
-    const std::vector<std::vector<char>> messages = {Golden("req_1002_2008"), Golden("ans_1110_2008"), Golden("req_1002_fast"),
-                                                     Golden("ans_1003_fast")};
+    const std::vector<std::vector<char>> messages = {Wire("req_1002_2008"), Wire("ans_1110_2008"), Wire("req_1002_fast"),
+                                                     Wire("ans_1003_fast")};
     const fs::path file = Temp("stream.bin");
     Write(file, Concat(messages));
     tool::DecodeOptions o;
@@ -218,7 +210,7 @@ TEST(Pcap, AMissingSegmentIsReportedAsAGap) {
 #if !TRDCOMP_HAVE_PCAP
     GTEST_SKIP() << "built without libpcap";
 #endif
-    const std::vector<char> stream = Concat({Golden("req_1002_2008"), Golden("req_1003_2008")});
+    const std::vector<char> stream = Concat({Wire("req_1002_2008"), Wire("req_1003_2008")});
     PcapWriter w;
     w.Segment(1, 5000, 2, 9000, 99, true, nullptr, 0);
     w.Segment(1, 5000, 2, 9000, 100, false, stream.data(), 50);
@@ -234,27 +226,22 @@ TEST(Pcap, AMissingSegmentIsReportedAsAGap) {
 }
 
 TEST(Diff, GoldenPairs) {
-    std::vector<char> changed = Golden("req_1002_2008");
-    // Record 1's char at offset 2 of the layout, found through the restore.
-    tool::Decoded d = tool::Decode(changed, 0);
+    // Record 1's char at offset 2 changed.
+    tool::Json j = tool::ToJson(tool::Decode(Wire("req_1002_2008"), 0));
+    j["sections"][0]["records"][1]["f2"] = "Q";
+    const std::vector<char> edited = tool::Encode(j, {});
     struct Case {
         const char* what;
         std::vector<char> a, b;
         int status;
         std::vector<std::string> lines;
     };
-    std::vector<char> edited = tool::Encode(tool::ToJson(d), {});
-    {
-        tool::Json j = tool::ToJson(d);
-        j["sections"][0]["records"][1]["f2"] = "Q";
-        edited = tool::Encode(j, {});
-    }
     const Case cases[] = {
-        {"a message and itself", Golden("ans_1110_2008"), Golden("ans_1110_2008"), 0, {"identical messages"}},
-        {"one field of one record", Golden("req_1002_2008"), edited, 1,
+        {"a message and itself", Wire("ans_1110_2008"), Wire("ans_1110_2008"), 0, {"identical messages"}},
+        {"one field of one record", Wire("req_1002_2008"), edited, 1,
          {"section 1 record 1 offset 2 (char, 1 byte): ", "-> 'Q' (81)", "1 difference"}},
-        {"the same records in the other coding", Golden("req_1002_2008"), Golden("req_1002_fast"), 1, {"head nFlags: 0x1 (coded) -> 0x11 (coded, fast:1)"}},
-        {"another id", Golden("ans_1002_2008"), Golden("ans_1003_2008"), 1, {"head nFuncId: 1002 -> 1003", "section 1 layout"}},
+        {"the same records in the other coding", Wire("req_1002_2008"), Wire("req_1002_fast"), 1, {"head nFlags: 0x1 (coded) -> 0x11 (coded, fast:1)"}},
+        {"another id", Wire("ans_1002_2008"), Wire("ans_1003_2008"), 1, {"head nFuncId: 1002 -> 1003", "section 1 layout"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -274,13 +261,10 @@ TEST(Diff, GoldenPairs) {
 
 TEST(Sent, EveryFastGoldenRecordsOriginsAgreeWithTheRestoredValues) {
     int checked = 0;
-    for (const auto& e : fs::directory_iterator(TRDCOMP_GOLDEN_DIR)) {
-        const std::string name = e.path().stem().string();
-        if (e.path().extension() != ".wire" || name.find("_fast") == std::string::npos) continue;
+    for (const std::string& name : golden::Names()) {
+        if (name.find("_fast") == std::string::npos) continue;
         SCOPED_TRACE(name);
-        std::ifstream in(e.path(), std::ios::binary);
-        const std::vector<char> wire((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        const tool::Decoded m = tool::Decode(wire, 0);
+        const tool::Decoded m = tool::Decode(Wire(name), 0);
         const auto origins = tool::SentFields(m);
         ASSERT_EQ(origins.size(), m.sections.size());
         for (std::size_t j = 0; j < m.sections.size(); ++j) {
@@ -309,7 +293,7 @@ TEST(Sent, EveryFastGoldenRecordsOriginsAgreeWithTheRestoredValues) {
     EXPECT_GT(checked, 1000);
     // The table marks the column.
     std::ostringstream out;
-    tool::PrintText(tool::Decode(Golden("req_1002_fast"), 0), out, true);
+    tool::PrintText(tool::Decode(Wire("req_1002_fast"), 0), out, true);
     EXPECT_NE(out.str().find("origin    value"), std::string::npos);
     EXPECT_NE(out.str().find("previous"), std::string::npos);
 }

@@ -17,9 +17,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
@@ -27,6 +24,7 @@
 
 #include "model/Samples.h"
 #include "support/AllocHook.h"
+#include "support/Golden.h"
 #include "support/Messages.h"
 #include "trdcomp/trdcomp.hpp"
 
@@ -55,13 +53,6 @@ bool Comparable(const Layout& l, Variant v) {
     for (const auto& f : l.fields)
         if (f.kind == "int32" || f.kind == "sized" || f.kind == "array") return false;
     return true;
-}
-
-
-std::vector<char> ReadFile(const std::string& name) {
-    std::ifstream in(std::string(TRDCOMP_GOLDEN_DIR) + "/" + name, std::ios::binary);
-    if (!in) ADD_FAILURE() << "golden file missing: " << name;
-    return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 trdcomp::span<const char> Span(const std::vector<char>& v) { return {v.data(), v.size()}; }
@@ -145,8 +136,8 @@ struct Sweep {
             return loaded && (std::string(loaded) == "foreign" || std::string(loaded) == "interposed");
         }();
         if (otherFormat && name.find("_2008") != std::string::npos) return;
-        EXPECT_EQ(ReadFile(name + ".wire"), wire) << name << ": the wire format changed";
-        EXPECT_EQ(ReadFile(name + ".restored"), r.bytes()) << name << ": the restored buffer changed";
+        EXPECT_EQ(golden::File(name + ".wire"), wire) << name << ": the wire format changed";
+        EXPECT_EQ(golden::File(name + ".restored"), r.bytes()) << name << ": the restored buffer changed";
     }
 
     // Packs into exactly the packed length and one byte fewer, each in a
@@ -209,6 +200,7 @@ struct Sweep {
             case Kind::head_only:
                 ASSERT_EQ(len, 76);
                 EXPECT_EQ(Word(wire.data(), 68), pack.kind == Kind::no_records ? 0 : s.head.nRecCount);
+                EXPECT_EQ(Word(wire.data(), 8), s.head.nFlags);  // no coded bit
                 break;
             case Kind::raw:
                 ASSERT_EQ(wire, [&] { auto w = std::vector<char>(wire.begin(), wire.begin() + 76); w.insert(w.end(), s.data.begin(), s.data.end()); return w; }());
@@ -226,6 +218,7 @@ struct Sweep {
         if (::testing::Test::HasFatalFailure()) return;
         if (restore.kind == Kind::nothing) {
             EXPECT_EQ(r.p, nullptr);
+            EXPECT_EQ(r.len, 0);
         } else if (restore.kind == Kind::raw) {
             EXPECT_EQ(r.bytes(), wire);
         } else {
@@ -286,6 +279,7 @@ struct Sweep {
             if (::testing::Test::HasFatalFailure()) return;
             if (restore.kind == Kind::nothing) {
                 EXPECT_EQ(r.p, nullptr);
+                EXPECT_EQ(r.len, 0);
                 continue;
             }
             EXPECT_EQ(Word(r.p, 0), 96);
@@ -327,10 +321,8 @@ TEST(Catalogue, EveryIdCodingAndDirection) {
     EXPECT_GT(sweep.coded, 1000);
     EXPECT_GT(sweep.compared, 1000);
     // Every golden message was produced again: none is left unchecked.
-    std::set<std::string> files;
-    for (const auto& e : std::filesystem::directory_iterator(TRDCOMP_GOLDEN_DIR))
-        if (e.path().extension() == ".wire") files.insert(e.path().stem().string());
-    EXPECT_EQ(files, sweep.goldenSeen);
+    const std::vector<std::string> names = golden::Names();
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), sweep.goldenSeen);
 }
 
 // Cases the samples of the sweep do not reach.

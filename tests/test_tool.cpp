@@ -5,24 +5,15 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "Commands.h"
 #include "Message.h"
-
-namespace fs = std::filesystem;
+#include "support/Golden.h"
 
 namespace {
-
-std::vector<char> ReadFile(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // The JSON as it crosses a pipe: printed, then parsed.
 tool::Json ThroughText(const tool::Json& j) { return tool::Json::parse(j.dump(2)); }
@@ -60,12 +51,10 @@ std::vector<char> Bytes(std::initializer_list<int> words) {
 
 TEST(Tool, EveryGoldenMessageDecodesAndPacksBack) {
     int messages = 0, identical = 0;
-    for (const auto& entry : fs::directory_iterator(TRDCOMP_GOLDEN_DIR)) {
-        if (entry.path().extension() != ".wire") continue;
-        const std::string name = entry.path().stem().string();
+    for (const std::string& name : golden::Names()) {
         SCOPED_TRACE(name);
         ++messages;
-        const std::vector<char> wire = ReadFile(entry.path());
+        const std::vector<char> wire = golden::Wire(name);
         const tool::Decoded m = tool::Decode(wire, 0);
 
         // The text table has a row for every field of every record.
@@ -99,10 +88,10 @@ TEST(Tool, EveryGoldenMessageDecodesAndPacksBack) {
 
 // Decode reports the library's own reason for a refusal (strict mode here).
 TEST(Tool, DecodeNamesTheCheckThatFailed) {
-    const std::vector<char> answer = ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / "ans_1110_2008.wire");
-    const std::vector<char> request = ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / "req_1002_2008.wire");
-    const std::vector<char> fastAnswer = ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / "ans_1110_fast.wire");
-    const std::vector<char> fastRequest = ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / "req_1002_fast.wire");
+    const std::vector<char> answer = golden::Wire("ans_1110_2008");
+    const std::vector<char> request = golden::Wire("req_1002_2008");
+    const std::vector<char> fastAnswer = golden::Wire("ans_1110_fast");
+    const std::vector<char> fastRequest = golden::Wire("req_1002_fast");
     auto with = [](std::vector<char> m, std::size_t off, int word) {
         std::memcpy(m.data() + off, &word, 4);
         return m;
@@ -136,53 +125,10 @@ TEST(Tool, DecodeNamesTheCheckThatFailed) {
     }
 }
 
-TEST(Tool, EncodeNamesWhatIsWrong) {
-    const std::vector<char> request = ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / "req_1002_2008.wire");
-    const tool::Json good = tool::ToJson(tool::Decode(request, 0));
-    auto edit = [&](auto change) {
-        tool::Json j = good;
-        change(j);
-        return j;
-    };
-    auto record = [](tool::Json& j) -> tool::Json& { return j["sections"][0]["records"][0]; };
-    struct Case {
-        const char* what;
-        tool::Json message;
-        const char* error;
-    };
-    const Case cases[] = {
-        {"unknown field", edit([&](tool::Json& j) { record(j)["f4"] = 1; }), "\"f4\" is no field of REQ_1002"},
-        {"text too long", edit([&](tool::Json& j) { record(j)["f3"] = std::string(40, 'x'); }), "does not fit in 32"},
-        {"char of two letters", edit([&](tool::Json& j) { record(j)["f0"] = "AB"; }), "one character"},
-        {"char out of range", edit([&](tool::Json& j) { record(j)["f1"] = 300; }), "out of range"},
-        {"bad hex", edit([&](tool::Json& j) { record(j)["f59"] = tool::Json{{"hex", "zz"}}; }), "hex digits"},
-        {"no direction", edit([&](tool::Json& j) { j.erase("direction"); }), "--request or --answer"},
-        {"bad coding", edit([&](tool::Json& j) { j["coding"] = "fast:0"; }), "fast:V"},
-        {"no such layout", edit([&](tool::Json& j) { j["sections"][0]["layout"] = "REQ_4242"; }), "no layout named REQ_4242"},
-        {"two arrays in a request", edit([&](tool::Json& j) { j["sections"].push_back(j["sections"][0]); }), "one record array"},
-        {"not an object", tool::Json::array(), "JSON object"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        try {
-            tool::Encode(c.message, {});
-            ADD_FAILURE() << "accepted";
-        } catch (const std::exception& e) {
-            EXPECT_NE(std::string(e.what()).find(c.error), std::string::npos) << e.what();
-        }
-    }
-    // The options override the JSON: the same records as a Fast request of 1003's twin id.
-    tool::EncodeOptions o;
-    o.fastVersion = 2;
-    const std::vector<char> fast = tool::Encode(good, o);
-    EXPECT_EQ(tool::Decode(fast, 0).fastVersion, 2);
-    EXPECT_EQ(Content(fast)["sections"], Content(request)["sections"]);
-}
-
 namespace {
 
 tool::Json GoldenJson(const std::string& name) {
-    return tool::ToJson(tool::Decode(ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / (name + ".wire")), 0));
+    return tool::ToJson(tool::Decode(golden::Wire(name), 0));
 }
 
 std::string EncodeError(const tool::Json& j, const tool::EncodeOptions& o = {}) {
@@ -209,6 +155,7 @@ TEST(Tool, EncodeRefusesJsonThatCannotBeRight) {
         change(j);
         return j;
     };
+    auto record = [&](auto change) { return edit(request, [&](tool::Json& j) { change(j["sections"][0]["records"][0]); }); };
     tool::EncodeOptions otherId;
     otherId.id = 1003;
     struct Case {
@@ -218,6 +165,18 @@ TEST(Tool, EncodeRefusesJsonThatCannotBeRight) {
         const char* error;
     };
     const Case cases[] = {
+        {"unknown field", record([](tool::Json& r) { r["f4"] = 1; }), {}, "\"f4\" is no field of REQ_1002"},
+        {"text too long", record([](tool::Json& r) { r["f3"] = std::string(40, 'x'); }), {}, "does not fit in 32"},
+        {"char of two letters", record([](tool::Json& r) { r["f0"] = "AB"; }), {}, "one character"},
+        {"char out of range", record([](tool::Json& r) { r["f1"] = 300; }), {}, "out of range"},
+        {"bad hex", record([](tool::Json& r) { r["f59"] = tool::Json{{"hex", "zz"}}; }), {}, "hex digits"},
+        {"no direction", edit(request, [](tool::Json& j) { j.erase("direction"); }), {}, "--request or --answer"},
+        {"bad coding", edit(request, [](tool::Json& j) { j["coding"] = "fast:0"; }), {}, "fast:V"},
+        {"no such layout", edit(request, [](tool::Json& j) { j["sections"][0]["layout"] = "REQ_4242"; }), {},
+         "no layout named REQ_4242"},
+        {"two arrays in a request", edit(request, [](tool::Json& j) { j["sections"].push_back(j["sections"][0]); }), {},
+         "one record array"},
+        {"not an object", tool::Json::array(), {}, "JSON object"},
         {"answer count beyond its records", edit(answer, [](tool::Json& j) { j["sections"][0]["count"] = 100; }), {},
          "count is 100 but it lists 3 records"},
         {"request count beyond its records",
@@ -263,16 +222,21 @@ TEST(Tool, EncodeRefusesJsonThatCannotBeRight) {
         const std::string error = EncodeError(c.message, c.options);
         EXPECT_NE(error.find(c.error), std::string::npos) << error;
     }
+    // The options override the JSON: the same records as a Fast request.
+    tool::EncodeOptions o;
+    o.fastVersion = 2;
+    const std::vector<char> fast = tool::Encode(request, o);
+    EXPECT_EQ(tool::Decode(fast, 0).fastVersion, 2);
+    EXPECT_EQ(Content(fast)["sections"], Content(golden::Wire("req_1002_2008"))["sections"]);
 }
 
 // What the id determines may be left out: the layout, the record size and
 // the count give the same message; and the streamed JSON is the document.
 TEST(Tool, EncodeDerivesLayoutSizeAndCountFromTheId) {
     int messages = 0;
-    for (const auto& entry : fs::directory_iterator(TRDCOMP_GOLDEN_DIR)) {
-        if (entry.path().extension() != ".wire") continue;
-        SCOPED_TRACE(entry.path().stem().string());
-        const tool::Decoded m = tool::Decode(ReadFile(entry.path()), 0);
+    for (const std::string& name : golden::Names()) {
+        SCOPED_TRACE(name);
+        const tool::Decoded m = tool::Decode(golden::Wire(name), 0);
         tool::Json j = tool::ToJson(m);
         std::ostringstream streamed;
         tool::WriteJson(m, streamed);
@@ -314,8 +278,8 @@ TEST(Tool, RawMessagesKeepTheirTrailingBytes) {
 }
 
 TEST(Tool, DecodeRefusesARestoreBeyondMaxBytes) {
-    const fs::path file = fs::path(TRDCOMP_GOLDEN_DIR) / "ans_1110_2008.wire";
-    const std::size_t restored = tool::Decode(ReadFile(file), 0).restoredBytes;
+    const std::string file = std::string(TRDCOMP_GOLDEN_DIR) + "/ans_1110_2008.wire";
+    const std::size_t restored = tool::Decode(golden::Wire("ans_1110_2008"), 0).restoredBytes;
     struct Case {
         std::string limit;
         const char* error;  // nullptr: decodes
@@ -333,7 +297,7 @@ TEST(Tool, DecodeRefusesARestoreBeyondMaxBytes) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.limit);
         tool::DecodeOptions o;
-        o.file = file.string();
+        o.file = file;
         o.maxBytes = c.limit;
         std::ostringstream out;
         try {
@@ -355,7 +319,7 @@ TEST(Tool, DecodeRefusesARestoreBeyondMaxBytes) {
 
 TEST(Tool, TextSaysOneRecordAndFlagsInHex) {
     std::ostringstream out;
-    tool::PrintText(tool::Decode(ReadFile(fs::path(TRDCOMP_GOLDEN_DIR) / "ans_1011_fast_n1.wire"), 0), out);
+    tool::PrintText(tool::Decode(golden::Wire("ans_1011_fast_n1"), 0), out);
     EXPECT_NE(out.str().find(", 1 record of "), std::string::npos) << out.str();
     EXPECT_NE(out.str().find("\n  nFlags     0x11 (coded, fast:1)\n"), std::string::npos) << out.str();
     EXPECT_EQ(tool::FlagsText(0x107), "0x107 (coded, several arrays)");

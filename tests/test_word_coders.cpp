@@ -5,25 +5,17 @@
 
 #include <cstdint>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "common/Text.h"
 #include "fastcodec/FastPrimitives.h"
 
-
 using namespace trdcomp::fast;
 namespace d = trdcomp::detail;
 
 namespace {
-
-struct Lcg {
-    std::uint64_t s;
-    std::uint64_t Next() {
-        s = s * 6364136223846793005ull + 1442695040888963407ull;
-        return s;
-    }
-};
 
 // Values at every byte-count boundary of both estimators, their
 // neighbours and negations, the extremes, and random values of every width.
@@ -36,8 +28,8 @@ std::vector<std::int64_t> Values() {
             v.push_back(-x);
         }
     }
-    Lcg r{42};
-    for (int i = 0; i < 2000; ++i) v.push_back(static_cast<std::int64_t>(r.Next() >> (r.Next() % 64)));
+    std::mt19937_64 r(42);
+    for (int i = 0; i < 2000; ++i) v.push_back(static_cast<std::int64_t>(r() >> (r() % 64)));
     return v;
 }
 
@@ -77,11 +69,11 @@ TEST(WordCoders, WordReaderReadsWhatTheByteReaderReads) {
         FastPutInt64(b.data(), v);
         inputs.push_back(b);
     }
-    Lcg r{7};
+    std::mt19937_64 r(7);
     for (int i = 0; i < 3000; ++i) {
         std::vector<byte> b(16);
-        for (auto& x : b) x = static_cast<byte>(r.Next() >> 56) & 0x7F;
-        b[r.Next() % 12] |= 0x80;  // a stop byte within or past the word
+        for (auto& x : b) x = static_cast<byte>(r() >> 56) & 0x7F;
+        b[r() % 12] |= 0x80;  // a stop byte within or past the word
         inputs.push_back(b);
     }
     for (const auto& b : inputs) {
@@ -101,17 +93,17 @@ TEST(WordCoders, WordReaderReadsWhatTheByteReaderReads) {
 
 // Two records' worth of bytes: the field at `at`, then bytes behind it.
 template <std::uint32_t W>
-void CompareTexts(Lcg& r) {
+void CompareTexts(std::mt19937_64& r) {
     const char alphabet[] = {'a', 'b', '\0'};
     for (int i = 0; i < 4000; ++i) {
         char a[W + 8], b[W + 8];
         for (std::uint32_t k = 0; k < W + 8; ++k) {
-            a[k] = alphabet[r.Next() % (k < W ? 2 : 3)];
-            b[k] = r.Next() % 4 ? a[k] : alphabet[r.Next() % 3];
+            a[k] = alphabet[r() % (k < W ? 2 : 3)];
+            b[k] = r() % 4 ? a[k] : alphabet[r() % 3];
         }
-        if (r.Next() % 2) a[r.Next() % W] = '\0';
-        if (r.Next() % 2) b[r.Next() % W] = '\0';
-        const std::size_t limit = W + r.Next() % 9;
+        if (r() % 2) a[r() % W] = '\0';
+        if (r() % 2) b[r() % W] = '\0';
+        const std::size_t limit = W + r() % 9;
         SCOPED_TRACE(std::string(a, W + 8) + " / " + std::string(b, W + 8));
         EXPECT_EQ(d::TextDiffers<W>(a, b, limit), std::strncmp(a, b, limit) != 0);
         EXPECT_EQ(d::TextLength<W>(a), ::strnlen(a, W));
@@ -123,7 +115,7 @@ void CompareTexts(Lcg& r) {
 }
 
 TEST(WordCoders, TextsCompareAndMeasureAsTheCLibraryDoes) {
-    Lcg r{99};
+    std::mt19937_64 r(99);
     CompareTexts<8>(r);
     CompareTexts<12>(r);
     CompareTexts<16>(r);

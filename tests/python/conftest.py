@@ -22,26 +22,10 @@ def _path(name):
 
 GOLDEN = _path("TRDCOMP_GOLDEN_DIR")
 WIRES = sorted(GOLDEN.glob("*.wire"))
-
-
-@pytest.fixture(scope="session")
-def tool():
-    return _path("TRDCOMP_TOOL")
-
-
-@pytest.fixture(scope="session")
-def generated():
-    return _path("TRDCOMP_GENERATED")
-
-
-@pytest.fixture(scope="session")
-def generator():
-    return _path("TRDCOMP_GENERATOR")
-
-
-@pytest.fixture(scope="session")
-def source_dir():
-    return _path("TRDCOMP_SOURCE_DIR")
+TOOL = _path("TRDCOMP_TOOL")
+GENERATED = _path("TRDCOMP_GENERATED")
+GENERATOR = _path("TRDCOMP_GENERATOR")
+SOURCE_DIR = _path("TRDCOMP_SOURCE_DIR")
 
 
 def golden(name):

@@ -7,6 +7,8 @@ import subprocess
 
 import trdcomp
 
+from conftest import GENERATOR, SOURCE_DIR, TOOL
+
 
 def run(*args, stdin=None):
     return subprocess.run(args, check=True, capture_output=True, text=True, input=stdin).stdout
@@ -19,27 +21,27 @@ def fnv1a64(text):
     return f"{h:016x}"
 
 
-def test_tool_library_and_module_agree(tool, generator):
+def test_tool_library_and_module_agree():
     h = trdcomp.catalogue_hash()
     assert len(h) == 16 and int(h, 16) >= 0
-    assert run(tool, "--version").strip() == f"trdcomp {trdcomp.__version__}, library {trdcomp.__version__}, catalogue {h}"
-    assert run(tool, "catalogue", "--hash").strip() == h
+    assert run(TOOL, "--version").strip() == f"trdcomp {trdcomp.__version__}, library {trdcomp.__version__}, catalogue {h}"
+    assert run(TOOL, "catalogue", "--hash").strip() == h
     assert trdcomp.catalogue()["hash"] == h
-    canonical = run(generator, "--canonical")
+    canonical = run(GENERATOR, "--canonical")
     assert fnv1a64(canonical) == h
-    assert run(generator, "--hash", stdin=canonical).strip() == h
+    assert run(GENERATOR, "--hash", stdin=canonical).strip() == h
 
 
-def test_version_is_the_projects(source_dir):
-    project = (source_dir / "CMakeLists.txt").read_text()
+def test_version_is_the_projects():
+    project = (SOURCE_DIR / "CMakeLists.txt").read_text()
     assert f"project(trdcomp VERSION {trdcomp.__version__} " in project
 
 
-def canonical_of(source_dir, tmp_path, edit):
+def canonical_of(tmp_path, edit):
     """The canonical text of the catalogue after `edit` (file name -> text),
     from the generator compiled over the edited copy."""
     catalogue = tmp_path / "catalogue"
-    shutil.copytree(source_dir / "catalogue", catalogue, ignore=shutil.ignore_patterns("model", "*.md"))
+    shutil.copytree(SOURCE_DIR / "catalogue", catalogue, ignore=shutil.ignore_patterns("model", "*.md"))
     for name, change in edit.items():
         path = catalogue / name
         path.write_text(change(path.read_text()))
@@ -49,8 +51,8 @@ def canonical_of(source_dir, tmp_path, edit):
     return run(exe, "--canonical")
 
 
-def test_the_fingerprint_follows_the_catalogue(source_dir, tmp_path, generator):
-    original = run(generator, "--canonical")
+def test_the_fingerprint_follows_the_catalogue(tmp_path):
+    original = run(GENERATOR, "--canonical")
 
     def respaced(text):
         return "// a comment\n" + text.replace("TRD_TEXT(3, 32)", "TRD_TEXT( 3,\n   32 )")
@@ -72,9 +74,9 @@ def test_the_fingerprint_follows_the_catalogue(source_dir, tmp_path, generator):
     ]
     for what, edit, same in cases:
         for name, change in edit.items():
-            text = (source_dir / "catalogue" / name).read_text()
+            text = (SOURCE_DIR / "catalogue" / name).read_text()
             assert change(text) != text, f"{what}: the edit found nothing to change"
-        changed = canonical_of(source_dir, tmp_path / what.replace(" ", "_"), edit)
+        changed = canonical_of(tmp_path / what.replace(" ", "_"), edit)
         assert (fnv1a64(changed) == fnv1a64(original)) == same, what
         if not same:  # exactly the edited line differs
             lines, before = changed.splitlines(), original.splitlines()

@@ -6,7 +6,7 @@ import numpy as np
 import pytest
 import trdcomp
 
-from conftest import WIRES, golden, word
+from conftest import GENERATED, WIRES, golden, word
 
 
 def restored_sections(restored):
@@ -60,8 +60,8 @@ def header_structs(text):
     return {name: (int(sizes[name]), fields) for name, fields in structs.items()}
 
 
-def test_dtypes_follow_the_generated_record_types(generated):
-    structs = header_structs((generated / "trdcomp" / "TrdCompRecords.h").read_text())
+def test_dtypes_follow_the_generated_record_types():
+    structs = header_structs((GENERATED / "trdcomp" / "TrdCompRecords.h").read_text())
     layouts = trdcomp.catalogue()["layouts"]
     assert structs.keys() == layouts.keys()
     for name, (size, fields) in structs.items():

@@ -28,6 +28,28 @@ inline tagREQ_HEAD ReqHead(int id, int flags = 0, int count = 0, int size = 0) {
     return h;
 }
 
+// A request head as bytes, then `extra` bytes of 'x'.
+inline std::vector<char> ReqBytes(const tagREQ_HEAD& h, std::size_t extra = 0) {
+    std::vector<char> b(reinterpret_cast<const char*>(&h), reinterpret_cast<const char*>(&h) + 76);
+    b.resize(76 + extra, 'x');
+    return b;
+}
+
+// An answer head (word 0 = 96, id, flags, count and size in words 22 and 23),
+// then `words` and `body` bytes of 'r'.
+inline std::vector<char> AnsBytes(int id, int flags, int count, int size, const std::vector<std::int32_t>& words = {},
+                                  std::size_t body = 0) {
+    std::vector<char> b(96 + 4 * words.size(), 0);
+    SetWord(b.data(), 0, 96);
+    SetWord(b.data(), 4, id);
+    SetWord(b.data(), 8, flags);
+    SetWord(b.data(), 88, count);
+    SetWord(b.data(), 92, size);
+    for (std::size_t i = 0; i < words.size(); ++i) SetWord(b.data(), 96 + 4 * static_cast<int>(i), words[i]);
+    b.resize(b.size() + body, 'r');
+    return b;
+}
+
 // A received message in a heap block of exactly its size, so that the
 // sanitizers catch any read past its end.
 class Exact {

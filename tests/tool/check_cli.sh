@@ -37,9 +37,6 @@ grep -q 'decode it with --hex' "$work/err" || fail "hex without --hex: $(cat "$w
 "$tool" decode --help | grep -q 'default: 256M\|=256M\|256M' || fail "decode --help does not show the --max-bytes default"
 "$tool" decode --max-bytes 100 "$corpus/req_1002_2008.wire" 2> "$work/err" && fail "--max-bytes 100 should refuse"
 grep -q 'more than the limit of 100 bytes' "$work/err" || fail "--max-bytes 100: $(cat "$work/err")"
-"$tool" decode --max-bytes unlimited "$corpus/req_1002_2008.wire" > /dev/null || fail "--max-bytes unlimited refuses"
-"$tool" decode --max-bytes lots "$corpus/req_1002_2008.wire" 2> "$work/err" && fail "--max-bytes lots accepted"
-grep -q 'expected a number of bytes' "$work/err" || fail "--max-bytes lots: $(cat "$work/err")"
 # A count beyond the records is refused with a reason, not a crash.
 "$tool" decode --json "$corpus/ans_1110_2008.wire" | sed 's/"count": 3/"count": 3000/' | "$tool" encode --out "$work/x" 2> "$work/err"
 rc=$?
@@ -56,12 +53,11 @@ for name in req_1002_2008 ans_1002_2008 ans_1110_2008 ans_1003_fast ans_1053_fas
 done
 "$tool" catalogue 1110 | grep -q "ANS_1110, 193 bytes" || fail "catalogue 1110 shows no layout"
 
-# diff: 0 identical, 1 different, 2 on error, as diff(1) does.
+# diff: 0 identical, 1 different, 2 on error, as diff(1) does (what differs: test_stream_tool.cpp).
 "$tool" diff "$corpus/req_1002_2008.wire" "$corpus/req_1002_2008.wire" > "$work/out"; rc=$?
 [ $rc -eq 0 ] || fail "diff of a message with itself exits $rc"
 "$tool" diff "$corpus/req_1002_2008.wire" "$corpus/req_1002_fast.wire" > "$work/out"; rc=$?
 [ $rc -eq 1 ] || fail "diff of two codings exits $rc"
-grep -q "head nFlags: 0x1 (coded) -> 0x11 (coded, fast:1)" "$work/out" || fail "diff: $(cat "$work/out")"
 "$tool" diff "$corpus/req_1002_2008.wire" "$work/missing" 2> "$work/err"; rc=$?
 [ $rc -eq 2 ] || fail "diff with a missing file exits $rc"
 "$tool" diff "$corpus/req_1002_2008.wire" 2> /dev/null; rc=$?
