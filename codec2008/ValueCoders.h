@@ -73,7 +73,7 @@ struct BuiltInCoders {
     // Does the decoder of an integer (at most maxBytes), or of a text or block
     // keeping at most max bytes, read only inside the left (>= 1) bytes at in?
     // Told by the bytes themselves, as the decoders read no byte they do not
-    // consume: a field near the end of a message decodes in place.
+    // consume: a field near the end of its record decodes in place.
     TRDCOMP_FORCE_INLINE static bool IntWithin(const char* in, std::int64_t left, int maxBytes) {
         return static_cast<unsigned char>(in[0]) < 0x80u || kx::VarintWithin(in, left, maxBytes) != 0;
     }
