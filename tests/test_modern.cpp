@@ -2,6 +2,7 @@
 // size bounds of raw and head-only ids and of heads that promise more than
 // they carry, restored messages that own and release their buffers, and the
 // reason every refusal gives.
+#include <algorithm>
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -141,8 +142,9 @@ TEST(ModernInterface, ANegativeRecordCountIsRefusedInBothCodings) {
             EXPECT_EQ(classic.len, 76 - static_cast<int>(sizeof order));
         }
         EXPECT_EQ(trdcomp::RestoredSize({wire.data(), packed.size}), 0u);
-        std::vector<char> block(1024);
+        std::vector<char> block(1024, '\x5a');
         EXPECT_EQ(trdcomp::RestoreInto(block, {wire.data(), packed.size}).Why(), trdcomp::Reason::negative_count);
+        EXPECT_EQ(std::count(block.begin(), block.end(), '\x5a'), 1024) << "a refused restore wrote into the block";
         const trdcomp::Restored r = trdcomp::RestoreRequest({wire.data(), packed.size});
         EXPECT_EQ(r.Error(), trdcomp::Errc::refused);
         EXPECT_EQ(r.Why(), trdcomp::Reason::negative_count);
