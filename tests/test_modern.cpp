@@ -2,9 +2,9 @@
 // size bounds of raw and head-only ids and of heads that promise more than
 // they carry, restored messages that own and release their buffers, and the
 // reason every refusal gives.
-#include <algorithm>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
