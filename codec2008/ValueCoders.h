@@ -36,7 +36,13 @@
 
 namespace trdcomp {
 TRDCOMP_API bool BuiltInValueCoders() noexcept;  // trdcomp.hpp
-}
+namespace codec2008 {
+// Set once while the library loads (ValueCoders.cpp), false until then;
+// exported so that engine code instantiated outside the library reads the
+// same decision.
+extern TRDCOMP_API bool gBuiltInCoders;
+}  // namespace codec2008
+}  // namespace trdcomp
 
 namespace trdcomp::codec2008 {
 
@@ -47,7 +53,7 @@ inline constexpr std::size_t kMaxTextWidth = 32768;
 
 // Is the loaded KXPfdk ours? Decided once while the library loads; false
 // (the exported coders, always safe) until then. Asked once per record run.
-inline bool BuiltInCodersActive() noexcept { return ::trdcomp::BuiltInValueCoders(); }
+inline bool BuiltInCodersActive() noexcept { return gBuiltInCoders; }
 
 struct BuiltInCoders {
     // Worst-case bytes of an int, of an int64, and of the length header of a text or block.

@@ -48,9 +48,10 @@ bool Recognise() noexcept {
     return true;
 }
 
-const bool kBuiltInCodersLoaded = Recognise();
-
 }  // namespace
+
+bool gBuiltInCoders = Recognise();
+
 }  // namespace trdcomp::codec2008
 
-bool trdcomp::BuiltInValueCoders() noexcept { return codec2008::kBuiltInCodersLoaded; }
+bool trdcomp::BuiltInValueCoders() noexcept { return codec2008::gBuiltInCoders; }
