@@ -13,6 +13,7 @@
 #include <zstd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -308,6 +309,42 @@ void BM_DispatchTiny(benchmark::State& state, int coding) {
         benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
+// The one-record request of the hot path, packed once into `wire`.
+struct HotRequest {
+    std::vector<char> record, wire = std::vector<char>(4096), block;
+    tagREQ_HEAD head{};
+    int len = 0;
+    HotRequest(int id, int coding) {
+        if (id == 8996) {
+            record.assign(sizeof(tagREQ_8996), 0);
+            std::memcpy(record.data(), "ORD-20261123-042", 16);
+        } else {
+            record = Orders(1);
+        }
+        head.nHeadLen = TRDCOMP_REQ_HEAD_LEN;
+        head.nFuncId = id;
+        head.nFlags = coding;
+        head.nRecCount = 1;
+        head.nRecSize = static_cast<int>(record.size());
+        Pack();
+        block.resize(trdcomp::RestoredSize({wire.data(), static_cast<std::size_t>(len)}));
+    }
+    void Pack() {
+        CTrdCompData::PackReq2008(wire.data(), len, &head, record.data(), static_cast<int>(record.size()), 0);
+    }
+    void RestoreClassic() {
+        char* out = nullptr;
+        int outLen = 0;
+        benchmark::DoNotOptimize(CTrdCompData::RestoreReq2008(wire.data(), len, &out, outLen, 0));
+        benchmark::DoNotOptimize(out);
+        CTrdCompData::ReleaseAnsData(out);
+    }
+    void RestoreInto() {
+        const trdcomp::RestoredView v = trdcomp::RestoreRequestInto(block, {wire.data(), static_cast<std::size_t>(len)});
+        benchmark::DoNotOptimize(v.Data());
+    }
+};
+
 // The hot path of a front end: a one-record request packed, then restored
 // either by the classic restore (a new zeroed block, released again) or
 // into the caller's block by RestoreInto. Request 8996 has one 16-byte text
@@ -315,42 +352,55 @@ void BM_DispatchTiny(benchmark::State& state, int coding) {
 // mode 0: pack + classic restore, 1: pack + RestoreInto; 2, 3, 4: the pack,
 // the classic restore, RestoreInto alone.
 void BM_HotPath(benchmark::State& state, int id, int coding, int mode) {
-    std::vector<char> record;
-    if (id == 8996) {
-        record.assign(sizeof(tagREQ_8996), 0);
-        std::memcpy(record.data(), "ORD-20261123-042", 16);
-    } else {
-        record = Orders(1);
-    }
-    tagREQ_HEAD head{};
-    head.nHeadLen = TRDCOMP_REQ_HEAD_LEN;
-    head.nFuncId = id;
-    head.nFlags = coding;
-    head.nRecCount = 1;
-    head.nRecSize = static_cast<int>(record.size());
-    std::vector<char> wire(4096);
-    int len = 0;
-    CTrdCompData::PackReq2008(wire.data(), len, &head, record.data(), static_cast<int>(record.size()), 0);
-    std::vector<char> block(trdcomp::RestoredSize({wire.data(), static_cast<std::size_t>(len)}));
-    if (block.empty()) state.SkipWithError("the request does not restore");
+    HotRequest r(id, coding);
+    if (r.block.empty()) state.SkipWithError("the request does not restore");
     const bool pack = mode <= 2, into = mode == 1 || mode == 4;
     for (auto _ : state) {
-        if (pack) CTrdCompData::PackReq2008(wire.data(), len, &head, record.data(), static_cast<int>(record.size()), 0);
+        if (pack) r.Pack();
         if (mode == 2) {
-            benchmark::DoNotOptimize(wire.data());
+            benchmark::DoNotOptimize(r.wire.data());
         } else if (into) {
-            const trdcomp::RestoredView v = trdcomp::RestoreRequestInto(block, {wire.data(), static_cast<std::size_t>(len)});
-            benchmark::DoNotOptimize(v.Data());
+            r.RestoreInto();
         } else {
-            char* out = nullptr;
-            int outLen = 0;
-            benchmark::DoNotOptimize(CTrdCompData::RestoreReq2008(wire.data(), len, &out, outLen, 0));
-            benchmark::DoNotOptimize(out);
-            CTrdCompData::ReleaseAnsData(out);
+            r.RestoreClassic();
         }
     }
     state.counters["ns_per_message"] =
         benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+// Both pipelines of the hot path in one benchmark: blocks of pack + classic
+// restore alternate with blocks of pack + RestoreInto, each block timed on
+// its own, so that a change of the machine's speed during the run falls on
+// both alike. Counters: ns a message of each, and their ratio.
+void BM_HotPathPaired(benchmark::State& state, int id, int coding) {
+    HotRequest r(id, coding);
+    if (r.block.empty()) state.SkipWithError("the request does not restore");
+    constexpr int kBlock = 256;
+    using Clock = std::chrono::steady_clock;
+    double classic = 0, into = 0;
+    std::int64_t blocks = 0;
+    for (auto _ : state) {
+        const auto t0 = Clock::now();
+        for (int k = 0; k < kBlock; ++k) {
+            r.Pack();
+            r.RestoreClassic();
+        }
+        const auto t1 = Clock::now();
+        for (int k = 0; k < kBlock; ++k) {
+            r.Pack();
+            r.RestoreInto();
+        }
+        const auto t2 = Clock::now();
+        classic += std::chrono::duration<double>(t1 - t0).count();
+        into += std::chrono::duration<double>(t2 - t1).count();
+        state.SetIterationTime(std::chrono::duration<double>(t2 - t0).count());
+        ++blocks;
+    }
+    const double messages = static_cast<double>(blocks) * kBlock;
+    state.counters["classic_ns"] = messages > 0 ? classic / messages * 1e9 : 0;
+    state.counters["into_ns"] = messages > 0 ? into / messages * 1e9 : 0;
+    state.counters["ratio"] = classic > 0 ? into / classic : 0;
 }
 
 // What every restore pays before decoding: one allocation and its zero fill.
@@ -392,6 +442,10 @@ void Register() {
                                               std::to_string(id) + "/" + modes[mode])
                                                  .c_str(),
                                              BM_HotPath, id, coding, mode);
+    for (const int coding : {0x10, 0})
+        benchmark::RegisterBenchmark(("hotpath/" + std::string(coding ? "fast" : "2008") + "/request8996/paired").c_str(),
+                                     BM_HotPathPaired, 8996, coding)
+            ->UseManualTime();
     benchmark::RegisterBenchmark("allocation/zero-fill", BM_RestoreAllocation)->Arg(96 + 10)->Arg(96 + 1000 * 193 + 10);
 }
 
