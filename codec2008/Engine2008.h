@@ -407,6 +407,7 @@ struct RecordCoder {
     static constexpr std::size_t kSlack = 0;
     static constexpr std::int64_t kLeastRecord = 0;
     static constexpr bool kExactWrites = true;
+    static constexpr bool kExactInPlace = false;  // every write is exact already
     char flag;
 
     static bool Representable(const char*) { return true; }

@@ -10,6 +10,9 @@
 //     kLeastRecord           the fewest bytes a coded record takes
 //     kExactWrites           the encoder writes no byte it does not count, so a
 //                            classic call (capacity unknown) encodes in place
+//     kExactInPlace          the policy has EncodeExact: the same bytes, and
+//                            no write past them, for the records of a classic
+//                            call the records to come do not prove room for
 //     Representable(rec)     strict mode: the record can travel as it is
 //     Encode(rec, prev, dst) codes one record, returns its bytes
 //     StoreLength(at, n)     writes a record's length word
@@ -62,8 +65,22 @@ inline bool EncodeRecords(const P& p, std::uint32_t size, char* out, std::int64_
         // each takes at least its length word and its least coded bytes.
         const std::int64_t proven = (records - i) * (P::kLengthBytes + P::kLeastRecord) - P::kLengthBytes;
         const std::int64_t writable = cap != kUnbounded || P::kExactWrites ? room : proven;
-        const std::int64_t n = EncodeBounded<P::kMaxRecord, P::kSlack>(
-            [&](char* dst) { return p.Encode(rec, prev, dst); }, out + pos + P::kLengthBytes, room, writable);
+        char* const dst = out + pos + P::kLengthBytes;
+        const auto wide = [&] {
+            return EncodeBounded<P::kMaxRecord, P::kSlack>([&](char* d) { return p.Encode(rec, prev, d); }, dst, room,
+                                                           writable);
+        };
+        std::int64_t n;
+        if constexpr (P::kExactInPlace) {
+            // The caller's buffer holds the message, so the bytes of this
+            // record are its own; room covers the worst case, so no refusal
+            // can follow the writes.
+            const bool exact = cap == kUnbounded && writable < static_cast<std::int64_t>(P::kMaxRecord + P::kSlack) &&
+                               room >= static_cast<std::int64_t>(P::kMaxRecord);
+            n = exact ? p.EncodeExact(rec, prev, dst) : wide();
+        } else {
+            n = wide();
+        }
         if (n < 0) return Refuse(Reason::buffer_too_small);
         P::StoreLength(out + pos, n);
         pos += P::kLengthBytes + n;

@@ -59,6 +59,10 @@ constexpr std::uint32_t MaxRecord() {
 // bytes that belong to the value decides where the next one starts.
 inline constexpr std::uint32_t kEncodeSlack = 16;
 
+// Records whose worst case is at most this many bytes have an exact encoder
+// beside the wide one (RecordCoder).
+inline constexpr std::size_t kExactInPlaceMax = 64;
+
 namespace internal {
 
 template <Field F>
@@ -97,29 +101,43 @@ TRDCOMP_FORCE_INLINE bool Sent(const char* cur, const char* prev) {
     }
 }
 
-// Writes the field's value at out, where MaxCoded(F) + kEncodeSlack bytes
-// may be written; returns the bytes of the value.
-template <Field F>
+// A signed value, as whole words (kExact false: the bytes behind it are
+// scratch) or as exactly its own bytes.
+template <bool kExact>
+TRDCOMP_FORCE_INLINE std::uint32_t PutSigned(byte* out, std::int64_t v) {
+    if constexpr (kExact) {
+        return FastPutInt64(out, v);
+    } else {
+        return PutInt64Wide(out, v);
+    }
+}
+
+// Writes the field's value at out and returns the bytes of the value. The
+// wide form may write up to MaxCoded(F) + kEncodeSlack bytes; the exact form
+// (kExact) writes only the bytes it returns.
+template <Field F, bool kExact = false>
 TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* cur) {
     const char* c = cur + F.offset;
     if constexpr (F.fast == FastKind::Char) {
-        return PutInt64Wide(out, static_cast<signed char>(*c));
+        return PutSigned<kExact>(out, static_cast<signed char>(*c));
     } else if constexpr (F.fast == FastKind::Int || F.fast == FastKind::BlockLength) {
-        return PutInt64Wide(out, I32<F>(cur));
+        return PutSigned<kExact>(out, I32<F>(cur));
     } else if constexpr (F.fast == FastKind::Int64) {
         std::int64_t v;
         std::memcpy(&v, c, 8);
-        return PutInt64Wide(out, v);
+        return PutSigned<kExact>(out, v);
     } else if constexpr (F.fast == FastKind::Double) {
         double v;
         std::memcpy(&v, c, 8);
-        return PutInt64Wide(out, d::TruncToInt64(v * 1000.0 + 0.00005));
+        return PutSigned<kExact>(out, d::TruncToInt64(v * 1000.0 + 0.00005));
     } else if constexpr (F.fast == FastKind::String) {
         // The length, then the text: the whole field is copied when it is
         // short, only the text's bytes count.
         const std::uint32_t n = d::TextLength<F.width>(c);
-        const std::uint32_t k = PutInt64Wide(out, static_cast<std::int32_t>(n));
-        if constexpr (F.width <= 64) {
+        const std::uint32_t k = PutSigned<kExact>(out, static_cast<std::int32_t>(n));
+        if constexpr (kExact && F.width <= 64) {
+            d::CopyAtMost<F.width>(out + k, c, n);
+        } else if constexpr (F.width <= 64) {
             std::memcpy(out + k, c, F.width);
         } else {
             std::memcpy(out + k, c, n);
@@ -258,30 +276,30 @@ TRDCOMP_FORCE_INLINE void Fill(char* cur, const char* prev) {
 }
 
 // One field of the encoder: numbers are written whether sent or not and
-// kept by advancing the cursor, so that a change costs no branch; the
-// presence bits gather in `map`.
-template <std::size_t I, const auto& L>
+// kept by advancing the cursor, so that a change costs no branch (the exact
+// form writes only what is sent); the presence bits gather in `map`.
+template <std::size_t I, const auto& L, bool kExact>
 TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* prev, byte* out, std::uint32_t& n,
                                                byte* map) {
     constexpr Field F = L.fields[I];
     const bool sent = Sent<F, L>(cur, prev);
-    if constexpr (kAlwaysWritten<F>) {
+    if constexpr (kAlwaysWritten<F> && !kExact) {
         const std::uint32_t k = Put<F>(out + n, cur);
         n += sent ? k : 0u;
         map[I / 7] |= static_cast<byte>(static_cast<unsigned>(sent) << (6 - I % 7));
     } else if (sent) {
-        n += Put<F>(out + n, cur);
+        n += Put<F, kExact>(out + n, cur);
         map[I / 7] |= static_cast<byte>(0x40u >> (I % 7));
     }
 }
 
-template <const auto& L>
+template <const auto& L, bool kExact>
 TRDCOMP_FORCE_INLINE std::uint32_t EncodeFields(const char* cur, const char* prev, byte* out) {
     constexpr std::size_t P = kPresenceBytes<L>;
     byte map[P] = {};
     std::uint32_t n = P;
     [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
-        (EncodeField<I, L>(cur, prev, out, n, map), ...);
+        (EncodeField<I, L, kExact>(cur, prev, out, n, map), ...);
     }(std::make_index_sequence<L.fields.size()>{});
     map[P - 1] |= 0x80u;
     std::memcpy(out, map, P);
@@ -292,12 +310,14 @@ TRDCOMP_FORCE_INLINE std::uint32_t EncodeFields(const char* cur, const char* pre
 
 // Codes one record against prev (null: the defaults) at out, where
 // MaxRecord<L>() + kEncodeSlack bytes may be written; returns its length.
-template <const auto& L>
+// The exact form (kExact) writes only the bytes it returns, each value and
+// text on its own: slower per value, but nothing to copy afterwards.
+template <const auto& L, bool kExact = false>
 inline std::uint32_t EncodeRecord(const char* cur, const char* prev, byte* out) {
     if constexpr (kPresenceBytes<L> == 0) {
         return 0;
     } else {
-        return internal::EncodeFields<L>(cur, prev, out);
+        return internal::EncodeFields<L, kExact>(cur, prev, out);
     }
 }
 
@@ -337,7 +357,11 @@ inline bool AsciiRepresentable(const char* rec) {
 // The Fast record policy of the shared frames (common/RecordFrames.h), for
 // records of layout L: a u16 length, then the record coded against the one
 // before. An encoder may use kEncodeSlack bytes behind its worst case as
-// scratch.
+// scratch. Records of at most kExactInPlaceMax bytes also have the exact
+// encoder: a classic call codes its last record with it straight into the
+// caller's buffer. Encoding into scratch and reading it back right away
+// waits for the encoder's overlapping stores, which for a one-record request
+// cost as much as the rest of its pack.
 template <const auto& L>
 struct RecordCoder {
     static constexpr int kLengthBytes = 2;
@@ -346,10 +370,14 @@ struct RecordCoder {
     static constexpr std::size_t kSlack = kEncodeSlack;
     static constexpr std::int64_t kLeastRecord = static_cast<std::int64_t>(kPresenceBytes<L>);
     static constexpr bool kExactWrites = false;
+    static constexpr bool kExactInPlace = kMaxRecord <= kExactInPlaceMax;
 
     static bool Representable(const char* rec) { return AsciiRepresentable<L>(rec); }
     static std::int64_t Encode(const char* rec, const char* prev, char* dst) {
         return static_cast<std::int64_t>(EncodeRecord<L>(rec, prev, reinterpret_cast<byte*>(dst)));
+    }
+    static std::int64_t EncodeExact(const char* rec, const char* prev, char* dst) {
+        return static_cast<std::int64_t>(EncodeRecord<L, true>(rec, prev, reinterpret_cast<byte*>(dst)));
     }
     static void StoreLength(char* at, std::int64_t n) { d::StoreU16(at, static_cast<std::uint16_t>(n)); }
 };

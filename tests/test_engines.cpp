@@ -5,6 +5,7 @@
 // access.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <optional>
@@ -495,5 +496,74 @@ TEST(HostileEngines, RecordsOutsideTheCallersDataAreNotRead) {
         ASSERT_EQ(r.rc, 1);
         EXPECT_EQ(Chars(r.p + 76, r.p + 132), data);
         EXPECT_EQ(Chars(r.p + 132, r.p + 188), Chars(56, 0));
+    }
+}
+
+// ---- the exact Fast encoder ----
+
+namespace {
+
+// Random records whose fields take every coded size: each byte is zero half
+// the time, so values run from one byte to ten and texts from empty to full;
+// the previous record differs from it in a few bytes only.
+template <const auto& L>
+void ExpectExactEncoderMatchesWide(std::uint32_t seed) {
+    namespace f = trdcomp::fast;
+    constexpr std::size_t kMax = f::MaxRecord<L>();
+    static_assert(f::RecordCoder<L>::kExactInPlace, "a layout small enough for the exact encoder");
+    std::uint32_t state = seed;
+    const auto next = [&state] { return state = state * 1103515245u + 12345u; };
+    for (int trial = 0; trial < 3000; ++trial) {
+        Chars cur(L.size), prev;
+        for (char& c : cur) c = (next() >> 16) % 2 ? static_cast<char>(next() >> 20) : 0;
+        prev = cur;
+        for (int k = 0; k < 3; ++k) prev[(next() >> 8) % L.size] ^= static_cast<char>(1 + (next() >> 24) % 255);
+        for (const char* before : {static_cast<const char*>(nullptr), static_cast<const char*>(prev.data())}) {
+            Bytes wide(kMax + f::kEncodeSlack, 0), exact(kMax + 8, 0xA5);
+            const std::uint32_t n = f::EncodeRecord<L>(cur.data(), before, wide.data());
+            const std::uint32_t m = f::EncodeRecord<L, true>(cur.data(), before, exact.data());
+            ASSERT_EQ(m, n) << "trial " << trial;
+            ASSERT_TRUE(std::equal(exact.begin(), exact.begin() + m, wide.begin())) << "trial " << trial;
+            ASSERT_TRUE(std::all_of(exact.begin() + m, exact.end(), [](unsigned char b) { return b == 0xA5; }))
+                << "trial " << trial << ": a write past the record's " << m << " bytes";
+        }
+    }
+}
+
+}  // namespace
+
+TEST(FastEncoder, ExactFormWritesTheWideBytesAndNothingPastThem) {
+    ExpectExactEncoderMatchesWide<kT_SEVEN>(1);
+    ExpectExactEncoderMatchesWide<kT_EIGHT>(2);
+    ExpectExactEncoderMatchesWide<kT_LATE>(3);
+    ExpectExactEncoderMatchesWide<kT_GAP>(4);
+    ExpectExactEncoderMatchesWide<kT_LIMIT>(5);
+    ExpectExactEncoderMatchesWide<kT_BLOCK>(6);
+}
+
+// A classic call codes small records in place with the exact encoder: a
+// buffer of exactly the message's length suffices (AddressSanitizer watches
+// the exact-size block) and the bytes are those of a call told its capacity.
+TEST(FastEncoder, ClassicPackOfSmallRecordsWritesNothingPastTheMessage) {
+    const Codec c = Fast<kT_SEVEN>();
+    for (const int records : {1, 2, 5}) {
+        SCOPED_TRACE(std::to_string(records) + " records");
+        Chars data;
+        for (int i = 0; i < records; ++i) {
+            const auto r = Seven('a', static_cast<char>(i), -70000 * i, 1LL << (8 * i), 1.25 * i, "abc", 1, 2);
+            data.insert(data.end(), r.begin(), r.end());
+        }
+        Chars told = Head(c, c.Flags(), records);
+        told.resize(1 << 12);
+        int toldLen = 76;
+        ASSERT_EQ(c.pack(told.data(), toldLen, data.data(), static_cast<int>(data.size()), 1 << 12), 1);
+        told.resize(static_cast<std::size_t>(toldLen));
+        Exact out(told);
+        std::memset(out.data() + 76, 0, told.size() - 76);
+        int len = 76;
+        Exact in(data);
+        ASSERT_EQ(c.pack(out.data(), len, in.data(), in.size(), d::kUnbounded), 1);
+        ASSERT_EQ(len, toldLen);
+        EXPECT_EQ(Chars(out.data(), out.data() + len), told);
     }
 }
