@@ -240,8 +240,18 @@ TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t
             } else {
                 // Counted string (keeps L or max-1 bytes and a terminator) or
                 // block (keeps L or max bytes); the full length is skipped.
+                // Most texts are shorter than 64 bytes: their length is one
+                // byte, read without gathering the word (the cursor waits for
+                // it).
                 std::int32_t len;
-                if (const std::int64_t k = GetWord(p, &len)) {
+                std::int64_t k;
+                if (p[0] & 0x80u) [[likely]] {
+                    len = static_cast<std::int32_t>(p[0] & 0x3Fu) - static_cast<std::int32_t>(p[0] & 0x40u);
+                    k = 1;
+                } else {
+                    k = GetWord(p, &len);
+                }
+                if (k != 0) {
                     if (len < 1) {
                         if constexpr (F.fast == FastKind::String) c[0] = '\0';
                         return k + len;

@@ -244,6 +244,15 @@ std::vector<Row> FramingRows() {
         auto back = Block(len, sent);
         rows.push_back({"fast: sized block", Fast<kT_BLOCK>(), 1, Block(len), body, true, back});
     }
+    // Text lengths of one byte (-1 here: an empty text, and the cursor moves
+    // back over the length, which the block behind reads again) and of two;
+    // eight bytes behind the record let the word readers run.
+    rows.push_back({"fast: a negative one-byte text length", Fast<kT_SEVEN>(), 1, std::nullopt,
+                    Bytes{0x01, 0x00, 0x06, 0x00, 0x93, 0x85, 0xff, 'a', 'b', 'c', 0, 0, 0, 0, 0, 0, 0, 0}, true,
+                    Seven(0, 11, 5, 0, 0.0, "", 0, 0)});
+    rows.push_back({"fast: a text length in two bytes", Fast<kT_ORDER>(), 1, std::nullopt,
+                    Bytes{0x01, 0x00, 0x06, 0x00, 0x88, 0x00, 0x83, 'x', 'y', 'z', 0, 0, 0, 0, 0, 0, 0, 0}, true,
+                    Order('A', 11, 0, "xyz", "", "")});
     return rows;
 }
 
