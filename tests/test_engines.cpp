@@ -1,8 +1,7 @@
 // Both record engines over test layouts written in the catalogue's notation:
 // one table of framings (bytes on the wire and records restored), the
-// answer framings, the classic packers' capacity, and hostile input
-// (truncated, corrupted or overreaching messages) restored without a stray
-// access.
+// classic packers' capacity, and hostile input (truncated, corrupted or
+// overreaching messages) restored without a stray access.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -384,46 +383,6 @@ void RestoreAnswer(Restored& r, const Chars& m, bool fast) {
 }
 
 }  // namespace
-
-TEST(AnswerFraming, TwoSections) {
-    for (bool fast : {false, true}) {
-        SCOPED_TRACE(fast ? "fast" : "2008");
-        const Answer a = Make({{3, 28}, {2, 8}});
-        const auto m = PackAnswer<TwoSections>(a, fast);
-        if (fast) {
-            EXPECT_EQ(Word(m.data(), 96), 3 | 2 << 16);  // all counts first
-        }
-        Restored r;
-        RestoreAnswer<TwoSections>(r, m, fast);
-        ASSERT_EQ(r.rc, 1);
-        ASSERT_EQ(r.len, 96 + 20 + 3 * 28 + 2 * 8);
-        EXPECT_EQ(Word(r.p, 0), 96);
-        EXPECT_EQ(Word(r.p, 8) & 2, 2);
-        EXPECT_EQ(Chars(r.p + 96, r.p + 116), Words({20, 3, 28, 2, 8}));
-        EXPECT_EQ(Chars(r.p + 116, r.p + 200), a.arrays[0]);
-        EXPECT_EQ(Chars(r.p + 200, r.p + 216), a.arrays[1]);
-    }
-}
-
-TEST(AnswerFraming, CountSwitchedLayoutFollowsTheCount) {
-    for (const auto& [count, size] : {std::pair{0, 12}, {1, 12}, {2, 28}, {5, 28}}) {
-        const Answer a = Make({{count, size}});
-        for (bool fast : {false, true}) {
-            SCOPED_TRACE(std::to_string(count) + (fast ? " fast" : " 2008"));
-            Restored r;
-            RestoreAnswer<CountSwitched>(r, PackAnswer<CountSwitched>(a, fast), fast);
-            ASSERT_EQ(r.rc, 1);
-            EXPECT_EQ(r.len, 96 + count * size);
-            EXPECT_EQ(Word(r.p, 88), count);
-            EXPECT_EQ(Word(r.p, 92), size);
-            EXPECT_EQ(Word(r.p, 8) & 2, 0);
-            Chars expected = a.arrays[0];
-            if (size == 12)  // the narrow layout does not carry bytes 1..7
-                for (int i = 0; i < count; ++i) std::fill(expected.begin() + 12 * i + 1, expected.begin() + 12 * i + 8, 0);
-            EXPECT_EQ(Chars(r.p + 96, r.p + r.len), expected);
-        }
-    }
-}
 
 // ---- hostile input ----
 

@@ -97,29 +97,8 @@ TEST(ModernInterface, RestoredMessagesGiveTypedRecordsAndReleaseOnce) {
             EXPECT_EQ(why, trdcomp::Reason::none);
         }
     }
-}
-
-TEST(ModernInterface, AnswerSectionsAndRefusals) {
-    const auto samples = catalogue_model::SampleAnswers(1002, Coding::k2008);
-    ASSERT_EQ(samples.size(), 1u);
-    const auto& s = samples[0];
-    for (trdcomp::Coding c : {trdcomp::Coding::C2008(), trdcomp::Coding::Fast()}) {
-        std::vector<char> wire(trdcomp::AnswerSizeBound(s.proc, c));
-        const trdcomp::PackResult packed = ModernAnswer(wire, s, c);
-        ASSERT_TRUE(packed);
-        const trdcomp::Restored r = trdcomp::RestoreAnswer({wire.data(), packed.size});
-        ASSERT_TRUE(r);
-        ASSERT_EQ(r.Sections(), 3);
-        EXPECT_EQ(r.Records<tagANS_1002_1>(0).size(), static_cast<std::size_t>(s.proc.nRecCount[0]));
-        EXPECT_EQ(r.Records<tagANS_1002_2>(1).size(), static_cast<std::size_t>(s.proc.nRecCount[1]));
-        EXPECT_EQ(r.Records<tagANS_1002_3>(2).size(), static_cast<std::size_t>(s.proc.nRecCount[2]));
-        EXPECT_EQ(r.GetSection(3).data, nullptr);
-    }
     EXPECT_EQ(trdcomp::RestoreRequest(trdcomp::span<const char>(static_cast<const char*>(nullptr), 0)).Error(), trdcomp::Errc::null_argument);
-    char small[100] = {};
-    EXPECT_EQ(trdcomp::PackAnswer(trdcomp::span<char>(small, 95), s.proc, {}, trdcomp::Coding::C2008()).error,
-              trdcomp::Errc::buffer_too_small);
-    EXPECT_EQ(trdcomp::PackRequest(trdcomp::span<char>(), testmsg::ReqHead(1002), trdcomp::span<const char>(), trdcomp::Coding::C2008()).error,
+    EXPECT_EQ(trdcomp::PackRequest(trdcomp::span<char>(), head, trdcomp::span<const char>(), trdcomp::Coding::C2008()).error,
               trdcomp::Errc::null_argument);
 }
 

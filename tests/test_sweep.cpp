@@ -75,10 +75,7 @@ struct Sweep {
     // restores and framing of the same bytes.
     void Restore(const std::vector<char>& wire, bool request, Variant v, Restored& r) {
         Exact in(wire);
-        if (request)
-            RestoreReq(r, in.data(), in.size(), v.flag);
-        else
-            RestoreAns(r, in.data(), in.size(), v.flag);
+        testmsg::Restore(r, in.data(), in.size(), request, v.flag);
         ASSERT_EQ(r.rc, 1);
 
         trdcomp::RestoreOptions options;
@@ -168,10 +165,7 @@ struct Sweep {
         auto restore = [&](std::vector<char> bytes) {
             Exact in(bytes);
             Restored r;
-            if (request)
-                RestoreReq(r, in.data(), in.size(), v.flag);
-            else
-                RestoreAns(r, in.data(), in.size(), v.flag);
+            testmsg::Restore(r, in.data(), in.size(), request, v.flag);
             ASSERT_TRUE(r.rc == 0 || r.rc == 1);
         };
         for (std::size_t len = request ? 76 : 96; len < n; len += step) restore(std::vector<char>(valid.begin(), valid.begin() + len));
@@ -341,20 +335,6 @@ TEST(CatalogueRequests, SharedEncoderPairsKeepTheLongerText) {
     RestoreReq(r, in.data(), in.size());
     ASSERT_EQ(r.rc, 1);
     EXPECT_EQ(std::string(r.p + 76 + 145, 16), "SIXTEEN-CHARS-OK");
-}
-
-TEST(CatalogueRequests, FastVersionIsKeptInTheFlags) {
-    // 1002 (the fields of the engines' T_ORDER) under Fast version 3: one
-    // record at the defaults, its three texts still sent.
-    std::vector<char> rec(83, 0);
-    rec[0] = 'A', rec[1] = 11;
-    tagREQ_HEAD head = ReqHead(1002, 0x30, 1, 83);
-    std::vector<char> wire(4096);
-    int len = 0;
-    CTrdCompData::PackReq2008(wire.data(), len, &head, rec.data(), 83, 0);
-    EXPECT_EQ(std::vector<unsigned char>(wire.begin() + 76, wire.begin() + len),
-              std::vector<unsigned char>({0x01, 0x00, 0x04, 0x00, 0x8e, 0x80, 0x80, 0x80}));
-    EXPECT_EQ(Word(wire.data(), 8), 0x31);
 }
 
 TEST(CatalogueAnswers, SizedBlockOf8996AtItsEdges) {

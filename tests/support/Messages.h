@@ -81,5 +81,11 @@ inline void RestoreReq(Restored& r, char* in, int inLen, char flag = 0) {
 inline void RestoreAns(Restored& r, char* in, int inLen, char flag = 0) {
     r.rc = CTrdCompData::RestoreAns2008(in, inLen, &r.p, r.len, flag);
 }
+inline void Restore(Restored& r, char* in, int inLen, bool request, char flag = 0) {
+    if (request)
+        RestoreReq(r, in, inLen, flag);
+    else
+        RestoreAns(r, in, inLen, flag);
+}
 
 }  // namespace testmsg
