@@ -231,6 +231,9 @@ std::vector<Row> FramingRows() {
         rows.push_back({"2008: counted array", C2008<kT_COUNTED>(), 1, Counted(count), std::nullopt, true, Counted(count, entries)});
         rows.push_back({"fast: counted array", Fast<kT_COUNTED>(), 1, Counted(count), std::nullopt, true, Counted(count)});
     }
+    // 2008 codes the bytes its length names, clamped to 0..16.
+    for (const auto& [len, kept] : {std::pair{100, 16}, {16, 16}, {-1, 0}})
+        rows.push_back({"2008: sized block", C2008<kT_BLOCK>(), 1, Block(len), std::nullopt, true, Block(len, kept)});
     // A sized block always travels in the Fast coding, its length clamped to 0..16.
     for (const auto& [len, sent] : {std::pair{5, 5}, {16, 16}, {100, 16}, {-1, 16}, {0, 0}}) {
         Bytes body = {0x01, 0x00, 0x00, 0x00, 0xf0, static_cast<unsigned char>(0x80 | sent)};

@@ -336,36 +336,3 @@ TEST(CatalogueRequests, SharedEncoderPairsKeepTheLongerText) {
     ASSERT_EQ(r.rc, 1);
     EXPECT_EQ(std::string(r.p + 76 + 145, 16), "SIXTEEN-CHARS-OK");
 }
-
-TEST(CatalogueAnswers, SizedBlockOf8996AtItsEdges) {
-    const auto& c = Get();
-    const Layout& l = c.At("ANS_8996");
-    for (std::int32_t blockLen : {0, 100, 32768, 40000, -1}) {
-        for (int coding : {0, 0x10}) {
-            SCOPED_TRACE(std::to_string(blockLen) + (coding ? " Fast" : " 2008"));
-            std::vector<char> rec(static_cast<std::size_t>(l.size), 'b');
-            std::memcpy(rec.data() + 32768, &blockLen, 4);
-            std::memcpy(rec.data() + 32772, "tail\0", 5);
-            tagANS_Proc proc{};
-            proc.nFuncId = 8996;
-            proc.nArrayCount = 1;
-            proc.nRecCount[0] = 1;
-            proc.nRecSize[0] = l.size;
-            std::vector<char> out(1 << 17);
-            int outLen = 0;
-            CTrdCompData::PackAns2008(out.data(), static_cast<int>(out.size()), outLen, &proc, rec.data(), nullptr, nullptr,
-                                      nullptr, nullptr, 0, coding);
-            Exact in(out.data(), outLen);
-            Restored r;
-            RestoreAns(r, in.data(), in.size());
-            ASSERT_EQ(r.rc, 1);
-            const char* got = r.p + 96;
-            const int kept = coding ? (blockLen >= 0 && blockLen <= 32768 ? blockLen : 32768)
-                                    : (blockLen < 0 ? 0 : blockLen > 32768 ? 32768 : blockLen);
-            EXPECT_EQ(std::string(got, static_cast<std::size_t>(kept)), std::string(static_cast<std::size_t>(kept), 'b'));
-            EXPECT_EQ(std::string(got + kept, static_cast<std::size_t>(32768 - kept)), std::string(static_cast<std::size_t>(32768 - kept), '\0'));
-            EXPECT_EQ(Word(got, 32768), blockLen);
-            EXPECT_STREQ(got + 32772, "tail");
-        }
-    }
-}
