@@ -133,6 +133,8 @@ TEST(FastPrimitives, Readers) {
     Bytes ascii24(23, 'X'), string32(1, 0xa0);
     ascii24.push_back('X' | 0x80);
     string32.insert(string32.end(), 32, 'Q');
+    Bytes ascii24More = ascii24;  // stop bytes of later values behind the text
+    for (unsigned char b : {0x01, 0x02, 0x83}) ascii24More.push_back(b);
     const std::pair<Read, Read> cases[] = {
         {Number(FastGetInt64, {0xc0}), {1, "-64"}},  // the short coding of -64 is accepted too
         {Number(FastGetInt8, {0xc8}), {1, "-56"}},
@@ -144,7 +146,7 @@ TEST(FastPrimitives, Readers) {
         // A full-width text keeps max - 1 characters; the search for its end
         // starts at max, past the text's own stop byte.
         {Text(FastGetAscii, [&] { auto b = ascii24; b.push_back(0x81); return b; }(), 24), {24, std::string(23, 'X')}},
-        {Text(FastGetAscii, [&] { Bytes b = ascii24; for (unsigned char x : {0x01, 0x02, 0x83}) b.push_back(x); return b; }(), 24), {26, std::string(23, 'X')}},
+        {Text(FastGetAscii, ascii24More, 24), {26, std::string(23, 'X')}},
         // 32 characters with max 32 are read back as 31; the full length is skipped.
         {Text(FastGetString, string32, 32), {33, std::string(31, 'Q')}},
         {Text(FastGetString, {0xff}, 8), {0, ""}},  // a negative length returns k + L and stores ""

@@ -279,7 +279,7 @@ TEST(MessageLength, WhatTheBytesCannotTell) {
         {"head word 0 neither 76 nor 96", std::vector<char>(12, 1), trdcomp::Framing::invalid, 0},
         {"three bytes", std::vector<char>(3, 76), trdcomp::Framing::need_more, 4},
         {"a request head cut short", std::vector<char>{76, 0, 0, 0, 1}, trdcomp::Framing::need_more, 76},
-        {"2008 section table shorter than 4 bytes", testmsg::AnsBytes(1001, 3, 0, 0, {3}), trdcomp::Framing::invalid, 0},
+        {"a section table shorter than 4 bytes", testmsg::AnsBytes(1001, 3, 0, 0, {3}), trdcomp::Framing::invalid, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

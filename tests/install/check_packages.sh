@@ -35,8 +35,8 @@ done
 dpkg-deb -c "$work/debs/libtrdcomp${version%%.*}_${version}"*.deb > "$work/contents"
 grep -q "usr/include" "$work/contents" && fail "the runtime package holds headers"
 cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
-diff <(cd "$work/prefix" && find . -type f | sort) <(cd "$work/root/usr" && find . -type f | grep -v '^./share/doc/' | sort) ||
-  fail "cmake --install and the packages hold different files"
+files() { (cd "$1" && find . -type f | grep -v '^./share/doc/' | sort); }
+diff <(files "$work/prefix") <(files "$work/root/usr") || fail "cmake --install and the packages hold different files"
 [ "$failures" -eq 0 ] || exit 1
 
 bash "$(dirname "$0")/check_prefix.sh" "$work/root/usr" "$consumer_src"

@@ -17,8 +17,8 @@ def content(message):
 def test_decode_gives_what_the_tool_prints_from_any_byte_buffer():
     for name in ["req_1002_2008", "ans_1010_fast_n2"]:
         wire = golden(f"{name}.wire")
-        printed = subprocess.run([TOOL, "decode", "--json", GOLDEN / f"{name}.wire"], check=True, capture_output=True).stdout
-        assert trdcomp.decode(wire) == json.loads(printed)
+        printed = subprocess.run([TOOL, "decode", "--json", GOLDEN / f"{name}.wire"], check=True, capture_output=True)
+        assert trdcomp.decode(wire) == json.loads(printed.stdout)
         assert trdcomp.decode(bytearray(wire)) == trdcomp.decode(memoryview(wire)) == trdcomp.decode(wire)
     with pytest.raises(ValueError, match="contiguous buffer of bytes"):
         trdcomp.decode(memoryview(wire)[::2])
