@@ -28,17 +28,6 @@ std::vector<char> PackReq(tagREQ_HEAD head, const std::vector<char>& data, int* 
     return out;
 }
 
-tagANS_Proc Proc(int id, std::vector<std::pair<int, int>> arrays) {
-    tagANS_Proc p{};
-    p.nFuncId = id;
-    p.nArrayCount = static_cast<int>(arrays.size());
-    for (std::size_t i = 0; i < arrays.size() && i < 5; ++i) {
-        p.nRecCount[i] = arrays[i].first;
-        p.nRecSize[i] = arrays[i].second;
-    }
-    return p;
-}
-
 struct PackedAns {
     std::vector<char> bytes;
     int rc = -1;

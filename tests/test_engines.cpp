@@ -337,15 +337,9 @@ struct Answer {
 
 Answer Make(std::vector<std::pair<int, int>> shape) {
     Answer a;
-    a.proc.nFuncId = 9000;
-    a.proc.nArrayCount = static_cast<int>(shape.size());
-    char seed = 'a';
-    for (std::size_t j = 0; j < shape.size(); ++j) {
-        a.proc.nRecCount[j] = shape[j].first;
-        a.proc.nRecSize[j] = shape[j].second;
-        a.arrays.push_back(Records(shape[j].first, shape[j].second, seed));
-        seed = static_cast<char>(seed + 10);
-    }
+    a.proc = Proc(9000, shape);
+    for (std::size_t j = 0; j < shape.size(); ++j)
+        a.arrays.push_back(Records(shape[j].first, shape[j].second, static_cast<char>('a' + 10 * j)));
     a.arrays.resize(5);
     return a;
 }

@@ -207,13 +207,9 @@ TEST(ModernInterface, SizeBoundsHoldWhereTheHeadPromisesMore) {
         // Answers of more arrays than the section table has entries for.
         for (int id : {999, 1017, 1000, 5000}) {
             catalogue_model::AnswerSample s;
-            s.proc.nFuncId = id;
+            s.proc = testmsg::Proc(id, std::vector<std::pair<int, int>>(5, {3, 10}));
             s.proc.nArrayCount = 7;
-            for (int j = 0; j < 5; ++j) {
-                s.proc.nRecCount[j] = 3;
-                s.proc.nRecSize[j] = 10;
-                s.arrays[static_cast<std::size_t>(j)] = std::vector<char>(30, static_cast<char>('a' + j));
-            }
+            for (std::size_t j = 0; j < 5; ++j) s.arrays[j] = std::vector<char>(30, static_cast<char>('a' + j));
             EXPECT_GE(trdcomp::AnswerSizeBound(s.proc, c), ClassicAnswer(s, c).size()) << id;
         }
     }
@@ -229,10 +225,7 @@ TEST(ModernInterface, TheOneStringAnswerEncoderCodesAnyStride) {
             const char* texts[] = {"ALPHA", "fifteen chars!!", "c"};
             for (int i = 0; i < 3; ++i) std::memcpy(records.data() + i * stride, texts[i], std::strlen(texts[i]));
             catalogue_model::AnswerSample s;
-            s.proc.nFuncId = id;
-            s.proc.nArrayCount = 1;
-            s.proc.nRecCount[0] = 3;
-            s.proc.nRecSize[0] = stride;
+            s.proc = testmsg::Proc(id, {{3, stride}});
             s.arrays[0] = records;
             std::vector<char> wire = ClassicAnswer(s, trdcomp::Coding::C2008());
             const trdcomp::Restored r = trdcomp::RestoreAnswer({wire.data(), wire.size()});

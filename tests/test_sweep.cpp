@@ -232,10 +232,7 @@ struct Sweep {
         std::vector<catalogue_model::AnswerSample> samples = catalogue_model::SampleAnswers(id, v.coding);
         if (samples.empty()) {  // no codec: one raw array of 6-byte records
             catalogue_model::AnswerSample s;
-            s.proc.nFuncId = id;
-            s.proc.nArrayCount = 1;
-            s.proc.nRecCount[0] = 3;
-            s.proc.nRecSize[0] = 6;
+            s.proc = Proc(id, {{3, 6}});
             s.arrays[0].assign(18, 'q');
             samples.push_back(s);
         } else {  // and the first shape with no records at all

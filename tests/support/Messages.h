@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "trdcomp/TrdCompData.h"
@@ -48,6 +49,18 @@ inline std::vector<char> AnsBytes(int id, int flags, int count, int size, const 
     for (std::size_t i = 0; i < words.size(); ++i) SetWord(b.data(), 96 + 4 * static_cast<int>(i), words[i]);
     b.resize(b.size() + body, 'r');
     return b;
+}
+
+// An answer's proc: the function id, then the count and record size of each array.
+inline tagANS_Proc Proc(int id, const std::vector<std::pair<int, int>>& arrays) {
+    tagANS_Proc p{};
+    p.nFuncId = id;
+    p.nArrayCount = static_cast<int>(arrays.size());
+    for (std::size_t i = 0; i < arrays.size() && i < 5; ++i) {
+        p.nRecCount[i] = arrays[i].first;
+        p.nRecSize[i] = arrays[i].second;
+    }
+    return p;
 }
 
 // A received message in a heap block of exactly its size, so that the
