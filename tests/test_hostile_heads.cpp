@@ -71,10 +71,7 @@ TEST(HostileInput, HeadsThatOverreachAreRefused) {
         }
         Exact in(m);
         Restored r;
-        if (c.request)
-            RestoreReq(r, in.data(), in.size());
-        else
-            RestoreAns(r, in.data(), in.size());
+        Restore(r, in.data(), in.size(), c.request);
         EXPECT_EQ(r.rc, c.rc);
         if (c.rc == 0) {
             EXPECT_EQ(r.p, nullptr);

@@ -48,11 +48,7 @@ TEST(RestoreInto, RefusesWhatTheClassicRestoreRefusesWithoutWriting) {
         if (c.offset >= 0) std::memcpy(wire.data() + c.offset, &c.value, c.u16 ? 2 : 4);
         const bool request = c.golden[0] == 'r';
         testmsg::Restored classic;
-        if (request) {
-            testmsg::RestoreReq(classic, wire.data(), static_cast<int>(wire.size()));
-        } else {
-            testmsg::RestoreAns(classic, wire.data(), static_cast<int>(wire.size()));
-        }
+        testmsg::Restore(classic, wire.data(), static_cast<int>(wire.size()), request);
         if (c.value != 55) {
             EXPECT_EQ(classic.rc, 0);  // the classic request restore takes any head length
         }
@@ -283,6 +279,7 @@ TEST(MessageLength, WhatTheBytesCannotTell) {
         {"head word 0 neither 76 nor 96", std::vector<char>(12, 1), trdcomp::Framing::invalid, 0},
         {"three bytes", std::vector<char>(3, 76), trdcomp::Framing::need_more, 4},
         {"a request head cut short", std::vector<char>{76, 0, 0, 0, 1}, trdcomp::Framing::need_more, 76},
+        {"a section table shorter than 4 bytes", testmsg::AnsBytes(1001, 3, 0, 0, {3}), trdcomp::Framing::invalid, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

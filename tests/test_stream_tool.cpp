@@ -94,7 +94,8 @@ private:
 };
 
 // One direction's stream as segments cut at random points, some swapped
-// with their neighbour, some sent twice, some retransmitted overlapping.
+// with their neighbour, some sent twice, some retransmitted overlapping,
+// some first sent in part and then retransmitted whole.
 void Segments(PcapWriter& w, std::uint32_t src, std::uint16_t sport, std::uint32_t dst, std::uint16_t dport,
               const std::vector<char>& stream, std::uint32_t isn, std::mt19937& rng, bool syn) {
     struct Seg {
@@ -109,6 +110,7 @@ void Segments(PcapWriter& w, std::uint32_t src, std::uint16_t sport, std::uint32
     for (std::size_t i = 0; i + 1 < segs.size(); i += 3) std::swap(segs[i], segs[i + 1]);  // out of order
     std::vector<Seg> sent;
     for (std::size_t i = 0; i < segs.size(); ++i) {
+        if (i % 4 == 1 && segs[i].n > 2) sent.push_back({segs[i].at, segs[i].n / 2});  // cut short, then whole
         sent.push_back(segs[i]);
         if (i % 5 == 0) sent.push_back(segs[i]);                                                       // duplicated
         if (i % 7 == 0 && segs[i].n > 2) sent.push_back({segs[i].at + 1, segs[i].n - 1});              // overlapping

@@ -75,10 +75,7 @@ struct Sweep {
     // restores and framing of the same bytes.
     void Restore(const std::vector<char>& wire, bool request, Variant v, Restored& r) {
         Exact in(wire);
-        if (request)
-            RestoreReq(r, in.data(), in.size(), v.flag);
-        else
-            RestoreAns(r, in.data(), in.size(), v.flag);
+        testmsg::Restore(r, in.data(), in.size(), request, v.flag);
         ASSERT_EQ(r.rc, 1);
 
         trdcomp::RestoreOptions options;
@@ -168,10 +165,7 @@ struct Sweep {
         auto restore = [&](std::vector<char> bytes) {
             Exact in(bytes);
             Restored r;
-            if (request)
-                RestoreReq(r, in.data(), in.size(), v.flag);
-            else
-                RestoreAns(r, in.data(), in.size(), v.flag);
+            testmsg::Restore(r, in.data(), in.size(), request, v.flag);
             ASSERT_TRUE(r.rc == 0 || r.rc == 1);
         };
         for (std::size_t len = request ? 76 : 96; len < n; len += step) restore(std::vector<char>(valid.begin(), valid.begin() + len));
@@ -238,10 +232,7 @@ struct Sweep {
         std::vector<catalogue_model::AnswerSample> samples = catalogue_model::SampleAnswers(id, v.coding);
         if (samples.empty()) {  // no codec: one raw array of 6-byte records
             catalogue_model::AnswerSample s;
-            s.proc.nFuncId = id;
-            s.proc.nArrayCount = 1;
-            s.proc.nRecCount[0] = 3;
-            s.proc.nRecSize[0] = 6;
+            s.proc = Proc(id, {{3, 6}});
             s.arrays[0].assign(18, 'q');
             samples.push_back(s);
         } else {  // and the first shape with no records at all
@@ -341,51 +332,4 @@ TEST(CatalogueRequests, SharedEncoderPairsKeepTheLongerText) {
     RestoreReq(r, in.data(), in.size());
     ASSERT_EQ(r.rc, 1);
     EXPECT_EQ(std::string(r.p + 76 + 145, 16), "SIXTEEN-CHARS-OK");
-}
-
-TEST(CatalogueRequests, FastVersionIsKeptInTheFlags) {
-    // 1002 (the fields of the engines' T_ORDER) under Fast version 3: one
-    // record at the defaults, its three texts still sent.
-    std::vector<char> rec(83, 0);
-    rec[0] = 'A', rec[1] = 11;
-    tagREQ_HEAD head = ReqHead(1002, 0x30, 1, 83);
-    std::vector<char> wire(4096);
-    int len = 0;
-    CTrdCompData::PackReq2008(wire.data(), len, &head, rec.data(), 83, 0);
-    EXPECT_EQ(std::vector<unsigned char>(wire.begin() + 76, wire.begin() + len),
-              std::vector<unsigned char>({0x01, 0x00, 0x04, 0x00, 0x8e, 0x80, 0x80, 0x80}));
-    EXPECT_EQ(Word(wire.data(), 8), 0x31);
-}
-
-TEST(CatalogueAnswers, SizedBlockOf8996AtItsEdges) {
-    const auto& c = Get();
-    const Layout& l = c.At("ANS_8996");
-    for (std::int32_t blockLen : {0, 100, 32768, 40000, -1}) {
-        for (int coding : {0, 0x10}) {
-            SCOPED_TRACE(std::to_string(blockLen) + (coding ? " Fast" : " 2008"));
-            std::vector<char> rec(static_cast<std::size_t>(l.size), 'b');
-            std::memcpy(rec.data() + 32768, &blockLen, 4);
-            std::memcpy(rec.data() + 32772, "tail\0", 5);
-            tagANS_Proc proc{};
-            proc.nFuncId = 8996;
-            proc.nArrayCount = 1;
-            proc.nRecCount[0] = 1;
-            proc.nRecSize[0] = l.size;
-            std::vector<char> out(1 << 17);
-            int outLen = 0;
-            CTrdCompData::PackAns2008(out.data(), static_cast<int>(out.size()), outLen, &proc, rec.data(), nullptr, nullptr,
-                                      nullptr, nullptr, 0, coding);
-            Exact in(out.data(), outLen);
-            Restored r;
-            RestoreAns(r, in.data(), in.size());
-            ASSERT_EQ(r.rc, 1);
-            const char* got = r.p + 96;
-            const int kept = coding ? (blockLen >= 0 && blockLen <= 32768 ? blockLen : 32768)
-                                    : (blockLen < 0 ? 0 : blockLen > 32768 ? 32768 : blockLen);
-            EXPECT_EQ(std::string(got, static_cast<std::size_t>(kept)), std::string(static_cast<std::size_t>(kept), 'b'));
-            EXPECT_EQ(std::string(got + kept, static_cast<std::size_t>(32768 - kept)), std::string(static_cast<std::size_t>(32768 - kept), '\0'));
-            EXPECT_EQ(Word(got, 32768), blockLen);
-            EXPECT_STREQ(got + 32772, "tail");
-        }
-    }
 }

@@ -49,15 +49,19 @@ std::vector<char> Bytes(std::initializer_list<int> words) {
 
 }  // namespace
 
+// Every golden message: a text row for every field, decode --json | encode
+// gives the message back (or, where the Fast coding dropped a text's last
+// character, one that restores identically and is a fixed point), the
+// streamed JSON is the document, and what the id determines (layout, record
+// size, count) may be left out.
 TEST(Tool, EveryGoldenMessageDecodesAndPacksBack) {
-    int messages = 0, identical = 0;
+    int messages = 0, identical = 0, derived = 0;
     for (const std::string& name : golden::Names()) {
         SCOPED_TRACE(name);
         ++messages;
         const std::vector<char> wire = golden::Wire(name);
         const tool::Decoded m = tool::Decode(wire, 0);
 
-        // The text table has a row for every field of every record.
         std::ostringstream text;
         tool::PrintText(m, text);
         std::size_t records = 0, rows = 0;
@@ -70,27 +74,38 @@ TEST(Tool, EveryGoldenMessageDecodesAndPacksBack) {
         EXPECT_EQ(Count(text.str(), "\nrecord "), records);
         EXPECT_EQ(Count(text.str(), "\n  ") - Count(text.str(), "\n  offset") - 6 - (m.request ? 0 : 2), rows);
 
-        // decode --json | encode
-        const std::vector<char> again = tool::Encode(ThroughText(tool::ToJson(m)), {});
+        tool::Json j = tool::ToJson(m);
+        std::ostringstream streamed;
+        tool::WriteJson(m, streamed);
+        EXPECT_EQ(streamed.str(), j.dump(2) + "\n");
+        const std::vector<char> again = tool::Encode(ThroughText(j), {});
         if (again == wire) {
             ++identical;
-            continue;
+        } else {
+            EXPECT_NE(m.fastVersion, 0) << "a 2008 message must come back byte for byte";
+            EXPECT_EQ(Content(again), Content(wire));
+            EXPECT_EQ(tool::Encode(ThroughText(tool::ToJson(tool::Decode(again, 0))), {}), again);
         }
-        // Only the Fast coding drops anything a restore cannot give back (the
-        // last character of a text that fills its field).
-        EXPECT_NE(m.fastVersion, 0) << "a 2008 message must come back byte for byte";
-        EXPECT_EQ(Content(again), Content(wire));
-        EXPECT_EQ(tool::Encode(ThroughText(tool::ToJson(tool::Decode(again, 0))), {}), again);
+        bool left = false;
+        for (auto& sec : j["sections"]) {
+            if (sec["layout"].is_null() || sec["size"] != catalogue_model::Get().At(sec["layout"].get<std::string>()).size) continue;
+            sec.erase("layout"), sec.erase("size"), sec.erase("count");
+            left = true;
+        }
+        if (!left) continue;
+        if (j["direction"] == "request") j["head"].erase("nRecSize"), j["head"].erase("nRecCount");
+        ++derived;
+        EXPECT_EQ(tool::Encode(j, {}), again);
     }
     EXPECT_EQ(messages, 472);
     EXPECT_GT(identical, 280);
+    EXPECT_GT(derived, 400);
 }
 
-// Decode reports the library's own reason for a refusal (strict mode here).
+// Decode reports the library's own reason for a refusal (strict mode here;
+// every reason of the library: test_restore_into.cpp).
 TEST(Tool, DecodeNamesTheCheckThatFailed) {
-    const std::vector<char> answer = golden::Wire("ans_1110_2008");
     const std::vector<char> request = golden::Wire("req_1002_2008");
-    const std::vector<char> fastAnswer = golden::Wire("ans_1110_fast");
     const std::vector<char> fastRequest = golden::Wire("req_1002_fast");
     auto with = [](std::vector<char> m, std::size_t off, int word) {
         std::memcpy(m.data() + off, &word, 4);
@@ -104,12 +119,8 @@ TEST(Tool, DecodeNamesTheCheckThatFailed) {
     const Case cases[] = {
         {"three bytes", {1, 2, 3}, "no head"},
         {"no head length", Bytes({5, 1002, 0}), "head word 0 is 5"},
-        {"cut answer", std::vector<char>(answer.begin(), answer.begin() + 90), "message shorter than its head (function id 1110"},
-        {"request of several arrays", with(request, 8, 3), "request head says several record arrays"},
         {"request count beyond the message", with(request, 68, 100000), "record count past what the message can hold"},
-        {"Fast answer count unlike the head's", with(fastAnswer, 88, 9), "stream count differs from the head's count"},
         {"Fast request count unlike the head's", with(fastRequest, 68, 5), "stream count differs from the head's count"},
-        {"raw id with coded records", with(with(request, 4, 4321), 8, 1), "unknown function id"},
         {"strict: a byte after the last record", [&] { auto m = request; m.push_back(0); return m; }(), "trailing bytes"},
     };
     for (const Case& c : cases) {
@@ -177,6 +188,10 @@ TEST(Tool, EncodeRefusesJsonThatCannotBeRight) {
         {"two arrays in a request", edit(request, [](tool::Json& j) { j["sections"].push_back(j["sections"][0]); }), {},
          "one record array"},
         {"not an object", tool::Json::array(), {}, "JSON object"},
+        {"no function id", edit(request, [](tool::Json& j) { j["head"].erase("nFuncId"); }), {}, "head has no nFuncId"},
+        {"records for an id that sends the head alone",
+         edit(RawAnswer(), [](tool::Json& j) { j["head"]["nFuncId"] = 1017, j["arrays"] = 1, j["sections"].erase(1); }), {},
+         "function id 1017 in the 2008 coding sends the head alone"},
         {"answer count beyond its records", edit(answer, [](tool::Json& j) { j["sections"][0]["count"] = 100; }), {},
          "count is 100 but it lists 3 records"},
         {"request count beyond its records",
@@ -228,32 +243,6 @@ TEST(Tool, EncodeRefusesJsonThatCannotBeRight) {
     const std::vector<char> fast = tool::Encode(request, o);
     EXPECT_EQ(tool::Decode(fast, 0).fastVersion, 2);
     EXPECT_EQ(Content(fast)["sections"], Content(golden::Wire("req_1002_2008"))["sections"]);
-}
-
-// What the id determines may be left out: the layout, the record size and
-// the count give the same message; and the streamed JSON is the document.
-TEST(Tool, EncodeDerivesLayoutSizeAndCountFromTheId) {
-    int messages = 0;
-    for (const std::string& name : golden::Names()) {
-        SCOPED_TRACE(name);
-        const tool::Decoded m = tool::Decode(golden::Wire(name), 0);
-        tool::Json j = tool::ToJson(m);
-        std::ostringstream streamed;
-        tool::WriteJson(m, streamed);
-        EXPECT_EQ(streamed.str(), j.dump(2) + "\n");
-        const std::vector<char> full = tool::Encode(j, {});
-        bool left = false;
-        for (auto& sec : j["sections"]) {
-            if (sec["layout"].is_null() || sec["size"] != catalogue_model::Get().At(sec["layout"].get<std::string>()).size) continue;
-            sec.erase("layout"), sec.erase("size"), sec.erase("count");
-            left = true;
-        }
-        if (!left) continue;
-        if (j["direction"] == "request") j["head"].erase("nRecSize"), j["head"].erase("nRecCount");
-        ++messages;
-        EXPECT_EQ(tool::Encode(j, {}), full);
-    }
-    EXPECT_GT(messages, 400);
 }
 
 // Raw messages with bytes behind their records come back byte for byte.
@@ -323,6 +312,4 @@ TEST(Tool, TextSaysOneRecordAndFlagsInHex) {
     EXPECT_NE(out.str().find(", 1 record of "), std::string::npos) << out.str();
     EXPECT_NE(out.str().find("\n  nFlags     0x11 (coded, fast:1)\n"), std::string::npos) << out.str();
     EXPECT_EQ(tool::FlagsText(0x107), "0x107 (coded, several arrays)");
-    EXPECT_EQ(tool::Plural(1, "entry", "entries") + " " + tool::Plural(2, "entry", "entries") + " " + tool::Plural(0, "byte"),
-              "1 entry 2 entries 0 bytes");
 }

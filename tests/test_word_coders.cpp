@@ -1,6 +1,6 @@
 // The word-at-a-time forms that the record engines use, held against the
-// byte-by-byte primitives and the C library on boundary and pseudo-random
-// inputs.
+// byte-by-byte primitives (and their size estimates) and the C library on
+// boundary and pseudo-random inputs.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -41,10 +41,12 @@ TEST(WordCoders, WideWritersWriteTheBytesOfThePrimitives) {
         std::memset(b, 0xEE, sizeof b);
         const std::uint32_t n = FastPutInt64(a, v);
         ASSERT_EQ(PutInt64Wide(b, v), n);
+        ASSERT_EQ(FastSizeInt64(v), n);
         EXPECT_EQ(0, std::memcmp(a, b, n));
         const auto u = static_cast<std::uint64_t>(v);
         const std::uint32_t m = FastPutUInt64(a, u);
         ASSERT_EQ(PutUInt64Wide(b, u), m);
+        ASSERT_EQ(FastSizeUInt64(u), m);
         EXPECT_EQ(0, std::memcmp(a, b, m));
     }
 }

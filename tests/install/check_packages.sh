@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the Debian packages of a build tree (cpack -G DEB), checks what each
-# holds and depends on, unpacks them all into a scratch root (dpkg -x) and
-# runs the consumer checks of check_prefix.sh on its /usr.
+# holds and depends on, unpacks them all into a scratch root (dpkg -x), checks
+# that `cmake --install` into a prefix gives the same files, and runs the
+# consumer checks of check_prefix.sh on the root's /usr.
 set -euo pipefail
 build_dir=$1
 consumer_src=$2
@@ -33,6 +34,9 @@ for line in "${expect[@]}"; do
 done
 dpkg-deb -c "$work/debs/libtrdcomp${version%%.*}_${version}"*.deb > "$work/contents"
 grep -q "usr/include" "$work/contents" && fail "the runtime package holds headers"
+cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
+files() { (cd "$1" && find . -type f | grep -v '^./share/doc/' | sort); }
+diff <(files "$work/prefix") <(files "$work/root/usr") || fail "cmake --install and the packages hold different files"
 [ "$failures" -eq 0 ] || exit 1
 
 bash "$(dirname "$0")/check_prefix.sh" "$work/root/usr" "$consumer_src"

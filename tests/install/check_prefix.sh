@@ -58,8 +58,7 @@ print(trdcomp.__file__, loaded[0], trdcomp.__version__, trdcomp.catalogue_hash()
   real_prefix=$(realpath "$prefix")
   case "$(realpath "$module")" in "$real_prefix"/*) ;; *) echo "the module came from $module"; exit 1 ;; esac
   case "$(realpath "$library")" in "$real_prefix"/*) ;; *) echo "the module loaded $library"; exit 1 ;; esac
-  [ "$hash" = "$("$prefix/bin/trdcomp" catalogue --hash)" ] || { echo "module and tool disagree on the catalogue"; exit 1; }
   [ "trdcomp $version, library $version, catalogue $hash" = "$("$prefix/bin/trdcomp" --version)" ] ||
-    { echo "module and tool disagree on the version"; exit 1; }
+    { echo "module and tool disagree on the version or the catalogue"; exit 1; }
 fi
 echo "install check passed"

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "trdcomp/TrdCompData.h"
@@ -50,6 +51,18 @@ inline std::vector<char> AnsBytes(int id, int flags, int count, int size, const 
     return b;
 }
 
+// An answer's proc: the function id, then the count and record size of each array.
+inline tagANS_Proc Proc(int id, const std::vector<std::pair<int, int>>& arrays) {
+    tagANS_Proc p{};
+    p.nFuncId = id;
+    p.nArrayCount = static_cast<int>(arrays.size());
+    for (std::size_t i = 0; i < arrays.size() && i < 5; ++i) {
+        p.nRecCount[i] = arrays[i].first;
+        p.nRecSize[i] = arrays[i].second;
+    }
+    return p;
+}
+
 // A received message in a heap block of exactly its size, so that the
 // sanitizers catch any read past its end.
 class Exact {
@@ -80,6 +93,12 @@ inline void RestoreReq(Restored& r, char* in, int inLen, char flag = 0) {
 }
 inline void RestoreAns(Restored& r, char* in, int inLen, char flag = 0) {
     r.rc = CTrdCompData::RestoreAns2008(in, inLen, &r.p, r.len, flag);
+}
+inline void Restore(Restored& r, char* in, int inLen, bool request, char flag = 0) {
+    if (request)
+        RestoreReq(r, in, inLen, flag);
+    else
+        RestoreAns(r, in, inLen, flag);
 }
 
 }  // namespace testmsg
