@@ -107,14 +107,14 @@ TRDCOMP_FORCE_INLINE int RestoreRequestFrame(const P& p, char* in, int inLen, ch
         return Refuse(Reason::count_past_message);
     // Into the caller's memory, a count that disagrees is refused before a
     // byte is written (a classic restore hands back the zeroed buffer).
-    if (decode && IntoCallerBlock(out) && !p.CountAgrees(in + h.headLen, h.count))
-        return Refuse(Reason::stream_count_differs);
+    const bool into = IntoCallerBlock(out);
+    if (decode && into && !p.CountAgrees(in + h.headLen, h.count)) return Refuse(Reason::stream_count_differs);
     char* slots = OpenRestoredRequest(in, h, L.size, out, outLen, P::template Tail<L>());
     if (slots == nullptr) return 0;
     if (!h.coded) {
         CopyRawRecords(in, inLen, h.recordSize, L.size, records, slots);
     } else if (decode) {
-        if (!p.CountAgrees(in + h.headLen, h.count)) return Refuse(Reason::stream_count_differs);
+        if (!into && !p.CountAgrees(in + h.headLen, h.count)) return Refuse(Reason::stream_count_differs);
         std::int64_t cursor = h.headLen + P::kCountBytes;
         const std::int64_t decoded = p.template DecodeRun<L>(in, inLen, cursor, records, slots);
         if (Call().strict) {
@@ -151,7 +151,8 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(const P& p, char* in, int inLen, cha
     if (records > p.RecordRoom(inLen, headLen, cursor)) return Refuse(Reason::count_past_message);
     if (total > INT_MAX) return Refuse(Reason::size_not_representable);
     if (negative && Call().modern) return Refuse(Reason::negative_count);
-    if (k == 1 && p.Decodes() && IntoCallerBlock(out) && !p.CountAgrees(in + headLen, counts[0]))
+    const bool into = IntoCallerBlock(out);
+    if (k == 1 && p.Decodes() && into && !p.CountAgrees(in + headLen, counts[0]))
         return Refuse(Reason::stream_count_differs);
 
     // Bytes a decoder may write behind the last record, in the caller's memory.
@@ -164,7 +165,7 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(const P& p, char* in, int inLen, cha
         });
     char* buf = OpenBlock(out, outLen, total, kAnsSpare, kAnsHeadLen, tail, records);
     if (buf == nullptr) {
-        if (P::kZeroLengthOnFailure && !IntoCallerBlock(out)) outLen = 0;  // a caller's block keeps the size it needs
+        if (P::kZeroLengthOnFailure && !into) outLen = 0;  // a caller's block keeps the size it needs
         return 0;
     }
     std::memcpy(buf, in, kAnsHeadLen);
@@ -178,7 +179,7 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(const P& p, char* in, int inLen, cha
         slots += 8 * k + 4;
     }
     if (p.Decodes()) {
-        if (k == 1 && !p.CountAgrees(in + headLen, counts[0])) return Refuse(Reason::stream_count_differs);
+        if (k == 1 && !into && !p.CountAgrees(in + headLen, counts[0])) return Refuse(Reason::stream_count_differs);
         std::int64_t decoded = 0;
         for (int j = 0; j < k; ++j) {
             Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {

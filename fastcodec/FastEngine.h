@@ -410,7 +410,9 @@ inline std::int64_t DecodeRun(const BoundedSource& in, std::int64_t& cursor, std
     const char* prev = nullptr;
     std::int64_t i = 0;
     for (; i < count && cursor < in.size; ++i) {
-        const std::int64_t len = static_cast<std::int64_t>(in[cursor]) | static_cast<std::int64_t>(in[cursor + 1]) << 8;
+        const std::int64_t len = cursor + 2 <= in.size ? static_cast<std::int64_t>(d::LoadU16(in.p + cursor))
+                                                       : static_cast<std::int64_t>(in[cursor]) |
+                                                             static_cast<std::int64_t>(in[cursor + 1]) << 8;
         char* rec = slots + i * L.size;
         DecodeRecord<L, true>(in, cursor + 2, len, rec, prev);
         prev = rec;

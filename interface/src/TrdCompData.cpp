@@ -150,7 +150,8 @@ bool RequestRoutable(const char* in, int inLen) {
 
 // Routes a request whose block comes from *out (see OpenBlock): a fresh
 // allocation when *out is null, else the caller's memory of outLen bytes.
-int RestoreRequestRouted(char* in, int inLen, char** out, int& outLen, char flag) {
+// Inlined into its two callers: the restore's own call is the codec's.
+[[gnu::always_inline]] inline int RestoreRequestRouted(char* in, int inLen, char** out, int& outLen, char flag) {
     const std::int32_t flags = LoadI32(in + kWordFlags);
     const int version = FastVersion(flags);
     const auto& routes = trdcomp::detail::FindReqRoutes(LoadI32(in + kWordFuncId));
@@ -285,7 +286,7 @@ bool AnswerRoutable(const char* in, int inLen) {
 }
 
 // Routes an answer whose block comes from *out, as RestoreRequestRouted.
-int RestoreAnswerRouted(char* in, int inLen, char** out, int& outLen, char flag) {
+[[gnu::always_inline]] inline int RestoreAnswerRouted(char* in, int inLen, char** out, int& outLen, char flag) {
     const std::int32_t headLen = LoadI32(in + kWordHeadLen);
     const std::int32_t flags = LoadI32(in + kWordFlags);
     const int version = FastVersion(flags);
@@ -384,8 +385,11 @@ Reason LeaveCall(std::uint64_t* needed) noexcept {
     return c.reason;
 }
 
-int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen, char flag,
-                     std::size_t* len) noexcept {
+namespace {
+
+// RestoreIntoBlock's body, inlined into it and into RestoreIntoScoped.
+[[gnu::always_inline]] inline int RestoreIntoCallerBlock(bool request, char* dst, std::size_t capacity, const char* in,
+                                                         std::size_t inLen, char flag, std::size_t* len) noexcept {
     *len = 0;
     if (dst == nullptr) return Refuse(Reason::null_argument);
     if (inLen > static_cast<std::size_t>(INT_MAX)) return Refuse(Reason::length_too_large);
@@ -408,10 +412,17 @@ int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, const char* 
     return 0;
 }
 
+}  // namespace
+
+int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen, char flag,
+                     std::size_t* len) noexcept {
+    return RestoreIntoCallerBlock(request, dst, capacity, in, inLen, flag, len);
+}
+
 int RestoreIntoScoped(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
                       const RestoreOptions& options, std::size_t* len, Reason* why, std::uint64_t* needed) noexcept {
     EnterCall(options.strict, Limit(options.maxBytes), Limit(options.maxRecords));
-    const int rc = RestoreIntoBlock(request, dst, capacity, in, inLen, options.flag, len);
+    const int rc = RestoreIntoCallerBlock(request, dst, capacity, in, inLen, options.flag, len);
     *why = LeaveCall(needed);
     return rc;
 }
