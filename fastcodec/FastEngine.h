@@ -370,8 +370,8 @@ inline bool AsciiRepresentable(const char* rec) {
 // scratch. Records of at most kExactInPlaceMax bytes also have the exact
 // encoder: a classic call codes its last record with it straight into the
 // caller's buffer. Encoding into scratch and reading it back right away
-// waits for the encoder's overlapping stores, which for a one-record request
-// cost as much as the rest of its pack.
+// waits for the encoder's overlapping stores: about a quarter of the pack of
+// a one-record request.
 template <const auto& L>
 struct RecordCoder {
     static constexpr int kLengthBytes = 2;

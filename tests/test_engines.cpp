@@ -504,6 +504,7 @@ TEST(FastEncoder, ExactFormWritesTheWideBytesAndNothingPastThem) {
     ExpectExactEncoderMatchesWide<kT_GAP>(4);
     ExpectExactEncoderMatchesWide<kT_LIMIT>(5);
     ExpectExactEncoderMatchesWide<kT_BLOCK>(6);
+    ExpectExactEncoderMatchesWide<kT_COUNTED>(7);
 }
 
 // A classic call codes small records in place with the exact encoder: a
