@@ -194,7 +194,11 @@ struct Sweep {
         // Not told its capacity, the packer writes no byte past the message.
         std::vector<char> exact(wire.size() + 32, '\xA5');
         std::fill_n(exact.begin(), wire.size(), '\0');
-        ASSERT_EQ(CTrdCompData::PackReq2008(exact.data(), len, &s.head, s.data.data(), static_cast<int>(s.data.size()), v.flag), 1);
+        int exactLen = -1;
+        ASSERT_EQ(CTrdCompData::PackReq2008(exact.data(), exactLen, &s.head, s.data.data(),
+                                            static_cast<int>(s.data.size()), v.flag),
+                  1);
+        ASSERT_EQ(exactLen, len);
         EXPECT_TRUE(std::equal(wire.begin(), wire.end(), exact.begin()));
         EXPECT_EQ(std::count(exact.begin() + len, exact.end(), '\xA5'), 32) << "a write past the message";
         switch (pack.kind) {
