@@ -102,14 +102,25 @@ TRDCOMP_FORCE_INLINE bool Sent(const char* cur, const char* prev) {
 }
 
 // A signed value, as whole words (kExact false: the bytes behind it are
-// scratch) or as exactly its own bytes.
-template <bool kExact>
+// scratch) or as exactly its own bytes. kBits is the width of the value's
+// type: one of at most 55 bits codes in at most 8 bytes, one word.
+template <bool kExact, int kBits = 64>
 TRDCOMP_FORCE_INLINE std::uint32_t PutSigned(byte* out, std::int64_t v) {
     if constexpr (kExact) {
         return FastPutInt64(out, v);
+    } else if constexpr (kBits <= 55) {
+        const std::uint32_t n = FastSizeInt64(v);
+        internal::PutWord(out, static_cast<std::uint64_t>(v) & 0x7FFFFFFFFFFFFFFFull, n, v < 0 ? 0x40u : 0u);
+        return n;
     } else {
         return PutInt64Wide(out, v);
     }
+}
+
+// The length of a text of at most 63 bytes: one byte, its stop bit set.
+TRDCOMP_FORCE_INLINE std::uint32_t PutShortLength(byte* out, std::uint32_t n) {
+    out[0] = static_cast<byte>(0x80u | n);
+    return 1;
 }
 
 // Writes the field's value at out and returns the bytes of the value. The
@@ -119,9 +130,9 @@ template <Field F, bool kExact = false>
 TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* cur) {
     const char* c = cur + F.offset;
     if constexpr (F.fast == FastKind::Char) {
-        return PutSigned<kExact>(out, static_cast<signed char>(*c));
+        return PutSigned<kExact, 8>(out, static_cast<signed char>(*c));
     } else if constexpr (F.fast == FastKind::Int || F.fast == FastKind::BlockLength) {
-        return PutSigned<kExact>(out, I32<F>(cur));
+        return PutSigned<kExact, 32>(out, I32<F>(cur));
     } else if constexpr (F.fast == FastKind::Int64) {
         std::int64_t v;
         std::memcpy(&v, c, 8);
@@ -134,7 +145,12 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* cur) {
         // The length, then the text: the whole field is copied when it is
         // short, only the text's bytes count.
         const std::uint32_t n = d::TextLength<F.width>(c);
-        const std::uint32_t k = PutSigned<kExact>(out, static_cast<std::int32_t>(n));
+        std::uint32_t k;
+        if constexpr (F.width <= 63) {
+            k = PutShortLength(out, n);
+        } else {
+            k = PutSigned<kExact, 32>(out, static_cast<std::int32_t>(n));
+        }
         if constexpr (kExact && F.width <= 64) {
             d::CopyAtMost<F.width>(out + k, c, n);
         } else if constexpr (F.width <= 64) {
@@ -242,28 +258,22 @@ TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t
                 // block (keeps L or max bytes); the full length is skipped.
                 // Most texts are shorter than 64 bytes: their length is one
                 // byte, read without gathering the word (the cursor waits for
-                // it).
-                std::int32_t len;
-                std::int64_t k;
+                // it). A longer length takes the bounded reader.
                 if (p[0] & 0x80u) [[likely]] {
-                    len = static_cast<std::int32_t>(p[0] & 0x3Fu) - static_cast<std::int32_t>(p[0] & 0x40u);
-                    k = 1;
-                } else {
-                    k = GetWord(p, &len);
-                }
-                if (k != 0) {
+                    const std::int32_t len =
+                        static_cast<std::int32_t>(p[0] & 0x3Fu) - static_cast<std::int32_t>(p[0] & 0x40u);
                     if (len < 1) {
                         if constexpr (F.fast == FastKind::String) c[0] = '\0';
-                        return k + len;
+                        return 1 + len;
                     }
                     constexpr std::int32_t kMaxKeep =
                         F.fast == FastKind::String ? static_cast<std::int32_t>(F.width) - 1 : F.width;
                     const std::int32_t keep = len < kMaxKeep ? len : kMaxKeep;
                     // A text at the end of the message: its kept bytes must lie inside too.
-                    if (keep <= in.size - at - k) {
-                        if (keep > 0) d::CopyShort(c, p + k, static_cast<std::size_t>(keep));
-                        if constexpr (F.fast == FastKind::String) c[keep > 0 ? keep : 0] = '\0';
-                        return k + len;
+                    if (keep <= in.size - at - 1) {
+                        d::CopyShort(c, p + 1, static_cast<std::size_t>(keep));
+                        if constexpr (F.fast == FastKind::String) c[keep] = '\0';
+                        return 1 + len;
                     }
                 }
             }

@@ -65,11 +65,21 @@ TRDCOMP_FORCE_INLINE int GetVarint(const char* in, std::uint64_t& v, int maxByte
 inline constexpr std::uint64_t kMaxLength = INT_MAX - 5;
 
 // Reads a string or block length and clamps it so that header + length fits an int.
-TRDCOMP_FORCE_INLINE int GetLength(const char* in, std::int64_t& len) {
+[[gnu::noinline]] inline int GetLongLength(const char* in, std::int64_t& len) {
     std::uint64_t raw;
     const int k = GetVarint(in, raw, 5);
     len = static_cast<std::int64_t>(raw > kMaxLength ? kMaxLength : raw);
     return k;
+}
+
+// A length below 128 is one byte; a longer one is read out of line.
+TRDCOMP_FORCE_INLINE int GetLength(const char* in, std::int64_t& len) {
+    const auto first = static_cast<u8>(in[0]);
+    if (first < 0x80u) [[likely]] {
+        len = first;
+        return 1;
+    }
+    return GetLongLength(in, len);
 }
 
 // The bytes GetVarint reads at in when they all lie inside the `left` bytes
@@ -130,7 +140,13 @@ TRDCOMP_FORCE_INLINE int CompressText(char* out, const char* text, std::size_t n
 // The same for a text read from a field of W bytes (n <= W).
 template <std::size_t W>
 TRDCOMP_FORCE_INLINE int CompressField(char* out, const char* text, std::size_t n) {
-    const int k = PutVarint(out, n);
+    int k;
+    if constexpr (W < 0x80) {
+        out[0] = static_cast<char>(n);  // n <= W: one byte
+        k = 1;
+    } else {
+        k = PutVarint(out, n);
+    }
     trdcomp::detail::CopyAtMost<W>(out + k, text, n);
     return k + static_cast<int>(n);
 }
