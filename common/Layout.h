@@ -199,6 +199,40 @@ constexpr std::size_t CodedFields(const Entry (&e)[M]) {
     return build::CodedFields(e, M);
 }
 
+// A layout's coded fields in chunks of kChunk (one Fast presence byte each).
+// A chunk that several layouts hold field for field (most requests begin
+// with the same seven fields) is coded by one out-of-line function for all
+// of them (the Fast coders and the 2008 encoder; the 2008 decoder keeps
+// every chunk in line), keyed on the chunk's fields: bit k of kSharedChunks<L> marks
+// chunk k of L as such (chunks 0 to 63). The catalogue generator sets it for
+// the chunks it finds in more than one layout; the other chunks are coded in
+// line. A shared chunk holds no counted-array entry.
+inline constexpr std::size_t kChunk = 7;
+template <const auto& L>
+inline constexpr std::uint64_t kSharedChunks = 0;
+
+template <const auto& L>
+inline constexpr std::size_t kChunks = (L.fields.size() + kChunk - 1) / kChunk;
+
+template <const auto& L, std::size_t K>
+consteval auto ChunkFields() {
+    constexpr std::size_t first = K * kChunk;
+    constexpr std::size_t n = L.fields.size() - first < kChunk ? L.fields.size() - first : kChunk;
+    std::array<Field, n> fields{};
+    for (std::size_t i = 0; i < n; ++i) fields[i] = L.fields[first + i];
+    return fields;
+}
+
+template <const auto& L, std::size_t K>
+inline constexpr bool kChunkOutOfLine = K < 64 && ((kSharedChunks<L> >> K) & 1u) != 0;
+
+template <std::size_t N>
+constexpr bool HasEntries(const std::array<Field, N>& fields) {
+    for (const Field& f : fields)
+        if (f.entry >= 0) return true;
+    return false;
+}
+
 // Widest field of a layout (bounds the padding a decoder may need).
 template <std::size_t N>
 constexpr std::uint32_t MaxLimit(const Layout<N>& l) {

@@ -65,37 +65,37 @@ inline constexpr std::size_t kExactInPlaceMax = 64;
 
 namespace internal {
 
-template <Field F>
-TRDCOMP_FORCE_INLINE std::int32_t I32(const char* rec) {
-    return d::LoadI32(rec + F.offset);
-}
+// The coders of one field are templates over what they depend on (kind K,
+// width W, first-record default D), not over the field's place in the
+// record, so that fields alike share one instantiation; the field comes in
+// as its address c in the record and its offset `off`.
 
-// Is the field sent? Against prev, or for the first record (prev null)
-// against the defaults. One instantiation serves both: the test of prev is
-// the same for every field of a record and predicted.
-template <Field F, const auto& L>
-TRDCOMP_FORCE_INLINE bool Sent(const char* cur, const char* prev) {
-    const char* c = cur + F.offset;
-    if constexpr (F.fast == FastKind::Char) {
-        return prev ? *c != prev[F.offset] : static_cast<unsigned char>(*c) != F.fastDefault;
-    } else if constexpr (F.fast == FastKind::Int) {
-        return prev ? I32<F>(cur) != I32<F>(prev) : I32<F>(cur) != F.fastDefault;
-    } else if constexpr (F.fast == FastKind::Int64) {
+// Is the field sent? Against prev (the previous record), or for the first
+// record (prev null) against the default. One instantiation serves both: the
+// test of prev is the same for every field of a record and predicted.
+// `size` is the record's.
+template <FastKind K, std::uint32_t W, std::int32_t D>
+TRDCOMP_FORCE_INLINE bool Sent(const char* c, const char* prev, std::uint32_t off, std::uint32_t size) {
+    if constexpr (K == FastKind::Char) {
+        return prev ? *c != prev[off] : static_cast<unsigned char>(*c) != D;
+    } else if constexpr (K == FastKind::Int) {
+        return prev ? d::LoadI32(c) != d::LoadI32(prev + off) : d::LoadI32(c) != D;
+    } else if constexpr (K == FastKind::Int64) {
         std::int64_t v, w = 0;
         std::memcpy(&v, c, 8);
-        if (prev) std::memcpy(&w, prev + F.offset, 8);
+        if (prev) std::memcpy(&w, prev + off, 8);
         return v != w;
-    } else if constexpr (F.fast == FastKind::Double) {
+    } else if constexpr (K == FastKind::Double) {
         double v, w = 0.0;
         std::memcpy(&v, c, 8);
-        if (prev) std::memcpy(&w, prev + F.offset, 8);
+        if (prev) std::memcpy(&w, prev + off, 8);
         return v != w;  // a NaN always counts as changed
-    } else if constexpr (F.fast == FastKind::String || F.fast == FastKind::Ascii) {
+    } else if constexpr (K == FastKind::String || K == FastKind::Ascii) {
         // strcmp semantics: a full text compares on into the bytes behind it,
         // but never past the end of the record. The first record sends its texts.
-        return !prev || d::TextDiffers<F.width>(c, prev + F.offset, L.size - F.offset);
-    } else if constexpr (F.fast == FastKind::Bytes) {
-        return prev ? d::BlockDiffers<F.width>(c, prev + F.offset) : d::AnyNonZero<F.width>(c);
+        return !prev || d::TextDiffers<W>(c, prev + off, size - off);
+    } else if constexpr (K == FastKind::Bytes) {
+        return prev ? d::BlockDiffers<W>(c, prev + off) : d::AnyNonZero<W>(c);
     } else {
         return true;  // the sized block and its length are always sent
     }
@@ -123,58 +123,57 @@ TRDCOMP_FORCE_INLINE std::uint32_t PutShortLength(byte* out, std::uint32_t n) {
     return 1;
 }
 
-// Writes the field's value at out and returns the bytes of the value. The
-// wide form may write up to MaxCoded(F) + kEncodeSlack bytes; the exact form
-// (kExact) writes only the bytes it returns.
-template <Field F, bool kExact = false>
-TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* cur) {
-    const char* c = cur + F.offset;
-    if constexpr (F.fast == FastKind::Char) {
+// Writes the value of the field at c to out and returns the bytes of the
+// value. The wide form may write up to MaxCoded(F) + kEncodeSlack bytes; the
+// exact form (kExact) writes only the bytes it returns.
+template <FastKind K, std::uint32_t W, bool kExact = false>
+TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
+    if constexpr (K == FastKind::Char) {
         return PutSigned<kExact, 8>(out, static_cast<signed char>(*c));
-    } else if constexpr (F.fast == FastKind::Int || F.fast == FastKind::BlockLength) {
-        return PutSigned<kExact, 32>(out, I32<F>(cur));
-    } else if constexpr (F.fast == FastKind::Int64) {
+    } else if constexpr (K == FastKind::Int || K == FastKind::BlockLength) {
+        return PutSigned<kExact, 32>(out, d::LoadI32(c));
+    } else if constexpr (K == FastKind::Int64) {
         std::int64_t v;
         std::memcpy(&v, c, 8);
         return PutSigned<kExact>(out, v);
-    } else if constexpr (F.fast == FastKind::Double) {
+    } else if constexpr (K == FastKind::Double) {
         double v;
         std::memcpy(&v, c, 8);
         return PutSigned<kExact>(out, d::TruncToInt64(v * 1000.0 + 0.00005));
-    } else if constexpr (F.fast == FastKind::String) {
+    } else if constexpr (K == FastKind::String) {
         // The length, then the text: the whole field is copied when it is
         // short, only the text's bytes count.
-        const std::uint32_t n = d::TextLength<F.width>(c);
+        const std::uint32_t n = d::TextLength<W>(c);
         std::uint32_t k;
-        if constexpr (F.width <= 63) {
+        if constexpr (W <= 63) {
             k = PutShortLength(out, n);
         } else {
             k = PutSigned<kExact, 32>(out, static_cast<std::int32_t>(n));
         }
-        if constexpr (kExact && F.width <= 64) {
-            d::CopyAtMost<F.width>(out + k, c, n);
-        } else if constexpr (F.width <= 64) {
-            std::memcpy(out + k, c, F.width);
+        if constexpr (kExact && W <= 64) {
+            d::CopyAtMost<W>(out + k, c, n);
+        } else if constexpr (W <= 64) {
+            std::memcpy(out + k, c, W);
         } else {
             std::memcpy(out + k, c, n);
         }
         return k + n;
-    } else if constexpr (F.fast == FastKind::Ascii) {
-        return FastPutAscii(out, c, static_cast<int>(F.width));
-    } else if constexpr (F.fast == FastKind::Bytes) {
-        return FastPutBytes(out, c, static_cast<std::int32_t>(F.width));
+    } else if constexpr (K == FastKind::Ascii) {
+        return FastPutAscii(out, c, static_cast<int>(W));
+    } else if constexpr (K == FastKind::Bytes) {
+        return FastPutBytes(out, c, static_cast<std::int32_t>(W));
     } else {
         // The block, with its length when that lies in 0..N, else N.
-        const std::int32_t len = d::LoadI32(c + F.width);
-        const std::int32_t n = len >= 0 && len <= static_cast<std::int32_t>(F.width) ? len : F.width;
+        const std::int32_t len = d::LoadI32(c + W);
+        const std::int32_t n = len >= 0 && len <= static_cast<std::int32_t>(W) ? len : W;
         return FastPutBytes(out, c, n);
     }
 }
 
 // Is the value always written, sent or not (cheap to code, no branch)?
-template <Field F>
-inline constexpr bool kAlwaysWritten = F.fast == FastKind::Char || F.fast == FastKind::Int ||
-                                       F.fast == FastKind::Int64 || F.fast == FastKind::Double;
+template <FastKind K>
+inline constexpr bool kAlwaysWritten =
+    K == FastKind::Char || K == FastKind::Int || K == FastKind::Int64 || K == FastKind::Double;
 
 // Reads a value through the bounded source into the field at c: the cold
 // path near the message's end, out of line and shared by every field of the
@@ -214,39 +213,38 @@ template <FastKind K, std::uint32_t W>
 // word for a number, or for the length of a text or block (whose kept bytes
 // are checked against the message once the length is known). The ascii kind
 // searches for its stop byte and is always checked.
-template <Field F>
+template <FastKind K>
 constexpr std::int64_t Window() {
-    return F.fast == FastKind::Ascii ? -1 : 8;
+    return K == FastKind::Ascii ? -1 : 8;
 }
 
-// Reads a field at in[at]: unchecked when its window lies inside the
-// message, else through the bounded source (same values, same count).
-template <Field F>
-TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t at, char* cur) {
-    constexpr std::int64_t kWindow = Window<F>();
+// Reads the field at c from in[at]: unchecked when its window lies inside
+// the message, else through the bounded source (same values, same count).
+template <FastKind K, std::uint32_t W>
+TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t at, char* c) {
+    constexpr std::int64_t kWindow = Window<K>();
     if constexpr (kWindow > 0) {
         if (at >= 0 && at <= in.size - kWindow) [[likely]] {
             const byte* p = in.p + at;
-            char* c = cur + F.offset;
-            if constexpr (F.fast == FastKind::Char) {
+            if constexpr (K == FastKind::Char) {
                 signed char v;
                 if (const std::int64_t k = GetWord(p, &v)) {
                     *c = static_cast<char>(v);
                     return k;
                 }
-            } else if constexpr (F.fast == FastKind::Int || F.fast == FastKind::BlockLength) {
+            } else if constexpr (K == FastKind::Int || K == FastKind::BlockLength) {
                 std::int32_t v;
                 if (const std::int64_t k = GetWord(p, &v)) {
                     d::StoreI32(c, v);
                     return k;
                 }
-            } else if constexpr (F.fast == FastKind::Int64) {
+            } else if constexpr (K == FastKind::Int64) {
                 std::int64_t v;
                 if (const std::int64_t k = GetWord(p, &v)) {
                     std::memcpy(c, &v, 8);
                     return k;
                 }
-            } else if constexpr (F.fast == FastKind::Double) {
+            } else if constexpr (K == FastKind::Double) {
                 std::int64_t v;
                 if (const std::int64_t k = GetWord(p, &v)) {
                     const double x = static_cast<double>(v) / 1000.0;
@@ -263,66 +261,129 @@ TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t
                     const std::int32_t len =
                         static_cast<std::int32_t>(p[0] & 0x3Fu) - static_cast<std::int32_t>(p[0] & 0x40u);
                     if (len < 1) {
-                        if constexpr (F.fast == FastKind::String) c[0] = '\0';
+                        if constexpr (K == FastKind::String) c[0] = '\0';
                         return 1 + len;
                     }
                     constexpr std::int32_t kMaxKeep =
-                        F.fast == FastKind::String ? static_cast<std::int32_t>(F.width) - 1 : F.width;
+                        K == FastKind::String ? static_cast<std::int32_t>(W) - 1 : W;
                     const std::int32_t keep = len < kMaxKeep ? len : kMaxKeep;
                     // A text at the end of the message: its kept bytes must lie inside too.
                     if (keep <= in.size - at - 1) {
                         d::CopyShort(c, p + 1, static_cast<std::size_t>(keep));
-                        if constexpr (F.fast == FastKind::String) c[keep] = '\0';
+                        if constexpr (K == FastKind::String) c[keep] = '\0';
                         return 1 + len;
                     }
                 }
             }
         }
     }
-    return Get<F.fast, F.width>(in, at, cur + F.offset);
+    return Get<K, W>(in, at, c);
 }
 
 // A field that was not sent: from prev as it stands, else its default.
-template <Field F>
-TRDCOMP_FORCE_INLINE void Fill(char* cur, const char* prev) {
+template <FastKind K, std::uint32_t W, std::int32_t D>
+TRDCOMP_FORCE_INLINE void Fill(char* c, const char* prev, std::uint32_t off) {
     if (prev) {
-        std::memcpy(cur + F.offset, prev + F.offset, F.width);
-    } else if constexpr (F.fast == FastKind::Char) {
-        cur[F.offset] = static_cast<char>(F.fastDefault);
-    } else if constexpr (F.fast == FastKind::Int) {
-        d::StoreI32(cur + F.offset, F.fastDefault);
+        std::memcpy(c, prev + off, W);
+    } else if constexpr (K == FastKind::Char) {
+        *c = static_cast<char>(D);
+    } else if constexpr (K == FastKind::Int) {
+        d::StoreI32(c, D);
     }
     // Everything else defaults to zero, which the cleared record holds.
 }
 
-// One field of the encoder: numbers are written whether sent or not and
-// kept by advancing the cursor, so that a change costs no branch (the exact
-// form writes only what is sent); the presence bits gather in `map`.
-template <std::size_t I, const auto& L, bool kExact>
-TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* prev, byte* out, std::uint32_t& n,
-                                               byte* map) {
-    constexpr Field F = L.fields[I];
-    const bool sent = Sent<F, L>(cur, prev);
-    if constexpr (kAlwaysWritten<F> && !kExact) {
-        const std::uint32_t k = Put<F>(out + n, cur);
+// The fields of one chunk (one presence byte `map`) decoded at in[cursor]:
+// returns the cursor behind them.
+template <auto Fs>
+TRDCOMP_FORCE_INLINE std::int64_t DecodeChunk(const BoundedSource& in, std::int64_t cursor, unsigned map, char* cur,
+                                              const char* prev) {
+    [&]<std::size_t... J>(std::index_sequence<J...>) TRDCOMP_LAMBDA_INLINE {
+        ((map & (0x40u >> J)
+              ? (void)(cursor += GetField<Fs[J].fast, Fs[J].width>(in, cursor, cur + Fs[J].offset))
+              : Fill<Fs[J].fast, Fs[J].width, Fs[J].fastDefault>(cur + Fs[J].offset, prev, Fs[J].offset)),
+         ...);
+    }(std::make_index_sequence<Fs.size()>{});
+    return cursor;
+}
+template <auto Fs>
+[[gnu::noinline]] std::int64_t DecodeSharedChunk(const BoundedSource& in, std::int64_t cursor, unsigned map, char* cur,
+                                                 const char* prev) {
+    return DecodeChunk<Fs>(in, cursor, map, cur, prev);
+}
+
+template <const auto& L, std::size_t K>
+TRDCOMP_FORCE_INLINE std::int64_t DecodeChunkOf(const BoundedSource& in, std::int64_t cursor, unsigned map, char* cur,
+                                                const char* prev) {
+    constexpr auto kFields = model::ChunkFields<L, K>();
+    if constexpr (model::kChunkOutOfLine<L, K>) {
+        return DecodeSharedChunk<kFields>(in, cursor, map, cur, prev);
+    } else {
+        return DecodeChunk<kFields>(in, cursor, map, cur, prev);
+    }
+}
+
+// One field of the encoder, the J-th of its presence byte: numbers are
+// written whether sent or not and kept by advancing the cursor, so that a
+// change costs no branch (the exact form writes only what is sent); the
+// presence bit goes into `map`.
+template <FastKind K, std::uint32_t W, std::int32_t D, std::size_t J, bool kExact>
+TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* prev, std::uint32_t off, std::uint32_t size,
+                                      byte* out, std::uint32_t& n, unsigned& map) {
+    const char* c = cur + off;
+    const bool sent = Sent<K, W, D>(c, prev, off, size);
+    if constexpr (kAlwaysWritten<K> && !kExact) {
+        const std::uint32_t k = Put<K, W>(out + n, c);
         n += sent ? k : 0u;
-        map[I / 7] |= static_cast<byte>(static_cast<unsigned>(sent) << (6 - I % 7));
+        map |= static_cast<unsigned>(sent) << (6 - J);
     } else if (sent) {
-        n += Put<F, kExact>(out + n, cur);
-        map[I / 7] |= static_cast<byte>(0x40u >> (I % 7));
+        n += Put<K, W, kExact>(out + n, c);
+        map |= 0x40u >> J;
+    }
+}
+
+// The fields of one chunk (one presence byte), coded at out + n: returns
+// the new length, the chunk's presence bits in *map.
+template <auto Fs, bool kExact>
+TRDCOMP_FORCE_INLINE std::uint32_t EncodeChunk(const char* cur, const char* prev, std::uint32_t size, byte* out,
+                                               std::uint32_t n, unsigned* map) {
+    unsigned bits = 0;
+    [&]<std::size_t... J>(std::index_sequence<J...>) TRDCOMP_LAMBDA_INLINE {
+        (EncodeField<Fs[J].fast, Fs[J].width, Fs[J].fastDefault, J, kExact>(cur, prev, Fs[J].offset, size, out, n,
+                                                                            bits),
+         ...);
+    }(std::make_index_sequence<Fs.size()>{});
+    *map = bits;
+    return n;
+}
+template <auto Fs, bool kExact>
+[[gnu::noinline]] std::uint32_t EncodeSharedChunk(const char* cur, const char* prev, std::uint32_t size, byte* out,
+                                                  std::uint32_t n, unsigned* map) {
+    return EncodeChunk<Fs, kExact>(cur, prev, size, out, n, map);
+}
+
+template <const auto& L, std::size_t K, bool kExact>
+TRDCOMP_FORCE_INLINE std::uint32_t EncodeChunkOf(const char* cur, const char* prev, byte* out, std::uint32_t n,
+                                                 unsigned* map) {
+    constexpr auto kFields = model::ChunkFields<L, K>();
+    if constexpr (model::kChunkOutOfLine<L, K>) {
+        return EncodeSharedChunk<kFields, kExact>(cur, prev, L.size, out, n, map);
+    } else {
+        return EncodeChunk<kFields, kExact>(cur, prev, L.size, out, n, map);
     }
 }
 
 template <const auto& L, bool kExact>
 TRDCOMP_FORCE_INLINE std::uint32_t EncodeFields(const char* cur, const char* prev, byte* out) {
     constexpr std::size_t P = kPresenceBytes<L>;
-    byte map[P] = {};
+    unsigned map[P] = {};
     std::uint32_t n = P;
-    [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
-        (EncodeField<I, L, kExact>(cur, prev, out, n, map), ...);
-    }(std::make_index_sequence<L.fields.size()>{});
-    map[P - 1] |= 0x80u;
-    std::memcpy(out, map, P);
+    [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
+        ((n = EncodeChunkOf<L, K, kExact>(cur, prev, out, n, &map[K])), ...);
+    }(std::make_index_sequence<P>{});
+    [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
+        ((out[K] = static_cast<byte>(map[K] | (K + 1 == P ? 0x80u : 0u))), ...);
+    }(std::make_index_sequence<P>{});
     return n;
 }
 
@@ -353,11 +414,9 @@ inline void DecodeRecord(const BoundedSource& in, std::int64_t at, std::int64_t 
     // No stop bit within the record: nothing was sent.
     if (mapLen == 0) std::memset(map, 0, sizeof map);
     std::int64_t cursor = at + mapLen;
-    [&]<std::size_t... I>(std::index_sequence<I...>) TRDCOMP_LAMBDA_INLINE {
-        ((map[I / 7] & (0x40u >> (I % 7)) ? (void)(cursor += internal::GetField<L.fields[I]>(in, cursor, cur))
-                                           : internal::Fill<L.fields[I]>(cur, prev)),
-         ...);
-    }(std::make_index_sequence<L.fields.size()>{});
+    [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
+        ((cursor = internal::DecodeChunkOf<L, K>(in, cursor, map[K], cur, prev)), ...);
+    }(std::make_index_sequence<P>{});
 }
 
 // Can every ascii field of the record travel? Its coding ends a text at the

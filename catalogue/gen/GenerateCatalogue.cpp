@@ -389,6 +389,70 @@ void WriteOffsetChecks(std::ostream& o, const std::vector<Layout>& layouts) {
     }
 }
 
+const Layout& LayoutNamed(const std::string& name);
+
+// Everything the record coders of one coded field depend on, in coding order
+// (the order model::Build gives); a counted-array entry's key is empty, as a
+// chunk holding one is never shared.
+std::vector<std::string> FieldKeys(const Layout& l) {
+    std::vector<std::string> early, late;
+    const auto key = [](const std::string& kind, int offset, int width, int limit, int def) {
+        return kind + ':' + std::to_string(offset) + ':' + std::to_string(width) + ':' + std::to_string(limit) + ':' +
+               std::to_string(def);
+    };
+    for (const Entry& e : l.entries) {
+        if (e.kind == "uncoded") continue;
+        if (e.kind == "sized") {
+            early.push_back(key("sized", e.offset, e.width, 0, 0));
+            early.push_back(key("length", e.offset + e.width, 4, 0, 0));
+        } else if (e.kind == "array") {
+            const Layout& sub = LayoutNamed(e.sub);
+            for (int k = 0; k < e.entries; ++k)
+                for (const Entry& f : sub.entries) (f.last ? late : early).push_back("");
+        } else {
+            (e.last ? late : early).push_back(key(e.kind, e.offset, e.width, e.limit, e.def));
+        }
+    }
+    early.insert(early.end(), late.begin(), late.end());
+    return early;
+}
+
+// Marks the chunks of seven coded fields that more than one layout of the
+// group holds field for field (model::kSharedChunks): the engines code each
+// of them out of line, once.
+void WriteSharedChunks(std::ostream& o, const std::vector<Layout>& layouts) {
+    constexpr std::size_t kChunk = 7;
+    std::map<std::string, int> uses;
+    std::vector<std::vector<std::string>> chunks;
+    for (const Layout& l : layouts) {
+        const std::vector<std::string> keys = FieldKeys(l);
+        std::vector<std::string> mine;
+        for (std::size_t first = 0; first < keys.size() && first / kChunk < 64; first += kChunk) {
+            std::string chunk;
+            for (std::size_t i = first; i < keys.size() && i < first + kChunk; ++i) {
+                if (keys[i].empty()) {
+                    chunk.clear();
+                    break;
+                }
+                chunk += keys[i] + ' ';
+            }
+            mine.push_back(chunk);
+            if (!chunk.empty()) ++uses[chunk];
+        }
+        chunks.push_back(mine);
+    }
+    o << "\nnamespace trdcomp::model {\n";
+    for (std::size_t j = 0; j < layouts.size(); ++j) {
+        std::uint64_t bits = 0;
+        for (std::size_t k = 0; k < chunks[j].size(); ++k)
+            if (!chunks[j][k].empty() && uses[chunks[j][k]] > 1) bits |= std::uint64_t{1} << k;
+        if (bits != 0)
+            o << "template <>\ninline constexpr std::uint64_t kSharedChunks<::k" << layouts[j].name << "> = 0x" << std::hex
+              << bits << std::dec << ";\n";
+    }
+    o << "}  // namespace trdcomp::model\n\n";
+}
+
 const char* const kHeader =
     "// Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
     "#include <algorithm>\n"
@@ -410,7 +474,8 @@ std::string CellOf(const std::string& cell, const std::string& fn) {
 }
 
 void WriteRequests(std::ostream& o, const Members& m) {
-    o << kHeader << "#include \"request_layouts.def\"\n\n";
+    o << kHeader << "#include \"request_layouts.def\"\n";
+    WriteSharedChunks(o, g_req_layouts);
     WriteOffsetChecks(o, g_req_layouts);
     for (const auto& [layout, encoder] : g_req_shared)
         o << "static_assert(::trdcomp::model::SameKinds(k" << layout << ", k" << encoder << "), \"" << layout
@@ -454,7 +519,8 @@ void WriteRequests(std::ostream& o, const Members& m) {
 }
 
 void WriteAnswers(std::ostream& o, const Members& m) {
-    o << kHeader << "#include \"answer_layouts.def\"\n\n";
+    o << kHeader << "#include \"answer_layouts.def\"\n";
+    WriteSharedChunks(o, g_ans_layouts);
     WriteOffsetChecks(o, g_ans_layouts);
     o << "\nnamespace e8 = trdcomp::codec2008;\nnamespace ef = trdcomp::fast;\n"
          "using trdcomp::detail::kUnbounded;\n\n";

@@ -65,21 +65,15 @@ TRDCOMP_FORCE_INLINE int GetVarint(const char* in, std::uint64_t& v, int maxByte
 inline constexpr std::uint64_t kMaxLength = INT_MAX - 5;
 
 // Reads a string or block length and clamps it so that header + length fits an int.
-[[gnu::noinline]] inline int GetLongLength(const char* in, std::int64_t& len) {
-    std::uint64_t raw;
-    const int k = GetVarint(in, raw, 5);
-    len = static_cast<std::int64_t>(raw > kMaxLength ? kMaxLength : raw);
-    return k;
-}
+[[gnu::noinline]] inline int GetLongLength(const char* in, std::uint64_t& raw) { return GetVarint(in, raw, 5); }
 
 // A length below 128 is one byte; a longer one is read out of line.
 TRDCOMP_FORCE_INLINE int GetLength(const char* in, std::int64_t& len) {
     const auto first = static_cast<u8>(in[0]);
-    if (first < 0x80u) [[likely]] {
-        len = first;
-        return 1;
-    }
-    return GetLongLength(in, len);
+    std::uint64_t raw = first;
+    const int k = first < 0x80u ? 1 : GetLongLength(in, raw);
+    len = static_cast<std::int64_t>(raw > kMaxLength ? kMaxLength : raw);
+    return k;
 }
 
 // The bytes GetVarint reads at in when they all lie inside the `left` bytes
