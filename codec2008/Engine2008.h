@@ -470,22 +470,23 @@ inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char
 }
 
 // Decodes up to `count` length-prefixed records from in[cursor, inLen) into
-// consecutive slots; records the message does not hold stay zero. Returns
+// consecutive slots of `size` bytes; records the message does not hold stay
+// zero. `decode(at, len, rec)` decodes one record of len bytes. maxEnd is
+// the furthest a record's decode may write (model::MaxDecodeEnd). Returns
 // the records decoded; the cursor ends behind the last one (past inLen when
 // its length passed the end, before it when a length was cut).
-template <const auto& L, class C>
-inline std::int64_t DecodeRunWith(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count,
-                                  char* slots, char flag) {
+template <class Decode>
+TRDCOMP_FORCE_INLINE std::int64_t DecodeRunOf(std::uint32_t size, std::uint32_t maxEnd, const Decode& decode,
+                                              const char* in, std::int64_t inLen, std::int64_t& cursor,
+                                              std::int64_t count, char* slots) {
     for (std::int64_t i = 0; i < count; ++i) {
         if (inLen - cursor < 4) {
             // A decode limit wider than its field may have written into this
             // slot from the record before: the records not held stay zero.
-            if constexpr (model::MaxDecodeEnd(L) > L.size) {
-                if (i > 0) {
-                    const std::int64_t end = (i - 1) * L.size + model::MaxDecodeEnd(L);
-                    const std::int64_t stop = count * L.size < end ? count * L.size : end;
-                    std::memset(slots + i * L.size, 0, static_cast<std::size_t>(stop - i * L.size));
-                }
+            if (maxEnd > size && i > 0) {
+                const std::int64_t end = (i - 1) * size + maxEnd;
+                const std::int64_t stop = count * size < end ? count * size : end;
+                std::memset(slots + i * size, 0, static_cast<std::size_t>(stop - i * size));
             }
             return i;
         }
@@ -496,11 +497,41 @@ inline std::int64_t DecodeRunWith(const char* in, std::int64_t inLen, std::int64
         // The slots come zeroed; only a layout whose decode limits write past
         // a record's end must clear the next record again, and the first slot
         // is cleared as a record of the section before may have written there.
-        if (i == 0) std::memset(slots, 0, L.size);
-        DecodeRecord<L, C, model::MaxDecodeEnd(L) == L.size>(in + cursor + 4, take, slots + i * L.size, flag);
+        if (i == 0) std::memset(slots, 0, size);
+        decode(in + cursor + 4, take, slots + i * size);
         cursor += 4 + static_cast<std::int64_t>(len);
     }
     return count > 0 ? count : 0;
+}
+
+namespace table {
+
+// The run of records for the table-driven coder: one function for every
+// layout.
+template <class C>
+[[gnu::noinline]] std::int64_t DecodeRun(const View& v, std::uint32_t maxEnd, const char* in, std::int64_t inLen,
+                                         std::int64_t& cursor, std::int64_t count, char* slots, char flag) {
+    const auto decode = [&](const char* at, std::int64_t len, char* rec) {
+        DecodeRecord<C>(v, at, len, rec, flag, maxEnd == v.size);
+    };
+    return DecodeRunOf(v.size, maxEnd, decode, in, inLen, cursor, count, slots);
+}
+
+}  // namespace table
+
+template <const auto& L, class C>
+inline std::int64_t DecodeRunWith(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count,
+                                  char* slots, char flag) {
+    constexpr std::uint32_t kMaxEnd = model::MaxDecodeEnd(L);
+    if constexpr (C::kSpecialised) {
+        const auto decode = [&](const char* at, std::int64_t len, char* rec) TRDCOMP_LAMBDA_INLINE {
+            DecodeRecord<L, C, kMaxEnd == L.size>(at, len, rec, flag);
+        };
+        return DecodeRunOf(L.size, kMaxEnd, decode, in, inLen, cursor, count, slots);
+    } else {
+        static_assert(table::Fits<L, C>(), "a field is wider than the table-driven coder's buffers");
+        return table::DecodeRun<C>(table::ViewOf<L>(), kMaxEnd, in, inLen, cursor, count, slots, flag);
+    }
 }
 
 template <const auto& L>
