@@ -202,11 +202,11 @@ constexpr std::size_t CodedFields(const Entry (&e)[M]) {
 // A layout's coded fields in chunks of kChunk (one Fast presence byte each).
 // A chunk that several layouts hold field for field (most requests begin
 // with the same seven fields) is coded by one out-of-line function for all
-// of them (the Fast coders and the 2008 encoder; the 2008 decoder keeps
-// every chunk in line), keyed on the chunk's fields: bit k of kSharedChunks<L> marks
-// chunk k of L as such (chunks 0 to 63). The catalogue generator sets it for
-// the chunks it finds in more than one layout; the other chunks are coded in
-// line. A shared chunk holds no counted-array entry.
+// of them, keyed on the chunk's fields (by the Fast coders and the 2008
+// encoder; the 2008 decoder keeps every chunk in line). Bit k of
+// kSharedChunks<L> marks chunk k of L as such (chunks 0 to 63): the catalogue
+// generator sets it for the chunks it finds in more than one layout; the
+// other chunks are coded in line. A shared chunk holds no counted-array entry.
 inline constexpr std::size_t kChunk = 7;
 template <const auto& L>
 inline constexpr std::uint64_t kSharedChunks = 0;

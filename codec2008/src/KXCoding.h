@@ -64,10 +64,11 @@ TRDCOMP_FORCE_INLINE int GetVarint(const char* in, std::uint64_t& v, int maxByte
 
 inline constexpr std::uint64_t kMaxLength = INT_MAX - 5;
 
-// Reads a string or block length and clamps it so that header + length fits an int.
+// A string or block length of two bytes or more, read out of line.
 [[gnu::noinline]] inline int GetLongLength(const char* in, std::uint64_t& raw) { return GetVarint(in, raw, 5); }
 
-// A length below 128 is one byte; a longer one is read out of line.
+// Reads a string or block length and clamps it so that header + length fits
+// an int. A length below 128 is its one byte.
 TRDCOMP_FORCE_INLINE int GetLength(const char* in, std::int64_t& len) {
     const auto first = static_cast<u8>(in[0]);
     std::uint64_t raw = first;
