@@ -441,7 +441,8 @@ void WriteSharedChunks(std::ostream& o, const std::vector<Layout>& layouts) {
         }
         chunks.push_back(mine);
     }
-    o << "\nnamespace trdcomp::model {\n";
+    o << "\nnamespace trdcomp::model {\nstatic_assert(kChunk == " << kChunk
+      << ", \"the generator's chunks are the engines'\");\n";
     for (std::size_t j = 0; j < layouts.size(); ++j) {
         std::uint64_t bits = 0;
         for (std::size_t k = 0; k < chunks[j].size(); ++k)
