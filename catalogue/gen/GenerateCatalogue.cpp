@@ -391,11 +391,17 @@ void WriteOffsetChecks(std::ostream& o, const std::vector<Layout>& layouts) {
 
 const Layout& LayoutNamed(const std::string& name);
 
-// Everything the record coders of one coded field depend on, in coding order
-// (the order model::Build gives); a counted-array entry's key is empty, as a
-// chunk holding one is never shared.
-std::vector<std::string> FieldKeys(const Layout& l) {
-    std::vector<std::string> early, late;
+// A layout's coded fields in the order the engines code them (model::Build):
+// offset order, a counted array entry by entry, a sized block as its block
+// then its length, never-coded bytes left out, late texts behind all others.
+// `key` is everything a field's coders depend on; empty for a counted-array
+// entry, as a chunk holding one is never shared.
+struct CodedField {
+    int offset;
+    std::string key;
+};
+std::vector<CodedField> CodedFields(const Layout& l) {
+    std::vector<CodedField> early, late;
     const auto key = [](const std::string& kind, int offset, int width, int limit, int def) {
         return kind + ':' + std::to_string(offset) + ':' + std::to_string(width) + ':' + std::to_string(limit) + ':' +
                std::to_string(def);
@@ -403,14 +409,15 @@ std::vector<std::string> FieldKeys(const Layout& l) {
     for (const Entry& e : l.entries) {
         if (e.kind == "uncoded") continue;
         if (e.kind == "sized") {
-            early.push_back(key("sized", e.offset, e.width, 0, 0));
-            early.push_back(key("length", e.offset + e.width, 4, 0, 0));
+            early.push_back({e.offset, key("sized", e.offset, e.width, 0, 0)});
+            early.push_back({e.offset + e.width, key("length", e.offset + e.width, 4, 0, 0)});
         } else if (e.kind == "array") {
             const Layout& sub = LayoutNamed(e.sub);
             for (int k = 0; k < e.entries; ++k)
-                for (const Entry& f : sub.entries) (f.last ? late : early).push_back("");
+                for (const Entry& f : sub.entries)
+                    (f.last ? late : early).push_back({e.offset + k * sub.size + f.offset, ""});
         } else {
-            (e.last ? late : early).push_back(key(e.kind, e.offset, e.width, e.limit, e.def));
+            (e.last ? late : early).push_back({e.offset, key(e.kind, e.offset, e.width, e.limit, e.def)});
         }
     }
     early.insert(early.end(), late.begin(), late.end());
@@ -425,16 +432,16 @@ void WriteSharedChunks(std::ostream& o, const std::vector<Layout>& layouts) {
     std::map<std::string, int> uses;
     std::vector<std::vector<std::string>> chunks;
     for (const Layout& l : layouts) {
-        const std::vector<std::string> keys = FieldKeys(l);
+        const std::vector<CodedField> fields = CodedFields(l);
         std::vector<std::string> mine;
-        for (std::size_t first = 0; first < keys.size() && first / kChunk < 64; first += kChunk) {
+        for (std::size_t first = 0; first < fields.size() && first / kChunk < 64; first += kChunk) {
             std::string chunk;
-            for (std::size_t i = first; i < keys.size() && i < first + kChunk; ++i) {
-                if (keys[i].empty()) {
+            for (std::size_t i = first; i < fields.size() && i < first + kChunk; ++i) {
+                if (fields[i].key.empty()) {
                     chunk.clear();
                     break;
                 }
-                chunk += keys[i] + ' ';
+                chunk += fields[i].key + ' ';
             }
             mine.push_back(chunk);
             if (!chunk.empty()) ++uses[chunk];
@@ -648,28 +655,10 @@ std::string CellOf(const std::string& cell) {
     return "{CellKind::" + it->second + ", 0}";
 }
 
-// The offsets of a layout's coded fields in the order the engines code them:
-// offset order, a counted array entry by entry, a sized block as its block
-// then its length, never-coded bytes left out, late texts behind all others.
+// The offsets of a layout's coded fields in the order the engines code them.
 std::vector<int> CodingOrder(const Layout& l) {
-    std::vector<std::pair<int, bool>> flat;  // offset, late
-    for (const Entry& e : l.entries) {
-        if (e.kind == "uncoded") continue;
-        if (e.kind == "sized") {
-            flat.push_back({e.offset, false});
-            flat.push_back({e.offset + e.width, false});
-        } else if (e.kind == "array") {
-            const Layout& sub = LayoutNamed(e.sub);
-            for (int k = 0; k < e.entries; ++k)
-                for (const Entry& f : sub.entries) flat.push_back({e.offset + k * sub.size + f.offset, f.last});
-        } else {
-            flat.push_back({e.offset, e.last});
-        }
-    }
     std::vector<int> order;
-    for (bool late : {false, true})
-        for (const auto& [offset, isLate] : flat)
-            if (isLate == late) order.push_back(offset);
+    for (const CodedField& f : CodedFields(l)) order.push_back(f.offset);
     return order;
 }
 
