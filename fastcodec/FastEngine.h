@@ -102,18 +102,14 @@ TRDCOMP_FORCE_INLINE bool Sent(const char* c, const char* prev, std::uint32_t of
 }
 
 // A signed value, as whole words (kExact false: the bytes behind it are
-// scratch) or as exactly its own bytes. kBits is the width of the value's
-// type: one of at most 55 bits codes in at most 8 bytes, one word.
+// scratch) or as exactly its own bytes; kBits is the width of the value's
+// type.
 template <bool kExact, int kBits = 64>
 TRDCOMP_FORCE_INLINE std::uint32_t PutSigned(byte* out, std::int64_t v) {
     if constexpr (kExact) {
         return FastPutInt64(out, v);
-    } else if constexpr (kBits <= 55) {
-        const std::uint32_t n = FastSizeInt64(v);
-        internal::PutWord(out, static_cast<std::uint64_t>(v) & 0x7FFFFFFFFFFFFFFFull, n, v < 0 ? 0x40u : 0u);
-        return n;
     } else {
-        return PutInt64Wide(out, v);
+        return PutInt64Wide<kBits>(out, v);
     }
 }
 

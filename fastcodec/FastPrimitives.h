@@ -116,10 +116,13 @@ TRDCOMP_FORCE_INLINE std::uint32_t PutUInt64Wide(byte* out, std::uint64_t v) {
     }
     return n;
 }
+// kBits: the width of the value's type; one of at most 55 bits always fits
+// the one word.
+template <int kBits = 64>
 TRDCOMP_FORCE_INLINE std::uint32_t PutInt64Wide(byte* out, std::int64_t v) {
     const std::uint32_t n = FastSizeInt64(v);
     const std::uint64_t bits = static_cast<std::uint64_t>(v) & 0x7FFFFFFFFFFFFFFFull;
-    if (n <= 8) [[likely]] {
+    if (kBits <= 55 || n <= 8) [[likely]] {
         internal::PutWord(out, bits, n, v < 0 ? 0x40u : 0u);
     } else {
         internal::PutGroups(out, bits, n);
