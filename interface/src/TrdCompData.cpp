@@ -387,7 +387,7 @@ Reason LeaveCall(std::uint64_t* needed) noexcept {
 
 namespace {
 
-// RestoreIntoBlock's body, inlined into it and into RestoreIntoScoped.
+// RestoreIntoBlock's body, inlined into it and into RestoreIntoView.
 [[gnu::always_inline]] inline int RestoreIntoCallerBlock(bool request, char* dst, std::size_t capacity, const char* in,
                                                          std::size_t inLen, char flag, std::size_t* len) noexcept {
     *len = 0;
@@ -419,12 +419,37 @@ int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, const char* 
     return RestoreIntoCallerBlock(request, dst, capacity, in, inLen, flag, len);
 }
 
-int RestoreIntoScoped(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
-                      const RestoreOptions& options, std::size_t* len, Reason* why, std::uint64_t* needed) noexcept {
+RestoredView RestoreIntoView(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
+                             const RestoreOptions& options) noexcept {
+    RestoredView v;
+    v.request_ = request;
+    if (in == nullptr || (dst == nullptr && capacity != 0)) {
+        v.why_ = Reason::null_argument;
+        v.error_ = trdcomp::Errc::null_argument;
+        return v;
+    }
+    char none = 0;  // a zero-sized block still needs an address
     EnterCall(options.strict, Limit(options.maxBytes), Limit(options.maxRecords));
-    const int rc = RestoreIntoCallerBlock(request, dst, capacity, in, inLen, options.flag, len);
-    *why = LeaveCall(needed);
-    return rc;
+    std::size_t len = 0;
+    const int rc = RestoreIntoCallerBlock(request, dst != nullptr ? dst : &none, capacity, in, inLen, options.flag, &len);
+    std::uint64_t needed = 0;
+    const Reason why = LeaveCall(&needed);
+    if (rc == 1) {
+        v.why_ = Reason::none;
+        v.error_ = trdcomp::Errc::ok;
+        v.p_ = len > 0 ? dst : nullptr;
+        v.len_ = static_cast<int>(len);
+        return v;
+    }
+    if (rc < 0) {
+        v.why_ = Reason::buffer_too_small;
+        v.needed_ = len;
+    } else {
+        v.why_ = why != Reason::none ? why : Reason::head_length_invalid;
+        if (trdcomp::ErrcOf(v.why_) == trdcomp::Errc::limit_exceeded) v.needed_ = static_cast<std::size_t>(needed);
+    }
+    v.error_ = trdcomp::ErrcOf(v.why_);
+    return v;
 }
 
 std::size_t RestoredBytes(bool request, const char* in, std::size_t inLen, char flag) noexcept {

@@ -305,11 +305,10 @@ TRDCOMP_API int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, 
                                  char flag, std::size_t* len) noexcept;
 TRDCOMP_API std::size_t RestoredBytes(bool request, const char* in, std::size_t inLen, char flag) noexcept;
 // RestoreIntoBlock inside a call scope of its own (the options' strict mode
-// and limits), in one call: *why the reason of a refusal, *needed the bytes
-// a limit refusal needed.
-TRDCOMP_API int RestoreIntoScoped(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
-                                  const RestoreOptions& options, std::size_t* len, Reason* why,
-                                  std::uint64_t* needed) noexcept;
+// and limits), made into the view RestoreInto returns in the same call: the
+// hot path of a receiver pays one call into the library.
+TRDCOMP_API RestoredView RestoreIntoView(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
+                                         const RestoreOptions& options) noexcept;
 }  // namespace detail
 
 // A restored request or answer in memory it does not own: what RestoreInto
@@ -421,7 +420,8 @@ public:
 protected:
     template <class Classic>
     friend Restored detail::Restore(span<const char>, const RestoreOptions&, bool, Classic) noexcept;
-    friend RestoredView detail::RestoreInto(span<char>, span<const char>, const RestoreOptions&, bool) noexcept;
+    friend RestoredView detail::RestoreIntoView(bool, char*, std::size_t, const char*, std::size_t,
+                                                const RestoreOptions&) noexcept;
 
     std::int32_t Word(std::size_t off) const noexcept {
         std::int32_t v = 0;
@@ -493,32 +493,7 @@ Restored Restore(span<const char> in, const RestoreOptions& options, bool reques
 }
 
 inline RestoredView RestoreInto(span<char> dst, span<const char> in, const RestoreOptions& options, bool request) noexcept {
-    RestoredView v;
-    v.request_ = request;
-    if (in.data() == nullptr || (dst.data() == nullptr && dst.size() != 0)) {
-        v.why_ = Reason::null_argument;
-        v.error_ = Errc::null_argument;
-        return v;
-    }
-    char none = 0;  // a zero-sized block still needs an address
-    char* block = dst.data() != nullptr ? dst.data() : &none;
-    std::size_t len = 0;
-    Reason why = Reason::none;
-    std::uint64_t needed = 0;
-    const int rc = RestoreIntoScoped(request, block, dst.size(), in.data(), in.size(), options, &len, &why, &needed);
-    if (rc < 0) {
-        v.why_ = Reason::buffer_too_small;
-        v.needed_ = len;
-    } else if (rc == 1) {
-        v.why_ = Reason::none;
-        v.p_ = len > 0 ? dst.data() : nullptr;
-        v.len_ = static_cast<int>(len);
-    } else {
-        v.why_ = why != Reason::none ? why : Reason::head_length_invalid;
-        if (ErrcOf(v.why_) == Errc::limit_exceeded) v.needed_ = static_cast<std::size_t>(needed);
-    }
-    v.error_ = ErrcOf(v.why_);
-    return v;
+    return RestoreIntoView(request, dst.data(), dst.size(), in.data(), in.size(), options);
 }
 
 // Head word 0 tells a request (76) from an answer (96).
