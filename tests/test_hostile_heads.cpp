@@ -1,14 +1,17 @@
-// Received heads that describe more than the message holds are refused
-// without reading outside it (the sanitizer preset runs these on exact-size
-// heap copies).
+// Received heads that describe more than the message holds are refused by
+// the classic and the modern restores, each with its reason, without reading
+// outside the message (the sanitizer preset runs these on exact-size heap
+// copies).
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <vector>
 
 #include "support/Messages.h"
+#include "trdcomp/trdcomp.hpp"
 
 using namespace testmsg;
+using R = trdcomp::Reason;
 
 namespace {
 
@@ -29,38 +32,56 @@ struct Hostile {
     std::vector<char> message;
     int headLen;  // written into word 0 (with id 1022 in word 1) of a message of 12 bytes or more
     int rc;
+    R why;  // the modern restore's reason (none: restored)
     bool request = false;
+};
+
+// A view over bytes built by hand, as a restore might hand them out.
+struct ViewOver : trdcomp::RestoredView {
+    explicit ViewOver(const std::vector<char>& bytes) {
+        p_ = const_cast<char*>(bytes.data());
+        len_ = static_cast<int>(bytes.size());
+        error_ = trdcomp::Errc::ok;
+    }
 };
 
 }  // namespace
 
+// The classic return code and the modern reason of each; a view over the
+// bytes of a refused section table has no sections and reads nothing.
 TEST(HostileInput, HeadsThatOverreachAreRefused) {
+    const int big = INT_MAX;
     const Hostile cases[] = {
-        {"records exactly fill the message", RawAnswer(0, 2, 10, {}, 20), 96, 1},
-        {"records one byte beyond", RawAnswer(0, 2, 10, {}, 19), 96, 0},
-        {"negative count", RawAnswer(0, -2, 10, {}, 20), 96, 0},
-        {"negative size", RawAnswer(0, 2, -10, {}, 20), 96, 0},
-        {"product beyond int", RawAnswer(0, INT_MAX, INT_MAX, {}, 20), 96, 0},
-        {"table exactly fits", RawAnswer(2, 0, 0, {20, 1, 4, 2, 3}, 10), 96, 1},
-        {"table longer than the message", RawAnswer(2, 0, 0, {20, 1, 4}, 0), 96, 0},
-        {"table length below 4", RawAnswer(2, 0, 0, {3}, 50), 96, 0},
-        {"table length negative", RawAnswer(2, 0, 0, {-8}, 50), 96, 0},
-        {"table records beyond the message", RawAnswer(2, 0, 0, {12, 2, 8}, 15), 96, 0},
+        {"records exactly fill the message", RawAnswer(0, 2, 10, {}, 20), 96, 1, R::none},
+        {"records one byte beyond", RawAnswer(0, 2, 10, {}, 19), 96, 0, R::records_past_end},
+        {"negative count", RawAnswer(0, -2, 10, {}, 20), 96, 0, R::negative_count},
+        {"negative size", RawAnswer(0, 2, -10, {}, 20), 96, 0, R::records_past_end},
+        {"product beyond int", RawAnswer(0, big, big, {}, 20), 96, 0, R::records_past_end},
+        {"table exactly fits", RawAnswer(2, 0, 0, {20, 1, 4, 2, 3}, 10), 96, 1, R::none},
+        {"table longer than the message", RawAnswer(2, 0, 0, {20, 1, 4}, 0), 96, 0, R::section_table_invalid},
+        {"table length below 4", RawAnswer(2, 0, 0, {3}, 50), 96, 0, R::section_table_invalid},
+        {"table length negative", RawAnswer(2, 0, 0, {-8}, 50), 96, 0, R::section_table_invalid},
+        {"table records beyond the message", RawAnswer(2, 0, 0, {12, 2, 8}, 15), 96, 0, R::section_entry_invalid},
         // No entry may be negative: a negative one cannot offset a positive one.
-        {"table with a negative product", RawAnswer(2, 0, 0, {20, 1, 8, -1, 4}, 8), 96, 0},
-        {"table whose sum is negative", RawAnswer(2, 0, 0, {20, 1, 4, -1, 8}, 8), 96, 0},
-        {"table products summing past int", RawAnswer(2, 0, 0, {20, INT_MAX, 2, INT_MAX, 2}, 8), 96, 0},
-        {"head length word negative", RawAnswer(0, 1, 4, {}, 4), -1, 0},
-        {"head length word shorter than the head", RawAnswer(0, 0, 0, {}, 0), 40, 1},
-        {"table right at the end of a short head length", RawAnswer(2, 0, 0, {}, 0), 94, 0},
-        {"message shorter than an answer head", std::vector<char>(60, 0), 60, 0},
-        {"answer of 1 byte", Short(1), 1, 0},
-        {"answer of 4 bytes", Short(4), 4, 0},
-        {"answer of 11 bytes", Short(11), 11, 0},
-        {"request of 1 byte", Short(1), 1, 0, true},
-        {"request of 4 bytes", Short(4), 4, 0, true},
-        {"request of 11 bytes", Short(11), 11, 0, true},
-        {"raw request of 12 bytes is copied", Short(12), 12, 1, true},
+        {"table with a negative count", RawAnswer(2, 0, 0, {20, -1, 8, 1, 8}, 16), 96, 0, R::section_entry_invalid},
+        {"table with a negative size", RawAnswer(2, 0, 0, {20, 1, -8, 1, 8}, 16), 96, 0, R::section_entry_invalid},
+        {"table whose sum is negative", RawAnswer(2, 0, 0, {20, 1, 4, -1, 8}, 8), 96, 0, R::section_entry_invalid},
+        {"table of huge entries that cancel out", RawAnswer(2, 0, 0, {20, big, big, -big, big}, 16), 96, 0,
+         R::section_entry_invalid},
+        {"table products summing past int", RawAnswer(2, 0, 0, {20, big, 2, big, 2}, 8), 96, 0, R::section_entry_invalid},
+        {"table products summing past 2^63", RawAnswer(2, 0, 0, {28, big, big, big, big, big, big}, 16), 96, 0,
+         R::section_entry_invalid},
+        {"head length word negative", RawAnswer(0, 1, 4, {}, 4), -1, 0, R::head_length_invalid},
+        {"head length word shorter than the head", RawAnswer(0, 0, 0, {}, 0), 40, 1, R::none},
+        {"table right at the end of a short head length", RawAnswer(2, 0, 0, {}, 0), 94, 0, R::section_table_invalid},
+        {"message shorter than an answer head", std::vector<char>(60, 0), 60, 0, R::head_too_short},
+        {"answer of 1 byte", Short(1), 1, 0, R::head_too_short},
+        {"answer of 4 bytes", Short(4), 4, 0, R::head_too_short},
+        {"answer of 11 bytes", Short(11), 11, 0, R::head_too_short},
+        {"request of 1 byte", Short(1), 1, 0, R::head_too_short, true},
+        {"request of 4 bytes", Short(4), 4, 0, R::head_too_short, true},
+        {"request of 11 bytes", Short(11), 11, 0, R::head_too_short, true},
+        {"raw request of 12 bytes is copied", Short(12), 12, 1, R::none, true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -77,6 +98,21 @@ TEST(HostileInput, HeadsThatOverreachAreRefused) {
             EXPECT_EQ(r.p, nullptr);
         } else if (c.request) {
             EXPECT_EQ(r.bytes(), m);
+        }
+        const trdcomp::span<const char> bytes(in.data(), in.size());
+        const trdcomp::Restored modern = c.request ? trdcomp::RestoreRequest(bytes) : trdcomp::RestoreAnswer(bytes);
+        EXPECT_EQ(modern.Why(), c.why) << trdcomp::Message(modern.Why());
+        if (c.request || c.headLen != 96 || !(Word(m.data(), 8) & TRDCOMP_FLAG_SECTIONS)) continue;
+        const int entries = c.rc == 1 ? (Word(m.data(), 96) - 4) / 8 : 0;
+        EXPECT_EQ(modern.Sections(), entries);
+        if (entries > 1) {
+            const int first = Word(m.data(), 100) * Word(m.data(), 104);
+            EXPECT_EQ(modern.GetSection(1).data - modern.Data(), 96 + Word(m.data(), 96) + first);
+        }
+        const ViewOver view(m);
+        EXPECT_EQ(view.Sections(), entries);
+        if (entries == 0) {
+            EXPECT_EQ(view.GetSection(1).data, nullptr);
         }
     }
 }
