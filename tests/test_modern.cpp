@@ -1,14 +1,13 @@
 // The modern interface over the classic members beyond the catalogue sweep:
 // size bounds of raw and head-only ids and of heads that promise more than
 // they carry, restored messages that own and release their buffers, and the
-// reason every refusal gives.
+// reasons of pack refusals.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -20,8 +19,6 @@
 using catalogue_model::Coding;
 
 namespace {
-
-trdcomp::Coding ModernCoding(Coding c) { return c == Coding::kFast ? trdcomp::Coding::Fast(2) : trdcomp::Coding::C2008(); }
 
 std::vector<char> ClassicRequest(tagREQ_HEAD head, const std::vector<char>& data, trdcomp::Coding c) {
     head.nFlags = (head.nFlags & ~TRDCOMP_FLAG_FAST_MASK) | c.fastVersion << TRDCOMP_FLAG_FAST_SHIFT;
@@ -86,43 +83,6 @@ TEST(ModernInterface, RestoredMessagesGiveTypedRecordsAndReleaseOnce) {
               trdcomp::Errc::null_argument);
 }
 
-TEST(ModernInterface, ANegativeRecordCountIsRefusedInBothCodings) {
-    // The classic restores differ (the 2008 one gives outLen 76 + count * size,
-    // below the head's 76 bytes, and writes the head into its spare bytes; the
-    // Fast one refuses the stream's count of 65535); the modern ones refuse the
-    // head itself in both.
-    tagREQ_1002 order = {};
-    tagREQ_HEAD head = testmsg::ReqHead(1002, 0, -1, sizeof order);
-    for (trdcomp::Coding c : {trdcomp::Coding::C2008(), trdcomp::Coding::Fast()}) {
-        std::vector<char> wire(1024);
-        const trdcomp::PackResult packed =
-            trdcomp::PackRequest(wire, head, trdcomp::span<const char>(reinterpret_cast<const char*>(&order), sizeof order), c);
-        ASSERT_TRUE(packed);
-        testmsg::Restored classic;
-        testmsg::RestoreReq(classic, wire.data(), static_cast<int>(packed.size));
-        EXPECT_EQ(classic.rc, c.IsFast() ? 0 : 1);
-        if (!c.IsFast()) {
-            EXPECT_EQ(classic.len, 76 - static_cast<int>(sizeof order));
-        }
-        EXPECT_EQ(trdcomp::RestoredSize({wire.data(), packed.size}), 0u);
-        std::vector<char> block(1024, '\x5a');
-        EXPECT_EQ(trdcomp::RestoreInto(block, {wire.data(), packed.size}).Why(), trdcomp::Reason::negative_count);
-        EXPECT_EQ(std::count(block.begin(), block.end(), '\x5a'), 1024) << "a refused restore wrote into the block";
-        const trdcomp::Restored r = trdcomp::RestoreRequest({wire.data(), packed.size});
-        EXPECT_EQ(r.Error(), trdcomp::Errc::refused);
-        EXPECT_EQ(r.Why(), trdcomp::Reason::negative_count);
-        EXPECT_EQ(r.Size(), 0u);
-        EXPECT_TRUE(r.Records<tagREQ_1002>().empty());
-    }
-    // An answer's head count alike.
-    const auto samples = catalogue_model::SampleAnswers(1003, Coding::k2008);
-    for (trdcomp::Coding c : {trdcomp::Coding::C2008(), trdcomp::Coding::Fast()}) {
-        std::vector<char> wire = ClassicAnswer(samples.at(0), c);
-        testmsg::SetWord(wire.data(), 88, -2);
-        EXPECT_EQ(trdcomp::RestoreAnswer({wire.data(), wire.size()}).Why(), trdcomp::Reason::negative_count);
-    }
-}
-
 namespace {
 
 std::vector<char> Repeat(std::size_t records, std::size_t size) {
@@ -179,20 +139,6 @@ TEST(ModernInterface, PackRefusalsSayWhy) {
     EXPECT_TRUE(trdcomp::PackAnswer(all, proc1019, {trdcomp::Array(big.data(), 65535, 16)}, trdcomp::Coding::Fast()));
 }
 
-TEST(ModernInterface, NeededIsExactBelowTheHeadSizeToo) {
-    for (Coding coding : {Coding::k2008, Coding::kFast}) {
-        const auto sample = catalogue_model::SampleAnswers(1003, coding).at(0);
-        const trdcomp::Coding c = ModernCoding(coding);
-        const std::size_t exact = ClassicAnswer(sample, c).size();
-        for (std::size_t size : {std::size_t{0}, std::size_t{50}, std::size_t{95}, exact - 1}) {
-            std::vector<char> out(size + 1);
-            const trdcomp::PackResult r = ModernAnswer(trdcomp::span<char>(out.data(), size), sample, c);
-            EXPECT_EQ(r.error, trdcomp::Errc::buffer_too_small) << size;
-            EXPECT_EQ(r.needed, exact) << size;
-        }
-    }
-}
-
 TEST(ModernInterface, SizeBoundsHoldWhereTheHeadPromisesMore) {
     // A head count far beyond the data: the packer stops at the data's end,
     // and so does the bound (a 274-byte request, not a gigabyte).
@@ -235,17 +181,4 @@ TEST(ModernInterface, TheOneStringAnswerEncoderCodesAnyStride) {
             for (int i = 0; i < 3; ++i) EXPECT_STREQ(back[static_cast<std::size_t>(i)].f0, texts[i]);
         }
     }
-}
-
-TEST(ModernInterface, EveryReasonHasItsOwnTextAndClass) {
-    std::set<std::string> texts;
-    const auto last = static_cast<int>(trdcomp::Reason::no_such_section);
-    for (int i = 0; i <= last; ++i) {
-        const auto r = static_cast<trdcomp::Reason>(i);
-        EXPECT_TRUE(texts.insert(trdcomp::Message(r)).second) << "two reasons share the text " << trdcomp::Message(r);
-        EXPECT_EQ(trdcomp::ErrcOf(r) == trdcomp::Errc::ok, r == trdcomp::Reason::none) << i;
-    }
-    EXPECT_STREQ(trdcomp::Message(static_cast<trdcomp::Reason>(last + 1)), "unknown reason");
-    EXPECT_EQ(trdcomp::ErrcOf(trdcomp::Reason::bytes_over_limit), trdcomp::Errc::limit_exceeded);
-    EXPECT_EQ(trdcomp::ErrcOf(trdcomp::Reason::records_over_limit), trdcomp::Errc::limit_exceeded);
 }

@@ -2,7 +2,6 @@
 
 TRDCOMP_GOLDEN_DIR  the golden corpus (NAME.wire, NAME.restored)
 TRDCOMP_TOOL        the trdcomp tool of the same build
-TRDCOMP_GENERATED   the generator's output directory (trdcomp/TrdCompRecords.h)
 TRDCOMP_GENERATOR   trdcomp_catalogue_gen of the same build
 TRDCOMP_SOURCE_DIR  the source tree (catalogue/ and its generator)
 CXX                 the C++ compiler of the build
@@ -23,7 +22,6 @@ def _path(name):
 GOLDEN = _path("TRDCOMP_GOLDEN_DIR")
 WIRES = sorted(GOLDEN.glob("*.wire"))
 TOOL = _path("TRDCOMP_TOOL")
-GENERATED = _path("TRDCOMP_GENERATED")
 GENERATOR = _path("TRDCOMP_GENERATOR")
 SOURCE_DIR = _path("TRDCOMP_SOURCE_DIR")
 
@@ -31,6 +29,3 @@ SOURCE_DIR = _path("TRDCOMP_SOURCE_DIR")
 def golden(name):
     return (GOLDEN / name).read_bytes()
 
-
-def word(data, offset):
-    return int.from_bytes(data[offset:offset + 4], "little", signed=True)

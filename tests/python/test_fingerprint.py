@@ -32,11 +32,6 @@ def test_tool_library_and_module_agree():
     assert run(GENERATOR, "--hash", stdin=canonical).strip() == h
 
 
-def test_version_is_the_projects():
-    project = (SOURCE_DIR / "CMakeLists.txt").read_text()
-    assert f"project(trdcomp VERSION {trdcomp.__version__} " in project
-
-
 def canonical_of(tmp_path, name, old, new):
     """The canonical text of the catalogue with `old` replaced by `new` in
     the file `name`, from the generator compiled over the edited copy."""
