@@ -1,7 +1,9 @@
 // The call scope of the modern interface on this thread: the caller's limits
-// and strict mode, and the reason of the last refusal. The engines and
-// dispatchers read it once per message (never per field or record); outside
-// a scope it holds the classic members' behaviour: no limits, not strict.
+// and strict mode, and the reason of the last refusal. A call of the modern
+// interface points tCall at its context for the length of the call; the
+// engines and dispatchers read it once per message (never per field or
+// record). Outside a scope tCall is null and the classic members behave as
+// they always did: no limits, not strict, no reasons recorded.
 #pragma once
 
 #include <cstdint>
@@ -21,22 +23,31 @@ namespace trdcomp::detail {
 
 struct CallContext {
     bool strict = false;
-    bool modern = false;  // inside a call of the modern interface
+    Reason reason = Reason::none;
     std::uint64_t maxBytes = UINT64_MAX;
     std::uint64_t maxRecords = UINT64_MAX;
     std::uint64_t needed = 0;  // with a limit refusal: the bytes the restore needs
-    Reason reason = Reason::none;
 };
 
 // Exported: engine code instantiated outside the library (tests, tools)
 // shares the library's scope.
-extern TRDCOMP_API constinit thread_local CallContext tCall TRDCOMP_TLS_FAST;
+extern TRDCOMP_API constinit thread_local CallContext* tCall TRDCOMP_TLS_FAST;
 
-inline CallContext& Call() noexcept { return tCall; }
+// Inside a call of the modern interface?
+inline bool Modern() noexcept { return tCall != nullptr; }
+inline bool Strict() noexcept {
+    const CallContext* c = tCall;
+    return c != nullptr && c->strict;
+}
+// The reason the call stopped for (none outside a scope).
+inline Reason Why() noexcept {
+    const CallContext* c = tCall;
+    return c != nullptr ? c->reason : Reason::none;
+}
 
 // Records why the call stops and returns the refusal code 0.
 inline int Refuse(Reason r) noexcept {
-    tCall.reason = r;
+    if (CallContext* c = tCall) c->reason = r;
     return 0;
 }
 
@@ -44,15 +55,16 @@ inline int Refuse(Reason r) noexcept {
 // the records it will fill, `needed` the bytes it needs. False (the reason
 // recorded) when one is exceeded.
 inline bool WithinLimits(std::int64_t records, std::int64_t needed) noexcept {
-    CallContext& c = tCall;
-    if (static_cast<std::uint64_t>(needed) > c.maxBytes) {
-        c.reason = Reason::bytes_over_limit;
-        c.needed = static_cast<std::uint64_t>(needed);
+    CallContext* c = tCall;
+    if (c == nullptr) return true;
+    if (static_cast<std::uint64_t>(needed) > c->maxBytes) {
+        c->reason = Reason::bytes_over_limit;
+        c->needed = static_cast<std::uint64_t>(needed);
         return false;
     }
-    if (static_cast<std::uint64_t>(records) > c.maxRecords) {
-        c.reason = Reason::records_over_limit;
-        c.needed = static_cast<std::uint64_t>(needed);
+    if (static_cast<std::uint64_t>(records) > c->maxRecords) {
+        c->reason = Reason::records_over_limit;
+        c->needed = static_cast<std::uint64_t>(needed);
         return false;
     }
     return true;

@@ -193,7 +193,7 @@ inline bool ReadRequestHead(const char* in, int inLen, RequestHead& h) {
     h.recordSize = LoadI32(in + kReqOffSize);
     h.coded = (flags & TRDCOMP_FLAG_CODED) != 0;
     if (h.headLen < 0 || h.headLen > inLen) return Refuse(Reason::head_length_invalid);
-    if (h.count < 0 && tCall.modern) return Refuse(Reason::negative_count);
+    if (h.count < 0 && Modern()) return Refuse(Reason::negative_count);
     return true;
 }
 

@@ -49,10 +49,10 @@ namespace trdcomp::detail {
 // at the first record that does not lie inside the array. False when the
 // capacity ran out.
 template <class P>
-inline bool EncodeRecords(const P& p, std::uint32_t size, char* out, std::int64_t& pos, std::int64_t cap,
+TRDCOMP_FORCE_INLINE bool EncodeRecords(const P& p, std::uint32_t size, char* out, std::int64_t& pos, std::int64_t cap,
                           const char* data, std::int64_t extent, std::int64_t count, std::int32_t stride) {
     const std::int64_t records = RecordsInside(data, extent, count, stride, size);
-    if (Call().strict) {
+    if (Strict()) {
         for (std::int64_t i = 0; i < records; ++i)
             if (!p.Representable(data + i * stride)) return Refuse(Reason::value_not_representable);
     }
@@ -117,7 +117,7 @@ TRDCOMP_FORCE_INLINE int RestoreRequestFrame(const P& p, char* in, int inLen, ch
         if (!into && !p.CountAgrees(in + h.headLen, h.count)) return Refuse(Reason::stream_count_differs);
         std::int64_t cursor = h.headLen + P::kCountBytes;
         const std::int64_t decoded = p.template DecodeRun<L>(in, inLen, cursor, records, slots);
-        if (Call().strict) {
+        if (Strict()) {
             if (const Reason why = StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return Refuse(why);
         }
     }
@@ -150,7 +150,7 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(const P& p, char* in, int inLen, cha
     }
     if (records > p.RecordRoom(inLen, headLen, cursor)) return Refuse(Reason::count_past_message);
     if (total > INT_MAX) return Refuse(Reason::size_not_representable);
-    if (negative && Call().modern) return Refuse(Reason::negative_count);
+    if (negative && Modern()) return Refuse(Reason::negative_count);
     const bool into = IntoCallerBlock(out);
     if (k == 1 && p.Decodes() && into && !p.CountAgrees(in + headLen, counts[0]))
         return Refuse(Reason::stream_count_differs);
@@ -188,7 +188,7 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(const P& p, char* in, int inLen, cha
                 return true;
             });
         }
-        if (Call().strict) {
+        if (Strict()) {
             if (const Reason why = StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return Refuse(why);
         }
     }

@@ -171,7 +171,7 @@ bool RequestRoutable(const char* in, int inLen) {
     }
     // Raw path: coded records of an id this side cannot decode are refused.
     if (flags & TRDCOMP_FLAG_CODED) return Refuse(Reason::unknown_function_id);
-    if (inLen >= kReqWordCount + 4 && LoadI32(in + kReqWordCount) < 0 && trdcomp::detail::Call().modern)
+    if (inLen >= kReqWordCount + 4 && LoadI32(in + kReqWordCount) < 0 && trdcomp::detail::Modern())
         return Refuse(Reason::negative_count);
     const std::int32_t count = inLen >= kReqWordCount + 4 ? LoadI32(in + kReqWordCount) : 0;
     char* buf = OpenBlock(out, outLen, inLen, kRawSpare, inLen, 0, count > 0 ? count : 0);
@@ -179,9 +179,8 @@ bool RequestRoutable(const char* in, int inLen) {
     // (*out is then null and outLen is inLen): callers depend on it. A limit
     // of the caller's refuses before that.
     if (buf == nullptr) {
-        if (trdcomp::detail::Call().reason == Reason::bytes_over_limit ||
-            trdcomp::detail::Call().reason == Reason::records_over_limit)
-            return 0;
+        const Reason why = trdcomp::detail::Why();
+        if (why == Reason::bytes_over_limit || why == Reason::records_over_limit) return 0;
         return IntoCallerBlock(out) ? 0 : 1;
     }
     std::memcpy(buf, in, static_cast<std::size_t>(inLen));
@@ -337,14 +336,14 @@ bool AnswerRoutable(const char* in, int inLen) {
         const std::int64_t count = LoadI32(in + kAnsWordCount);
         const std::int64_t size = LoadI32(in + kAnsWordSize);
         bytes = count * size;
-        if (count < 0 && trdcomp::detail::Call().modern) return Refuse(Reason::negative_count);
+        if (count < 0 && trdcomp::detail::Modern()) return Refuse(Reason::negative_count);
         if (bytes < 0 || bytes > room - tableLen) return Refuse(Reason::records_past_end);
         records = count > 0 ? count : 0;
     }
     const std::int64_t dataLen = bytes;
     const std::int64_t total = kAnsHead + tableLen + dataLen;
     if (total > INT32_MAX) return Refuse(Reason::size_not_representable);
-    if (dataLen < room - tableLen && trdcomp::detail::Call().strict) return Refuse(Reason::trailing_bytes);
+    if (dataLen < room - tableLen && trdcomp::detail::Strict()) return Refuse(Reason::trailing_bytes);
 
     char* buf = OpenBlock(out, outLen, total, kRawSpare, total, 0, records);
     if (buf == nullptr) return 0;
@@ -366,31 +365,32 @@ int CTrdCompData::RestoreAns2008(char* in, int inLen, char** out, int& outLen, c
 
 namespace trdcomp::detail {
 
-TRDCOMP_API constinit thread_local CallContext tCall;
+TRDCOMP_API constinit thread_local CallContext* tCall = nullptr;
+
+namespace {
+// The context of the scope EnterCall opens (the modern calls of the header).
+constinit thread_local CallContext tScope;
+}  // namespace
 
 void EnterCall(bool strict, std::uint64_t maxBytes, std::uint64_t maxRecords) noexcept {
-    CallContext& c = tCall;
-    c.strict = strict;
-    c.modern = true;
-    c.maxBytes = maxBytes;
-    c.maxRecords = maxRecords;
-    c.needed = 0;
-    c.reason = Reason::none;
+    CallContext& c = tScope;
+    c = CallContext{strict, Reason::none, maxBytes, maxRecords, 0};
+    tCall = &c;
 }
 
 Reason LeaveCall(std::uint64_t* needed) noexcept {
-    const CallContext c = tCall;
-    tCall = CallContext{};
-    if (needed != nullptr) *needed = c.needed;
-    return c.reason;
+    tCall = nullptr;
+    if (needed != nullptr) *needed = tScope.needed;
+    return tScope.reason;
 }
 
 namespace {
 
-// RestoreIntoBlock's body, inlined into it and into RestoreIntoView.
+// Restores `in` into dst[0, capacity): 1 done (*len: the restored length), 0
+// refused, -1 dst too small (*len: the bytes needed). Inlined into
+// RestoreIntoBlock and RestoreIntoView.
 [[gnu::always_inline]] inline int RestoreIntoCallerBlock(bool request, char* dst, std::size_t capacity, const char* in,
                                                          std::size_t inLen, char flag, std::size_t* len) noexcept {
-    *len = 0;
     if (dst == nullptr) return Refuse(Reason::null_argument);
     if (inLen > static_cast<std::size_t>(INT_MAX)) return Refuse(Reason::length_too_large);
     char* msg = const_cast<char*>(in);
@@ -400,56 +400,33 @@ namespace {
     const int room = capacity > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(capacity);
     int outLen = room;
     const int rc = request ? RestoreRequestRouted(msg, n, &block, outLen, flag) : RestoreAnswerRouted(msg, n, &block, outLen, flag);
-    if (rc == 1) {
-        *len = outLen > 0 ? static_cast<std::size_t>(outLen) : 0;
-        return 1;
-    }
     // A refusal leaves outLen within the capacity; a block too small, above.
-    if (outLen > room) {
-        *len = static_cast<std::size_t>(outLen);
-        return -1;
-    }
-    return 0;
+    *len = outLen > 0 ? static_cast<std::size_t>(outLen) : 0;
+    return rc == 1 ? 1 : outLen > room ? -1 : 0;
 }
 
 }  // namespace
 
 int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen, char flag,
                      std::size_t* len) noexcept {
+    *len = 0;
     return RestoreIntoCallerBlock(request, dst, capacity, in, inLen, flag, len);
 }
 
 RestoredView RestoreIntoView(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
                              const RestoreOptions& options) noexcept {
-    RestoredView v;
-    v.request_ = request;
-    if (in == nullptr || (dst == nullptr && capacity != 0)) {
-        v.why_ = Reason::null_argument;
-        v.error_ = trdcomp::Errc::null_argument;
-        return v;
-    }
+    if (in == nullptr || (dst == nullptr && capacity != 0)) return RestoredView(request, Reason::null_argument);
     char none = 0;  // a zero-sized block still needs an address
-    EnterCall(options.strict, Limit(options.maxBytes), Limit(options.maxRecords));
+    CallContext scope{options.strict, Reason::none, Limit(options.maxBytes), Limit(options.maxRecords), 0};
+    tCall = &scope;
     std::size_t len = 0;
     const int rc = RestoreIntoCallerBlock(request, dst != nullptr ? dst : &none, capacity, in, inLen, options.flag, &len);
-    std::uint64_t needed = 0;
-    const Reason why = LeaveCall(&needed);
-    if (rc == 1) {
-        v.why_ = Reason::none;
-        v.error_ = trdcomp::Errc::ok;
-        v.p_ = len > 0 ? dst : nullptr;
-        v.len_ = static_cast<int>(len);
-        return v;
-    }
-    if (rc < 0) {
-        v.why_ = Reason::buffer_too_small;
-        v.needed_ = len;
-    } else {
-        v.why_ = why != Reason::none ? why : Reason::head_length_invalid;
-        if (trdcomp::ErrcOf(v.why_) == trdcomp::Errc::limit_exceeded) v.needed_ = static_cast<std::size_t>(needed);
-    }
-    v.error_ = trdcomp::ErrcOf(v.why_);
-    return v;
+    tCall = nullptr;
+    if (rc == 1) return RestoredView(request, len > 0 ? dst : nullptr, static_cast<int>(len));
+    if (rc < 0) return RestoredView(request, Reason::buffer_too_small, len);
+    // A refusal of the dispatcher's own checks records no reason.
+    const Reason r = scope.reason != Reason::none ? scope.reason : Reason::head_length_invalid;
+    return RestoredView(request, r, trdcomp::ErrcOf(r) == trdcomp::Errc::limit_exceeded ? static_cast<std::size_t>(scope.needed) : 0);
 }
 
 std::size_t RestoredBytes(bool request, const char* in, std::size_t inLen, char flag) noexcept {

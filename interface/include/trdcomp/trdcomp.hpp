@@ -418,6 +418,12 @@ public:
     }
 
 protected:
+    // A restore's result: its bytes, or why it was refused (and the bytes it needed).
+    RestoredView(bool request, char* p, int len) noexcept
+        : p_(p), len_(len), request_(request), error_(Errc::ok), why_(Reason::none) {}
+    RestoredView(bool request, Reason why, std::size_t needed = 0) noexcept
+        : request_(request), error_(ErrcOf(why)), why_(why), needed_(needed) {}
+
     template <class Classic>
     friend Restored detail::Restore(span<const char>, const RestoreOptions&, bool, Classic) noexcept;
     friend RestoredView detail::RestoreIntoView(bool, char*, std::size_t, const char*, std::size_t,
