@@ -228,6 +228,8 @@ TEST(Tool, EncodeRefusesJsonThatCannotBeRight) {
          "differ from section 1's count and size (3, 83)"},
         {"fewer records than counted by none", edit(answer, [](tool::Json& j) { j["sections"][0]["count"] = -1; }), {},
          "count is -1 but it lists 3 records"},
+        {"an answer's head record size negative", edit(answer, [](tool::Json& j) { j.erase("sections"), j["head"]["nRecSize"] = -28; }),
+         {}, "head: the record size is negative (-28)"},
         {"an answer's head count without records",
          edit(answer, [](tool::Json& j) { j.erase("sections"), j["head"]["nRecCount"] = 5; }), {}, "lists no records"},
         {"raw records without a size", edit(RawAnswer(), [](tool::Json& j) { j["sections"][0].erase("size"); }), {},

@@ -578,6 +578,8 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     if (sections.empty()) {
         proc.nRecCount[0] = IntOf<std::int32_t>(head, "nRecCount", 0, "head");
         proc.nRecSize[0] = IntOf<std::int32_t>(head, "nRecSize", 0, "head");
+        if (proc.nRecSize[0] < 0)
+            throw std::runtime_error("head: the record size is negative (" + std::to_string(proc.nRecSize[0]) + ")");
         if (proc.nRecCount[0] > 0 && !headAlone)
             throw std::runtime_error("the head's nRecCount is " + std::to_string(proc.nRecCount[0]) + " but the JSON lists no records");
     }
