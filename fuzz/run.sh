@@ -23,6 +23,11 @@ for f in tests/golden/corpus/*.wire; do
   for o in 0 1; do { printf "\\x0$o\\x$(printf %02x "$d")"; cat "$f"; } > "$work/modern/$o-$name"; done
 done
 cp fuzz/json/*.json "$work/json/"
+# The coders: values around the byte-count boundaries, records of every test layout.
+mkdir -p "$work/coders"
+for i in $(seq 0 20); do
+  printf "\\x$(printf %02x $((i * 12 % 256)))\\xff\\x7f\\x00\\x80\\x01abcdefgh\\x00ijk" > "$work/coders/seed$i"
+done
 
 export ASAN_OPTIONS=allocator_may_return_null=1:detect_leaks=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
@@ -49,11 +54,14 @@ run fuzz_modern modern -dict=fuzz/heads.dict & a=$!
 run fuzz_modern_foreign foreign -dict=fuzz/heads.dict & b=$!
 wait $a || status=1
 wait $b || status=1
-# The tool's JSON reader, seeded with documents `trdcomp decode --json` printed.
+# The coders beside the tool's JSON reader (seeded with documents
+# `trdcomp decode --json` printed).
+run fuzz_coders coders & a=$!
 if [ -x "$build/fuzz/fuzz_tool_json" ]; then
   run fuzz_tool_json json -dict=fuzz/json.dict || status=1
 else
   echo "fuzz_tool_json: not built (no nlohmann-json), skipped"
 fi
+wait $a || status=1
 if [ $status -ne 0 ]; then echo "fuzzing found a problem: see $findings/"; else echo "fuzzing: no findings"; fi
 exit $status

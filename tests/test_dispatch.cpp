@@ -237,29 +237,21 @@ TEST(PackAns, OutSizeIsAnUnsignedCapacity) {
 }
 
 TEST(PackAns, HeadIsBuiltFromTheProc) {
-    tagANS_Proc proc = Proc(1022, {{3, 20}});
-    std::memcpy(proc.szShort, "AB\0\0", 4);
-    std::memcpy(proc.szLong, "LONG TEXT", 10);
-    const auto packed = PackAns(proc, {Seq(60)}, 0, 4096, '\xEE');
-    ASSERT_EQ(packed.outLen, 156);
-    const char* p = packed.bytes.data();
-    EXPECT_EQ(Word(p, 0), 96);
-    EXPECT_EQ(Word(p, 4), 1022);
-    EXPECT_EQ(Word(p, 8), 0);
-    EXPECT_EQ(std::string(p + 12, 8), std::string(8, '\xEE'));  // bytes 12..19 are not written
-    EXPECT_EQ(std::string(p + 20, 4), std::string("AB\0\0", 4));
-    EXPECT_EQ(std::string(p + 24, 10), std::string("LONG TEXT\0", 10));
-    EXPECT_EQ(std::string(p + 34, 54), std::string(54, '\0'));
-    EXPECT_EQ(Word(p, 88), 3);
-    EXPECT_EQ(Word(p, 92), 20);
-    EXPECT_EQ(std::string(p + 96, 60), std::string(Seq(60).data(), 60));
-
-    // Texts that fill their fields are cut without a terminator.
-    std::memcpy(proc.szShort, "WXYZ", 4);
-    std::memset(proc.szLong, 'L', 64);
-    const auto full = PackAns(proc, {Seq(60)});
-    EXPECT_EQ(std::string(full.bytes.data() + 20, 4), "WXYZ");
-    EXPECT_EQ(std::string(full.bytes.data() + 24, 64), std::string(64, 'L'));
+    // Texts shorter than their fields are padded with zeros; texts that fill
+    // them are cut without a terminator; bytes 12..19 are not written.
+    for (const auto& [shortText, longText] : {std::pair<std::string, std::string>{"AB", "LONG TEXT"}, {"WXYZ", std::string(64, 'L')}}) {
+        SCOPED_TRACE(shortText);
+        tagANS_Proc proc = Proc(1022, {{3, 20}});
+        std::memcpy(proc.szShort, shortText.data(), shortText.size());
+        std::memcpy(proc.szLong, longText.data(), longText.size());
+        std::vector<char> expected = AnsBytes(1022, 0, 3, 20);
+        std::memset(expected.data() + 12, '\xEE', 8);
+        std::memcpy(expected.data() + 20, shortText.data(), shortText.size());
+        std::memcpy(expected.data() + 24, longText.data(), longText.size());
+        const std::vector<char> records = Seq(60);
+        expected.insert(expected.end(), records.begin(), records.end());
+        EXPECT_EQ(PackAns(proc, {records}, 0, 4096, '\xEE').bytes, expected);
+    }
 }
 
 TEST(PackAns, FlagBitsForSectionsAndFastVersion) {

@@ -1,12 +1,11 @@
 // Both record engines over test layouts written in the catalogue's notation:
 // one table of framings (bytes on the wire and records restored), the
-// classic packers inside the caller's buffers, counts beyond the message
-// refused before anything is allocated, and the exact Fast encoder against
-// the wide one. (Damaged messages of every layout: the catalogue sweep and
-// the fuzz job.)
+// classic packers inside the caller's buffers, and counts beyond the message
+// refused before anything is allocated. (Damaged messages of every layout:
+// the catalogue sweep and the fuzz job; the exact Fast encoder against the
+// wide one: fuzz_coders.)
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <optional>
@@ -361,47 +360,4 @@ TEST(HostileEngines, CountsBeyondTheMessageAreRefusedBeforeAllocating) {
         EXPECT_EQ(r.p, nullptr);
         EXPECT_EQ(alloc_hook::LastNothrowSize(), 0u);
     }
-}
-
-// ---- the exact Fast encoder ----
-
-namespace {
-
-// Random records whose fields take every coded size: each byte is zero half
-// the time, so values run from one byte to ten and texts from empty to full;
-// the previous record differs from it in a few bytes only.
-template <const auto& L>
-void ExpectExactEncoderMatchesWide(std::uint32_t seed) {
-    namespace f = trdcomp::fast;
-    constexpr std::size_t kMax = f::MaxRecord<L>();
-    static_assert(f::RecordCoder<L>::kExactInPlace, "a layout small enough for the exact encoder");
-    std::uint32_t state = seed;
-    const auto next = [&state] { return state = state * 1103515245u + 12345u; };
-    for (int trial = 0; trial < 3000; ++trial) {
-        Chars cur(L.size), prev;
-        for (char& c : cur) c = (next() >> 16) % 2 ? static_cast<char>(next() >> 20) : 0;
-        prev = cur;
-        for (int k = 0; k < 3; ++k) prev[(next() >> 8) % L.size] ^= static_cast<char>(1 + (next() >> 24) % 255);
-        for (const char* before : {static_cast<const char*>(nullptr), static_cast<const char*>(prev.data())}) {
-            Bytes wide(kMax + f::kEncodeSlack, 0), exact(kMax + 8, 0xA5);
-            const std::uint32_t n = f::EncodeRecord<L>(cur.data(), before, wide.data());
-            const std::uint32_t m = f::EncodeRecord<L, true>(cur.data(), before, exact.data());
-            ASSERT_EQ(m, n) << "trial " << trial;
-            ASSERT_TRUE(std::equal(exact.begin(), exact.begin() + m, wide.begin())) << "trial " << trial;
-            ASSERT_TRUE(std::all_of(exact.begin() + m, exact.end(), [](unsigned char b) { return b == 0xA5; }))
-                << "trial " << trial << ": a write past the record's " << m << " bytes";
-        }
-    }
-}
-
-}  // namespace
-
-TEST(FastEncoder, ExactFormWritesTheWideBytesAndNothingPastThem) {
-    ExpectExactEncoderMatchesWide<kT_SEVEN>(1);
-    ExpectExactEncoderMatchesWide<kT_EIGHT>(2);
-    ExpectExactEncoderMatchesWide<kT_LATE>(3);
-    ExpectExactEncoderMatchesWide<kT_GAP>(4);
-    ExpectExactEncoderMatchesWide<kT_LIMIT>(5);
-    ExpectExactEncoderMatchesWide<kT_BLOCK>(6);
-    ExpectExactEncoderMatchesWide<kT_COUNTED>(7);
 }

@@ -1,12 +1,18 @@
-// Received heads that describe more than the message holds are refused by
-// the classic and the modern restores, each with its reason, without reading
-// outside the message (the sanitizer preset runs these on exact-size heap
-// copies).
+// Received messages that describe more than they hold, or what this side
+// cannot restore, are refused by the classic and the modern restores, each
+// with its reason, without reading outside the message (the sanitizer preset
+// runs these on exact-size heap copies) and without writing into a caller's
+// block. The classic restores keep a few quirks: any request head length,
+// and a negative count, which the 2008 request restore takes as 76 + count *
+// size bytes (below its own head).
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstring>
+#include <optional>
 #include <vector>
 
+#include "support/Golden.h"
 #include "support/Messages.h"
 #include "trdcomp/trdcomp.hpp"
 
@@ -15,9 +21,11 @@ using R = trdcomp::Reason;
 
 namespace {
 
-// A raw answer of id 1022: head, optional table, `body` record bytes.
-std::vector<char> RawAnswer(int flags, int count, int size, std::vector<std::int32_t> table, int body) {
-    return AnsBytes(1022, flags, count, size, table, static_cast<std::size_t>(body));
+// A raw answer of id 1022: head (word 0 `headLen`), optional table, `body` record bytes.
+std::vector<char> Raw(int flags, int count, int size, std::vector<std::int32_t> table, int body, int headLen = 96) {
+    std::vector<char> m = AnsBytes(1022, flags, count, size, table, static_cast<std::size_t>(body));
+    SetWord(m.data(), 0, headLen);
+    return m;
 }
 
 // Too short for any head; word 0 says its length.
@@ -27,13 +35,21 @@ std::vector<char> Short(int n) {
     return m;
 }
 
+// A golden message, the first `keep` bytes of it (0: all), a word of `width` bytes set.
+std::vector<char> Edited(const char* name, int offset, int value, int width = 4, std::size_t keep = 0) {
+    std::vector<char> m = golden::Wire(name);
+    if (keep) m.resize(keep);
+    if (offset >= 0) std::memcpy(m.data() + offset, &value, static_cast<std::size_t>(width));
+    return m;
+}
+
 struct Hostile {
     const char* what;
     std::vector<char> message;
-    int headLen;  // written into word 0 (with id 1022 in word 1) of a message of 12 bytes or more
-    int rc;
-    R why;  // the modern restore's reason (none: restored)
+    int rc;  // the classic restore's
+    R why;   // the modern restores' reason (none: restored)
     bool request = false;
+    std::optional<int> classicLen = {};  // a refused classic restore's outLen when it hands a buffer out all the same
 };
 
 // A view over bytes built by hand, as a restore might hand them out.
@@ -47,62 +63,89 @@ struct ViewOver : trdcomp::RestoredView {
 
 }  // namespace
 
-// The classic return code and the modern reason of each; a view over the
-// bytes of a refused section table has no sections and reads nothing.
-TEST(HostileInput, HeadsThatOverreachAreRefused) {
+// The classic return code and the modern reason of each; RestoreInto tells
+// the direction by head word 0 first, refuses without writing and otherwise
+// gives the owning restore's bytes. A view over the bytes of a refused
+// section table has no sections and reads nothing.
+TEST(HostileInput, EveryRestoreRefusesWithItsReason) {
     const int big = INT_MAX;
     const Hostile cases[] = {
-        {"records exactly fill the message", RawAnswer(0, 2, 10, {}, 20), 96, 1, R::none},
-        {"records one byte beyond", RawAnswer(0, 2, 10, {}, 19), 96, 0, R::records_past_end},
-        {"negative count", RawAnswer(0, -2, 10, {}, 20), 96, 0, R::negative_count},
-        {"negative size", RawAnswer(0, 2, -10, {}, 20), 96, 0, R::records_past_end},
-        {"product beyond int", RawAnswer(0, big, big, {}, 20), 96, 0, R::records_past_end},
-        {"table exactly fits", RawAnswer(2, 0, 0, {20, 1, 4, 2, 3}, 10), 96, 1, R::none},
-        {"table longer than the message", RawAnswer(2, 0, 0, {20, 1, 4}, 0), 96, 0, R::section_table_invalid},
-        {"table length below 4", RawAnswer(2, 0, 0, {3}, 50), 96, 0, R::section_table_invalid},
-        {"table length negative", RawAnswer(2, 0, 0, {-8}, 50), 96, 0, R::section_table_invalid},
-        {"table records beyond the message", RawAnswer(2, 0, 0, {12, 2, 8}, 15), 96, 0, R::section_entry_invalid},
+        {"records exactly fill the message", Raw(0, 2, 10, {}, 20), 1, R::none},
+        {"records one byte beyond", Raw(0, 2, 10, {}, 19), 0, R::records_past_end},
+        {"negative count", Raw(0, -2, 10, {}, 20), 0, R::negative_count},
+        {"negative size", Raw(0, 2, -10, {}, 20), 0, R::records_past_end},
+        {"product beyond int", Raw(0, big, big, {}, 20), 0, R::records_past_end},
+        {"table exactly fits", Raw(2, 0, 0, {20, 1, 4, 2, 3}, 10), 1, R::none},
+        {"table longer than the message", Raw(2, 0, 0, {20, 1, 4}, 0), 0, R::section_table_invalid},
+        {"table length below 4", Raw(2, 0, 0, {3}, 50), 0, R::section_table_invalid},
+        {"table length negative", Raw(2, 0, 0, {-8}, 50), 0, R::section_table_invalid},
+        {"table records beyond the message", Raw(2, 0, 0, {12, 2, 8}, 15), 0, R::section_entry_invalid},
         // No entry may be negative: a negative one cannot offset a positive one.
-        {"table with a negative count", RawAnswer(2, 0, 0, {20, -1, 8, 1, 8}, 16), 96, 0, R::section_entry_invalid},
-        {"table with a negative size", RawAnswer(2, 0, 0, {20, 1, -8, 1, 8}, 16), 96, 0, R::section_entry_invalid},
-        {"table whose sum is negative", RawAnswer(2, 0, 0, {20, 1, 4, -1, 8}, 8), 96, 0, R::section_entry_invalid},
-        {"table of huge entries that cancel out", RawAnswer(2, 0, 0, {20, big, big, -big, big}, 16), 96, 0,
-         R::section_entry_invalid},
-        {"table products summing past int", RawAnswer(2, 0, 0, {20, big, 2, big, 2}, 8), 96, 0, R::section_entry_invalid},
-        {"table products summing past 2^63", RawAnswer(2, 0, 0, {28, big, big, big, big, big, big}, 16), 96, 0,
-         R::section_entry_invalid},
-        {"head length word negative", RawAnswer(0, 1, 4, {}, 4), -1, 0, R::head_length_invalid},
-        {"head length word shorter than the head", RawAnswer(0, 0, 0, {}, 0), 40, 1, R::none},
-        {"table right at the end of a short head length", RawAnswer(2, 0, 0, {}, 0), 94, 0, R::section_table_invalid},
-        {"message shorter than an answer head", std::vector<char>(60, 0), 60, 0, R::head_too_short},
-        {"answer of 1 byte", Short(1), 1, 0, R::head_too_short},
-        {"answer of 4 bytes", Short(4), 4, 0, R::head_too_short},
-        {"answer of 11 bytes", Short(11), 11, 0, R::head_too_short},
-        {"request of 1 byte", Short(1), 1, 0, R::head_too_short, true},
-        {"request of 4 bytes", Short(4), 4, 0, R::head_too_short, true},
-        {"request of 11 bytes", Short(11), 11, 0, R::head_too_short, true},
-        {"raw request of 12 bytes is copied", Short(12), 12, 1, R::none, true},
+        {"table with a negative count", Raw(2, 0, 0, {20, -1, 8, 1, 8}, 16), 0, R::section_entry_invalid},
+        {"table with a negative size", Raw(2, 0, 0, {20, 1, -8, 1, 8}, 16), 0, R::section_entry_invalid},
+        {"table whose sum is negative", Raw(2, 0, 0, {20, 1, 4, -1, 8}, 8), 0, R::section_entry_invalid},
+        {"table of huge entries that cancel out", Raw(2, 0, 0, {20, big, big, -big, big}, 16), 0, R::section_entry_invalid},
+        {"table products summing past int", Raw(2, 0, 0, {20, big, 2, big, 2}, 8), 0, R::section_entry_invalid},
+        {"table products summing past 2^63", Raw(2, 0, 0, {28, big, big, big, big, big, big}, 16), 0, R::section_entry_invalid},
+        {"head length word negative", Raw(0, 1, 4, {}, 4, -1), 0, R::head_length_invalid},
+        {"head length word shorter than the head", Raw(0, 0, 0, {}, 0, 40), 1, R::none},
+        {"table right at the end of a short head length", Raw(2, 0, 0, {}, 0, 94), 0, R::section_table_invalid},
+        {"message shorter than an answer head", Short(60), 0, R::head_too_short},
+        {"answer of 1 byte", Short(1), 0, R::head_too_short},
+        {"answer of 4 bytes", Short(4), 0, R::head_too_short},
+        {"answer of 11 bytes", Short(11), 0, R::head_too_short},
+        {"request of 1 byte", Short(1), 0, R::head_too_short, true},
+        {"request of 4 bytes", Short(4), 0, R::head_too_short, true},
+        {"request of 11 bytes", Short(11), 0, R::head_too_short, true},
+        {"raw request of 12 bytes is copied", Short(12), 1, R::none, true},
+        {"answer cut inside its records", Edited("ans_1110_2008", -1, 0, 4, 100), 0, R::count_past_message},
+        {"Fast stream count other than the head's", Edited("req_1002_fast", 76, 2, 2), 0, R::stream_count_differs, true,
+         76 + 3 * 83},
+        {"Fast answer count other than the head's", Edited("ans_1003_fast", 96, 7, 2), 0, R::stream_count_differs, false,
+         96 + 3 * 69},
+        {"request count beyond the bytes", Edited("req_1002_2008", 68, 1 << 20), 0, R::count_past_message, true},
+        {"head length beyond the message", Edited("ans_1002_2008", 0, 1 << 20), 0, R::head_too_short},
+        {"request head word 0 neither 76 nor 96", Edited("req_1002_2008", 0, 55), 1, R::none, true},
+        {"coded records of an id without a codec", Edited("req_1002_2008", 4, 777), 0, R::unknown_function_id, true},
+        {"request head with several arrays", Edited("req_1002_2008", 8, 3), 0, R::several_arrays_request, true},
+        {"answer shorter than its head", Edited("ans_1110_2008", -1, 0, 4, 90), 0, R::head_too_short},
+        {"2008 section table shorter than its entries", Edited("ans_1002_2008", 96, 12), 0, R::section_table_invalid},
+        {"2008 request with a negative count", Edited("req_1002_2008", 68, -1), 1, R::negative_count, true, 76 - 83},
+        {"Fast request with a negative count", Edited("req_1002_fast", 68, -1), 0, R::negative_count, true, 76 - 83},
+        {"2008 answer with a negative count", Edited("ans_1003_2008", 88, -2), 1, R::negative_count},
+        {"Fast answer with a negative count", Edited("ans_1003_fast", 88, -2), 0, R::negative_count, false, 96},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        std::vector<char> m = c.message;
-        if (m.size() >= 12) {
-            SetWord(m.data(), 0, c.headLen);
-            SetWord(m.data(), 4, 1022);
-        }
+        const std::vector<char>& m = c.message;
         Exact in(m);
         Restored r;
         Restore(r, in.data(), in.size(), c.request);
         EXPECT_EQ(r.rc, c.rc);
-        if (c.rc == 0) {
+        if (c.classicLen) {
+            EXPECT_NE(r.p, nullptr);
+            EXPECT_EQ(r.len, *c.classicLen);
+        } else if (c.rc == 0) {
             EXPECT_EQ(r.p, nullptr);
-        } else if (c.request) {
-            EXPECT_EQ(r.bytes(), m);
         }
         const trdcomp::span<const char> bytes(in.data(), in.size());
         const trdcomp::Restored modern = c.request ? trdcomp::RestoreRequest(bytes) : trdcomp::RestoreAnswer(bytes);
         EXPECT_EQ(modern.Why(), c.why) << trdcomp::Message(modern.Why());
-        if (c.request || c.headLen != 96 || !(Word(m.data(), 8) & TRDCOMP_FLAG_SECTIONS)) continue;
+
+        const std::int32_t word0 = m.size() >= 4 ? Word(m.data(), 0) : 0;
+        const R intoWhy = word0 == 76 || word0 == 96 ? c.why : R::head_length_invalid;
+        std::vector<char> block(1 << 16, 0x5A);
+        const trdcomp::RestoredView v = trdcomp::RestoreInto(block, bytes);
+        EXPECT_EQ(v.Why(), intoWhy) << trdcomp::Message(v.Why());
+        if (intoWhy == R::none) {
+            EXPECT_EQ(std::vector<char>(v.Data(), v.Data() + v.Size()), std::vector<char>(modern.Data(), modern.Data() + modern.Size()));
+        } else {
+            EXPECT_EQ(trdcomp::RestoredSize(bytes), 0u);
+            EXPECT_EQ(block, std::vector<char>(1 << 16, 0x5A)) << "a refused restore wrote";
+        }
+
+        if (c.request || word0 != 96 || m.size() < 100 || !(Word(m.data(), 8) & TRDCOMP_FLAG_SECTIONS) || (Word(m.data(), 8) & 1))
+            continue;
         const int entries = c.rc == 1 ? (Word(m.data(), 96) - 4) / 8 : 0;
         EXPECT_EQ(modern.Sections(), entries);
         if (entries > 1) {
@@ -119,13 +162,12 @@ TEST(HostileInput, HeadsThatOverreachAreRefused) {
 
 TEST(HostileInput, RawAnswerRestoresWhatTheTableDescribes) {
     // A head length of 40 moves the table and records behind offset 40, as sent.
-    auto m = RawAnswer(2, 0, 0, {}, 0);
+    auto m = Raw(2, 0, 0, {}, 0, 40);
     m.resize(40);
     const std::int32_t table[] = {12, 2, 3};
     m.insert(m.end(), reinterpret_cast<const char*>(table), reinterpret_cast<const char*>(table) + 12);
     m.insert(m.end(), {'1', '2', '3', '4', '5', '6'});
     m.resize(96, 'p');  // the head copy needs 96 readable bytes
-    SetWord(m.data(), 0, 40);
     Exact in(m);
     Restored r;
     RestoreAns(r, in.data(), in.size());

@@ -1,11 +1,9 @@
 // Restoring into the caller's memory and finding message boundaries where
-// the catalogue sweep does not reach: refusals that write nothing (negative
-// counts among them), the caller's limits, strict mode, and what the bytes
-// alone cannot tell.
+// the catalogue sweep does not reach: the caller's limits, strict mode, and
+// what the bytes alone cannot tell (refusals: test_hostile_heads.cpp).
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,65 +17,6 @@ namespace {
 trdcomp::span<const char> Span(const std::vector<char>& v) { return {v.data(), v.size()}; }
 
 }  // namespace
-
-// The classic restores refuse these too (rc 0), but for the few quirks
-// they keep: any request head length, and a negative count, which the 2008
-// request restore takes as 76 + count * size bytes (below its own head).
-TEST(RestoreInto, RefusesWhatTheClassicRestoreRefusesWithoutWriting) {
-    struct Case {
-        const char* what;
-        const char* golden;
-        std::size_t keep;   // bytes of the message kept (0: all)
-        int offset, value;  // a 32-bit word set (offset < 0: none)
-        bool u16;           // the word is 16 bits
-        trdcomp::Reason why;
-        int classicRc = 0;
-        std::optional<int> classicLen = {};  // a buffer handed out all the same, of this outLen
-    };
-    using R = trdcomp::Reason;
-    const Case cases[] = {
-        {"answer cut inside its records", "ans_1110_2008", 100, -1, 0, false, R::count_past_message},
-        {"Fast stream count other than the head's", "req_1002_fast", 0, 76, 2, true, R::stream_count_differs, 0, 76 + 3 * 83},
-        {"Fast answer count other than the head's", "ans_1003_fast", 0, 96, 7, true, R::stream_count_differs},
-        {"request count beyond the bytes", "req_1002_2008", 0, 68, 1 << 20, false, R::count_past_message},
-        {"head length beyond the message", "ans_1002_2008", 0, 0, 1 << 20, false, R::head_too_short},
-        {"head word 0 neither 76 nor 96", "req_1002_2008", 0, 0, 55, false, R::head_length_invalid, 1},
-        {"coded records of an id without a codec", "req_1002_2008", 0, 4, 777, false, R::unknown_function_id},
-        {"request head with several arrays", "req_1002_2008", 0, 8, 3, false, R::several_arrays_request},
-        {"answer shorter than its head", "ans_1110_2008", 90, -1, 0, false, R::head_too_short},
-        {"2008 section table shorter than its entries", "ans_1002_2008", 0, 96, 12, false, R::section_table_invalid},
-        {"2008 request with a negative count", "req_1002_2008", 0, 68, -1, false, R::negative_count, 1, 76 - 83},
-        {"Fast request with a negative count", "req_1002_fast", 0, 68, -1, false, R::negative_count},
-        {"2008 answer with a negative count", "ans_1003_2008", 0, 88, -2, false, R::negative_count, 1},
-        {"Fast answer with a negative count", "ans_1003_fast", 0, 88, -2, false, R::negative_count},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        std::vector<char> wire = golden::Wire(c.golden);
-        if (c.keep) wire.resize(c.keep);
-        if (c.offset >= 0) std::memcpy(wire.data() + c.offset, &c.value, c.u16 ? 2 : 4);
-        const bool request = c.golden[0] == 'r';
-        testmsg::Restored classic;
-        testmsg::Restore(classic, wire.data(), static_cast<int>(wire.size()), request);
-        EXPECT_EQ(classic.rc, c.classicRc);
-        if (c.classicLen) {
-            EXPECT_NE(classic.p, nullptr);
-            EXPECT_EQ(classic.len, *c.classicLen);
-        }
-        EXPECT_EQ(trdcomp::RestoredSize(Span(wire)), 0u);
-        std::vector<char> block(1 << 16, 0x5A);
-        const trdcomp::RestoredView v = trdcomp::RestoreInto(block, Span(wire));
-        EXPECT_EQ(v.Error(), trdcomp::Errc::refused);
-        // RestoreInto tells the direction by head word 0 first.
-        const std::int32_t word0 = testmsg::Word(wire.data(), 0);
-        EXPECT_EQ(v.Why(), word0 == 76 || word0 == 96 ? c.why : trdcomp::Reason::head_length_invalid) << trdcomp::Message(v.Why());
-        EXPECT_EQ(v.Size(), 0u);
-        EXPECT_EQ(block, std::vector<char>(1 << 16, 0x5A)) << "a refused restore wrote";
-        if (word0 != 76 && word0 != 96) continue;
-        const trdcomp::Restored r = request ? trdcomp::RestoreRequest(Span(wire)) : trdcomp::RestoreAnswer(Span(wire));
-        EXPECT_EQ(r.Why(), c.why) << trdcomp::Message(r.Why());
-    }
-}
 
 namespace {
 
