@@ -49,7 +49,12 @@ void Writers(std::int64_t v) {
 template <class T, bool kSigned = true>
 void ReadBothWays(const byte* p) {
     T slow{}, fast{};
-    const std::int64_t k = kSigned ? GetSignedAt(PtrSource{p}, 0, &slow) : GetUInt16At(PtrSource{p}, 0, &slow);
+    std::int64_t k;
+    if constexpr (kSigned) {
+        k = GetSignedAt(PtrSource{p}, 0, &slow);
+    } else {
+        k = GetUInt16At(PtrSource{p}, 0, &slow);
+    }
     const std::int64_t w = GetWord<T, kSigned>(p, &fast);
     Check(k <= 8 ? w == k && fast == slow : w == 0);
 }
@@ -87,13 +92,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::int64_t v;
     std::memcpy(&v, buf, 8);
     const int shift = static_cast<unsigned char>(buf[8]) % 64;
-    for (const std::int64_t x : {v, v >> shift, -(v >> shift)}) Writers(x);
+    const std::int64_t narrow = v >> shift;
+    for (const std::int64_t x : {v, narrow, static_cast<std::int64_t>(0 - static_cast<std::uint64_t>(narrow))}) Writers(x);
 
-    ReadBothWays<signed char>(bytes);
-    ReadBothWays<std::int16_t>(bytes);
-    ReadBothWays<std::int32_t>(bytes);
-    ReadBothWays<std::int64_t>(bytes);
-    ReadBothWays<std::uint16_t, false>(bytes);
+    // A value of at most 16 bytes: stop bytes behind them.
+    byte word[24];
+    std::memcpy(word, bytes, 16);
+    std::memset(word + 16, 0x80, 8);
+    ReadBothWays<signed char>(word);
+    ReadBothWays<std::int16_t>(word);
+    ReadBothWays<std::int32_t>(word);
+    ReadBothWays<std::int64_t>(word);
+    ReadBothWays<std::uint16_t, false>(word);
 
     const std::size_t limit = static_cast<unsigned char>(buf[9]) % 9;
     Texts<8>(buf, buf + 80, 8 + limit);
