@@ -406,9 +406,16 @@ inline void DecodeRecord(const BoundedSource& in, std::int64_t at, std::int64_t 
     constexpr std::size_t P = kPresenceBytes<L>;
     if constexpr (!kZeroed) std::memset(cur, 0, L.size);
     byte map[P > 0 ? P : 1] = {};
-    const std::int64_t mapLen = ReadPresenceMap(in, at, len, map, P);
-    // No stop bit within the record: nothing was sent.
-    if (mapLen == 0) std::memset(map, 0, sizeof map);
+    std::int64_t mapLen = 1;
+    // Most maps are one byte: its stop bit read at once (the bytes of the
+    // map behind it stay clear: their fields were not sent).
+    if (len > 0 && at >= 0 && at < in.size && (in.p[at] & 0x80u)) [[likely]] {
+        map[0] = in.p[at];
+    } else {
+        mapLen = ReadPresenceMap(in, at, len, map, P);
+        // No stop bit within the record: nothing was sent.
+        if (mapLen == 0) std::memset(map, 0, sizeof map);
+    }
     std::int64_t cursor = at + mapLen;
     [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
         ((cursor = internal::DecodeChunkOf<L, K>(in, cursor, map[K], cur, prev)), ...);

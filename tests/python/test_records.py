@@ -19,16 +19,6 @@ def test_record_arrays_hold_the_restored_bytes():
         assert restored.endswith(b"".join(a.tobytes() for a in arrays)), path.name
 
 
-def test_a_large_message_becomes_one_array():
-    # 20000 records of request 1002 through encode, back as one array.
-    record = {"f0": "B", "f1": 11, "f2": "x", "f3": "ABC", "f35": "HELLO", "f59": ""}
-    message = {"direction": "request", "coding": "fast", "head": {"nFuncId": 1002},
-               "sections": [{"layout": "REQ_1002", "size": 83, "records": [record] * 20000}]}
-    [array] = trdcomp.records(trdcomp.encode(message))
-    assert array.shape == (20000,) and array.dtype == trdcomp.dtype("REQ_1002")
-    assert (array["f3"] == b"ABC").all() and (array["f1"] == b"\x0b").all()
-
-
 def field_dtype(field):
     """A field's dtype as docs/python.md states it."""
     kind, width = field["kind"], field["width"]

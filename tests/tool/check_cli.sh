@@ -37,8 +37,6 @@ xxd -p "$corpus/req_1002_2008.wire" > "$work/hex"
 "$tool" decode "$work/hex" 2> "$work/err" && fail "hex text without --hex should exit non-zero"
 grep -q 'decode it with --hex' "$work/err" || fail "hex without --hex: $(cat "$work/err")"
 "$tool" decode --help | grep -q 'default: 256M\|=256M\|256M' || fail "decode --help does not show the --max-bytes default"
-"$tool" decode --max-bytes 100 "$corpus/req_1002_2008.wire" 2> "$work/err" && fail "--max-bytes 100 should refuse"
-grep -q 'more than the limit of 100 bytes' "$work/err" || fail "--max-bytes 100: $(cat "$work/err")"
 
 # decode | encode, both through the command line, binary and hex input.
 for name in ans_1002_2008 ans_1053_fast; do
@@ -55,9 +53,9 @@ done
 "$tool" diff "$corpus/req_1002_2008.wire" 2> /dev/null; rc=$?
 [ $rc -eq 2 ] || fail "diff with one argument exits $rc"
 
-# decode --stream: golden messages back to back, standard input.
+# decode --stream from standard input, with a byte limit.
 cat "$corpus/req_1002_2008.wire" "$corpus/ans_1110_2008.wire" "$corpus/ans_1003_fast.wire" |
-  "$tool" decode --stream - > "$work/out" || fail "decode --stream exits non-zero"
+  "$tool" decode --stream --max-bytes 1M - > "$work/out" || fail "decode --stream exits non-zero"
 grep -q "^3 messages$" "$work/out" || fail "decode --stream: $(tail -4 "$work/out")"
 "$tool" decode --pcap "$work/missing" 2> "$work/err" && fail "a missing capture should exit non-zero"
 grep -q "capture\|libpcap" "$work/err" || fail "missing capture: $(cat "$work/err")"
