@@ -28,11 +28,7 @@ std::vector<char> PackReq(tagREQ_HEAD head, const std::vector<char>& data, int* 
     return out;
 }
 
-struct PackedAns {
-    std::vector<char> bytes;
-    int rc = -1;
-    int outLen = -1;
-};
+struct PackedAns { std::vector<char> bytes; int rc = -1; int outLen = -1; };
 
 PackedAns PackAns(tagANS_Proc proc, std::vector<std::vector<char>> arrays, int coding = 0, int outSize = 4096,
                   char fill = '\0') {
@@ -58,14 +54,7 @@ std::vector<char> Seq(int n, char first = 'a') {
 TEST(PackReq, RefusalsLeaveOutLen) {
     tagREQ_HEAD head = ReqHead(1022);
     char buf[128];
-    struct Case {
-        const char* what;
-        char* out;
-        tagREQ_HEAD* head;
-        char* data;
-        int dataLen;
-        int rc, outLen;
-    };
+    struct Case { const char* what; char* out; tagREQ_HEAD* head; char* data; int dataLen; int rc, outLen; };
     const Case cases[] = {
         {"null output", nullptr, &head, nullptr, 0, 0, 77},
         {"null head", buf, nullptr, nullptr, 0, 0, 77},
@@ -84,12 +73,7 @@ TEST(PackReq, RefusalsLeaveOutLen) {
 TEST(PackReq, HeadIsCopiedWithLength76AndTheCallersFlags) {
     std::vector<char> order(83, 0);
     order[0] = 'A', order[1] = 11;
-    struct Case {
-        int id, flags, count, size;
-        std::vector<char> data;
-        int flagsOut;
-        std::vector<char> body;
-    };
+    struct Case { int id, flags, count, size; std::vector<char> data; int flagsOut; std::vector<char> body; };
     // Fast version 3 stays in the flags; one record at the defaults still sends its texts.
     std::vector<Case> cases = {{1002, 0x30, 1, 83, order, 0x31, {1, 0, 4, 0, '\x8e', '\x80', '\x80', '\x80'}}};
     for (int id : {1022, 999, 9000, -5, INT_MIN})  // ids without a codec travel raw whatever the flags
@@ -129,10 +113,7 @@ TEST(RawRestore, ComesBackAsACopyWithTenZeroBytesBehind) {
 TEST(RestoreReq, RefusalsLeaveOutAndOutLen) {
     auto wire = PackReq(ReqHead(1022), {});
     ASSERT_EQ(wire.size(), 76u);
-    struct Case {
-        int headLen, inLen, rc;
-        bool null = false;
-    };
+    struct Case { int headLen, inLen, rc; bool null = false; };
     const Case cases[] = {{76, 76, 1}, {77, 76, 0}, {76, 75, 0}, {-1, 76, 1}, {12, 76, 1}, {76, 0, 0}, {76, -4, 0},
                           {76, 76, 0, true}};
     for (const auto& c : cases) {
@@ -181,9 +162,7 @@ TEST(AllocationFailure, OnlyTheRequestRawPathStillReportsSuccess) {
         alloc_hook::FailNext(0);
         EXPECT_EQ(r.rc, c.rc);
         EXPECT_EQ(r.p, nullptr);
-        if (c.outLen >= 0) {
-            EXPECT_EQ(r.len, c.outLen);
-        }
+        if (c.outLen >= 0) { EXPECT_EQ(r.len, c.outLen); }
     }
 }
 
@@ -195,12 +174,7 @@ TEST(PackAns, OutSizeIsAnUnsignedCapacity) {
     ASSERT_LE(trdcomp::AnswerSizeBound(sample.proc, trdcomp::Coding::C2008()), 1u << 16);
     const PackedAns exact = PackAns(sample.proc, sample.arrays, 0, -1);
     const int n = exact.outLen;
-    struct Case {
-        const char* what;
-        tagANS_Proc proc;
-        std::vector<std::vector<char>> arrays;
-        int outSize, outLen;
-    };
+    struct Case { const char* what; tagANS_Proc proc; std::vector<std::vector<char>> arrays; int outSize, outLen; };
     const Case cases[] = {
         {"coded, -1 is the largest", sample.proc, sample.arrays, -1, n},
         {"coded, INT_MAX", sample.proc, sample.arrays, INT_MAX, n},
@@ -219,9 +193,7 @@ TEST(PackAns, OutSizeIsAnUnsignedCapacity) {
         const PackedAns packed = PackAns(c.proc, c.arrays, 0, c.outSize);
         EXPECT_EQ(packed.rc, 0);  // whatever happened: the length tells
         ASSERT_EQ(packed.outLen, c.outLen);
-        if (c.outLen == n) {
-            EXPECT_EQ(packed.bytes, exact.bytes);
-        }
+        if (c.outLen == n) { EXPECT_EQ(packed.bytes, exact.bytes); }
     }
     tagANS_Proc many = Proc(1022, {});
     many.nArrayCount = INT_MAX;  // its table alone cannot fit
@@ -255,12 +227,7 @@ TEST(PackAns, HeadIsBuiltFromTheProc) {
 }
 
 TEST(PackAns, FlagBitsForSectionsAndFastVersion) {
-    struct Case {
-        int arrays;
-        int coding;
-        int flags;
-        int outLen;
-    };
+    struct Case { int arrays; int coding; int flags; int outLen; };
     const Case cases[] = {
         {1, 0, 0x00, 96 + 8},        // one array: no table
         {2, 0, 0x02, 96 + 20 + 16},  // table of 20 bytes

@@ -55,11 +55,7 @@ Read Text(std::int64_t (*get)(const byte*, char*, int), Bytes wire, int max) {
     return {n, std::string(s, ::strnlen(s, sizeof s))};
 }
 
-struct SignedCase {
-    std::int64_t value;
-    Bytes wire;
-    std::int64_t readBack;
-};
+struct SignedCase { std::int64_t value; Bytes wire; std::int64_t readBack; };
 
 const SignedCase kSigned[] = {
     {0, {0x80}, 0},
@@ -162,11 +158,7 @@ TEST(FastPrimitives, Readers) {
 TEST(FastPrimitives, PricesKeepThreeDecimals) {
     const Bytes int64Min = {0x40, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80};
     const double inf = std::numeric_limits<double>::infinity();
-    struct Case {
-        double value;
-        Bytes wire;
-        double back;
-    };
+    struct Case { double value; Bytes wire; double back; };
     const Case cases[] = {
         {12.3456, {0x00, 0x60, 0xb9}, 12.345},
         {-0.0004, {0x80}, 0.0},

@@ -154,9 +154,7 @@ TEST(HostileInput, EveryRestoreRefusesWithItsReason) {
         }
         const ViewOver view(m);
         EXPECT_EQ(view.Sections(), entries);
-        if (entries == 0) {
-            EXPECT_EQ(view.GetSection(1).data, nullptr);
-        }
+        if (entries == 0) { EXPECT_EQ(view.GetSection(1).data, nullptr); }
     }
 }
 

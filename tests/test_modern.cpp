@@ -103,12 +103,7 @@ TEST(ModernInterface, PackRefusalsSayWhy) {
     const tagREQ_HEAD head = testmsg::ReqHead(1002);
     std::vector<char> out(4 << 20);
     const trdcomp::span<char> all(out.data(), out.size());
-    struct Case {
-        const char* what;
-        trdcomp::PackResult result;
-        trdcomp::Errc errc;
-        trdcomp::Reason why;
-    };
+    struct Case { const char* what; trdcomp::PackResult result; trdcomp::Errc errc; trdcomp::Reason why; };
     const Case cases[] = {
         {"request, Fast version 16", trdcomp::PackRequest(all, head, trdcomp::span<const tagREQ_1002>(&order, 1), trdcomp::Coding{16}),
          trdcomp::Errc::invalid_argument, trdcomp::Reason::invalid_fast_version},

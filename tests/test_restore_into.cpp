@@ -38,10 +38,7 @@ TEST(RestoreOptions, LimitsRefuseBeforeAnythingIsAllocated) {
     wire[97] = static_cast<char>(10000 >> 8);
     const std::size_t need = 96 + 10000 * std::size_t{32788};
     EXPECT_EQ(trdcomp::RestoredSize(Span(wire)), need);
-    struct Case {
-        std::size_t maxBytes, maxRecords;
-        trdcomp::Reason why;
-    };
+    struct Case { std::size_t maxBytes, maxRecords; trdcomp::Reason why; };
     const Case cases[] = {
         {1 << 20, std::size_t(-1), trdcomp::Reason::bytes_over_limit},
         {need - 1, std::size_t(-1), trdcomp::Reason::bytes_over_limit},
@@ -83,11 +80,7 @@ TEST(RestoreOptions, LimitsRefuseBeforeAnythingIsAllocated) {
 
 TEST(RestoreOptions, StrictRefusesWhatTheClassicRestoresAccept) {
     using R = trdcomp::Reason;
-    struct Case {
-        const char* what;
-        std::vector<char> wire;
-        R why;
-    };
+    struct Case { const char* what; std::vector<char> wire; R why; };
     auto edit = [](const char* name, int cut, int extra, int countOffset = -1, int count = 0) {
         std::vector<char> w = golden::Wire(name);
         w.resize(w.size() - static_cast<std::size_t>(cut));
@@ -131,12 +124,7 @@ TEST(RestoreOptions, StrictRefusesWhatTheClassicRestoresAccept) {
 }
 
 TEST(MessageLength, WhatTheBytesCannotTell) {
-    struct Case {
-        const char* what;
-        std::vector<char> bytes;
-        trdcomp::Framing status;
-        std::size_t length;
-    };
+    struct Case { const char* what; std::vector<char> bytes; trdcomp::Framing status; std::size_t length; };
     auto request = [](int id, int flags, int count, int size, std::size_t extra) {
         return testmsg::ReqBytes(testmsg::ReqHead(id, flags, count, size), extra);
     };

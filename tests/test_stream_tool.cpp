@@ -98,9 +98,7 @@ private:
 // some first sent in part and then retransmitted whole.
 void Segments(PcapWriter& w, std::uint32_t src, std::uint16_t sport, std::uint32_t dst, std::uint16_t dport,
               const std::vector<char>& stream, std::uint32_t isn, std::mt19937& rng, bool syn) {
-    struct Seg {
-        std::size_t at, n;
-    };
+    struct Seg { std::size_t at, n; };
     std::vector<Seg> segs;
     for (std::size_t at = 0; at < stream.size();) {
         const std::size_t n = std::min<std::size_t>(stream.size() - at, 1 + rng() % 700);
@@ -127,11 +125,7 @@ TEST(Stream, CutsGoldenMessagesByTheirOwnLengthsAndByTransportPrefixes) {
     ASSERT_GT(answers.size(), 200u);
     std::vector<std::vector<char>> all = requests;
     all.insert(all.end(), answers.begin(), answers.end());
-    struct Case {
-        tool::Frame frame;
-        int width;
-        bool big;
-    };
+    struct Case { tool::Frame frame; int width; bool big; };
     for (const Case c : {Case{tool::Frame::message, 0, false}, Case{tool::Frame::u32le, 4, false}, Case{tool::Frame::u32be, 4, true},
                          Case{tool::Frame::u16le, 2, false}, Case{tool::Frame::u16be, 2, true}}) {
         std::vector<char> stream;
@@ -232,12 +226,7 @@ TEST(Diff, GoldenPairs) {
     tool::Json j = tool::ToJson(tool::Decode(Wire("req_1002_2008"), 0));
     j["sections"][0]["records"][1]["f2"] = "Q";
     const std::vector<char> edited = tool::Encode(j, {});
-    struct Case {
-        const char* what;
-        std::vector<char> a, b;
-        int status;
-        std::vector<std::string> lines;
-    };
+    struct Case { const char* what; std::vector<char> a, b; int status; std::vector<std::string> lines; };
     const Case cases[] = {
         {"a message and itself", Wire("ans_1110_2008"), Wire("ans_1110_2008"), 0, {"identical messages"}},
         {"one field of one record", Wire("req_1002_2008"), edited, 1,

@@ -114,9 +114,7 @@ struct Sweep {
         EXPECT_EQ(followed.status, whole.status);
         EXPECT_EQ(followed.length, whole.length);
         ASSERT_TRUE(whole.status == trdcomp::Framing::complete || whole.status == trdcomp::Framing::cannot_tell);
-        if (whole.status == trdcomp::Framing::complete) {
-            ASSERT_EQ(whole.length, wire.size());
-        }
+        if (whole.status == trdcomp::Framing::complete) { ASSERT_EQ(whole.length, wire.size()); }
         if (v.flag != 0) return;  // framing does not depend on the flag
         for (std::size_t k = 0; k < wire.size(); k += 1 + k / 64) {
             Exact prefix(wire.data(), static_cast<int>(k));
@@ -286,9 +284,7 @@ struct Sweep {
                       0);
             ASSERT_GE(len, 96);
             wire.resize(static_cast<std::size_t>(len));
-            if (pack.kind == Kind::head_only) {
-                EXPECT_EQ(len, 96);
-            }
+            if (pack.kind == Kind::head_only) { EXPECT_EQ(len, 96); }
             if (pack.IsCodec()) {
                 EXPECT_EQ(Word(wire.data(), 8) & 1, 1);
                 ++coded;

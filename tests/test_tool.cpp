@@ -197,12 +197,7 @@ TEST(Tool, EncodeRefusesJsonThatCannotBeRight) {
     auto record = [&](auto change) { return edit(request, [&](tool::Json& j) { change(j["sections"][0]["records"][0]); }); };
     tool::EncodeOptions otherId;
     otherId.id = 1003;
-    struct Case {
-        const char* what;
-        tool::Json message;
-        tool::EncodeOptions options;
-        const char* error;
-    };
+    struct Case { const char* what; tool::Json message; tool::EncodeOptions options; const char* error; };
     const Case cases[] = {
         {"unknown field", record([](tool::Json& r) { r["f4"] = 1; }), {}, "\"f4\" is no field of REQ_1002"},
         {"text too long", record([](tool::Json& r) { r["f3"] = std::string(40, 'x'); }), {}, "does not fit in 32"},
