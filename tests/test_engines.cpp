@@ -41,25 +41,15 @@ Chars Concat(std::initializer_list<Chars> parts) {
 
 Chars Seven(char c0, char c1, int i32, long long i64, double dbl, const std::string& text, char b0, char b1) {
     Chars r(28, 0);
-    r[0] = c0;
-    r[1] = c1;
-    Put(r, 2, i32);
-    Put(r, 6, i64);
-    Put(r, 14, dbl);
-    PutText(r, 22, text);
-    r[26] = b0;
-    r[27] = b1;
+    r[0] = c0, r[1] = c1, r[26] = b0, r[27] = b1;
+    Put(r, 2, i32), Put(r, 6, i64), Put(r, 14, dbl), PutText(r, 22, text);
     return r;
 }
 
 Chars Order(char c0, char c1, char c2, const std::string& a, const std::string& b, const std::string& c) {
     Chars r(83, 0);
-    r[0] = c0;
-    r[1] = c1;
-    r[2] = c2;
-    PutText(r, 3, a);
-    PutText(r, 35, b);
-    PutText(r, 59, c);
+    r[0] = c0, r[1] = c1, r[2] = c2;
+    PutText(r, 3, a), PutText(r, 35, b), PutText(r, 59, c);
     return r;
 }
 
@@ -90,22 +80,21 @@ Chars Words(std::initializer_list<std::int32_t> w) {
 
 // One layout's request codec in one coding (Fast version or 2008 flag).
 struct Codec {
-    int size;
+    int size, param;
     bool fast;
-    int param;
     std::function<int(char*, int&, const char*, int, std::int64_t)> pack;
     std::function<int(char*, int, char**, int&)> restore;
     int Flags() const { return fast ? param << 4 : 0; }
 };
 template <const auto& L>
 Codec Fast(int version = 1) {
-    return {static_cast<int>(L.size), true, version,
+    return {static_cast<int>(L.size), version, true,
             [=](char* o, int& n, const char* p, int k, std::int64_t cap) { return trdcomp::fast::PackRequest<L>(o, n, p, k, version, cap); },
             [=](char* i, int k, char** o, int& n) { return trdcomp::fast::RestoreRequest<L>(i, k, o, n, version); }};
 }
 template <const auto& L>
 Codec C2008(char flag = 0) {
-    return {static_cast<int>(L.size), false, flag,
+    return {static_cast<int>(L.size), flag, false,
             [=](char* o, int& n, const char* p, int k, std::int64_t cap) { return trdcomp::codec2008::PackRequest<L>(o, n, p, k, flag, cap); },
             [=](char* i, int k, char** o, int& n) { return trdcomp::codec2008::RestoreRequest<L>(i, k, o, n, flag); }};
 }

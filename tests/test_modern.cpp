@@ -1,7 +1,9 @@
 // The modern interface over the classic members beyond the catalogue sweep:
 // size bounds of raw and head-only ids and of heads that promise more than
-// they carry, restored messages that own and release their buffers, and the
-// reasons of pack refusals.
+// they carry, restored messages that own and release their buffers, the
+// reasons of pack refusals, the caller's limits and strict mode, and what
+// MessageLength cannot tell from the bytes (refusals of every restore:
+// test_hostile_heads.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,12 +15,15 @@
 
 #include "model/Samples.h"
 #include "support/AllocHook.h"
+#include "support/Golden.h"
 #include "support/Messages.h"
 #include "trdcomp/trdcomp.hpp"
 
 using catalogue_model::Coding;
 
 namespace {
+
+trdcomp::span<const char> Span(const std::vector<char>& v) { return {v.data(), v.size()}; }
 
 std::vector<char> ClassicRequest(tagREQ_HEAD head, const std::vector<char>& data, trdcomp::Coding c) {
     head.nFlags = (head.nFlags & ~TRDCOMP_FLAG_FAST_MASK) | c.fastVersion << TRDCOMP_FLAG_FAST_SHIFT;
@@ -175,5 +180,112 @@ TEST(ModernInterface, TheOneStringAnswerEncoderCodesAnyStride) {
             ASSERT_EQ(back.size(), 3u);
             for (int i = 0; i < 3; ++i) EXPECT_STREQ(back[static_cast<std::size_t>(i)].f0, texts[i]);
         }
+    }
+}
+
+TEST(RestoreOptions, LimitsRefuseBeforeAnythingIsAllocated) {
+    // 20 KB of a Fast answer of id 8996: 10000 empty records of 32788 bytes
+    // each, about 330 MB restored.
+    std::vector<char> wire = testmsg::AnsBytes(8996, 0x11, 10000, 0, {}, 2 + 2 * 10000);
+    std::memset(wire.data() + 96, 0, wire.size() - 96);
+    wire[96] = static_cast<char>(10000 & 0xFF);
+    wire[97] = static_cast<char>(10000 >> 8);
+    const std::size_t need = 96 + 10000 * std::size_t{32788};
+    EXPECT_EQ(trdcomp::RestoredSize(Span(wire)), need);
+    struct Case { std::size_t maxBytes, maxRecords; trdcomp::Reason why; };
+    const Case cases[] = {
+        {1 << 20, std::size_t(-1), trdcomp::Reason::bytes_over_limit},
+        {need - 1, std::size_t(-1), trdcomp::Reason::bytes_over_limit},
+        {std::size_t(-1), 9999, trdcomp::Reason::records_over_limit},
+    };
+    for (const Case& c : cases) {
+        trdcomp::RestoreOptions o;
+        o.maxBytes = c.maxBytes;
+        o.maxRecords = c.maxRecords;
+        alloc_hook::ResetLastNothrowSize();
+        const trdcomp::Restored r = trdcomp::RestoreAnswer(Span(wire), o);
+        EXPECT_EQ(alloc_hook::LastNothrowSize(), 0u) << "allocated before the limit";
+        EXPECT_EQ(r.Error(), trdcomp::Errc::limit_exceeded);
+        EXPECT_EQ(r.Why(), c.why);
+        EXPECT_EQ(r.Needed(), need);
+        std::vector<char> block(4096, 0x5A);
+        const trdcomp::RestoredView v = trdcomp::RestoreAnswerInto(block, Span(wire), o);
+        EXPECT_EQ(v.Why(), c.why);
+        EXPECT_EQ(v.Needed(), need);
+        EXPECT_EQ(block, std::vector<char>(4096, 0x5A));
+        EXPECT_EQ(trdcomp::RestoredSize(Span(wire), o), 0u);
+    }
+    // A limit of exactly the message passes; the record limit counts every
+    // array of the message.
+    const std::vector<char> wire1002 = golden::Wire("ans_1002_2008");
+    const trdcomp::Restored all = trdcomp::RestoreAnswer(Span(wire1002));
+    ASSERT_TRUE(all);
+    std::size_t records = 0;
+    for (int j = 0; j < all.Sections(); ++j) records += static_cast<std::size_t>(all.GetSection(j).count);
+    trdcomp::RestoreOptions o;
+    o.maxRecords = records - 1;
+    EXPECT_EQ(trdcomp::RestoreAnswer(Span(wire1002), o).Why(), trdcomp::Reason::records_over_limit);
+    o.maxRecords = records;
+    o.maxBytes = trdcomp::RestoredSize(Span(wire1002));
+    std::vector<char> block(o.maxBytes);
+    EXPECT_TRUE(trdcomp::RestoreAnswer(Span(wire1002), o));
+    EXPECT_TRUE(trdcomp::RestoreInto(block, Span(wire1002), o));
+}
+
+// Golden messages cut inside their last record or with a byte behind it, a
+// count the stream does not hold, and raw records with bytes behind them.
+TEST(RestoreOptions, StrictRefusesWhatTheClassicRestoresAccept) {
+    using R = trdcomp::Reason;
+    std::vector<std::pair<std::vector<char>, R>> cases;
+    for (const char* name : {"req_1002_2008", "req_1002_fast", "ans_1110_2008", "ans_1110_fast", "ans_1002_fast"}) {
+        std::vector<char> w = golden::Wire(name);
+        cases.emplace_back(std::vector<char>(w.begin(), w.end() - 1), R::ends_inside_record);
+        w.push_back(1);
+        cases.emplace_back(w, R::trailing_bytes);
+    }
+    std::vector<char> more = golden::Wire("req_1002_2008");
+    testmsg::SetWord(more.data(), 68, 4);
+    cases.emplace_back(more, R::count_not_held);
+    more.insert(more.end(), 2, 1);  // and the next record's length cut short
+    cases.emplace_back(more, R::ends_inside_record);
+    cases.emplace_back(testmsg::AnsBytes(777, 0, 3, 10, {}, 31), R::trailing_bytes);
+    for (const auto& [wire, why] : cases) {
+        SCOPED_TRACE(std::to_string(wire.size()) + " bytes, " + trdcomp::Message(why));
+        trdcomp::RestoreOptions strict;
+        strict.strict = true;
+        std::vector<char> block(1 << 16);
+        EXPECT_TRUE(trdcomp::RestoreInto(block, Span(wire))) << "the default restore accepts it";
+        EXPECT_EQ(trdcomp::RestoreInto(block, Span(wire), strict).Why(), why) << trdcomp::Message(why);
+        const bool request = wire[0] == 76;
+        const trdcomp::Restored r = request ? trdcomp::RestoreRequest(Span(wire), strict) : trdcomp::RestoreAnswer(Span(wire), strict);
+        EXPECT_EQ(r.Why(), why);
+    }
+}
+
+TEST(MessageLength, WhatTheBytesCannotTell) {
+    struct Case { const char* what; std::vector<char> bytes; trdcomp::Framing status; std::size_t length; };
+    auto request = [](int id, int flags, int count, int size, std::size_t extra) {
+        return testmsg::ReqBytes(testmsg::ReqHead(id, flags, count, size), extra);
+    };
+    auto answer = [](int id, int flags, int count, int size, std::size_t extra) {
+        return testmsg::AnsBytes(id, flags, count, size, {}, extra);
+    };
+    const Case cases[] = {
+        {"raw request: the transport knows its length", request(777, 0, 2, 10, 20), trdcomp::Framing::cannot_tell, 0},
+        {"codec id, records shorter than one record travel raw", request(1002, 0, 0, 0, 5), trdcomp::Framing::cannot_tell, 0},
+        {"raw answer: count times size", answer(777, 0, 3, 10, 30), trdcomp::Framing::complete, 126},
+        {"raw answer: the head alone so far", answer(777, 0, 3, 10, 0), trdcomp::Framing::complete, 126},
+        {"raw answer with a negative size", answer(777, 0, 3, -10, 0), trdcomp::Framing::invalid, 0},
+        {"coded request: its first record's length word missing", request(1002, 1, 2, 83, 0), trdcomp::Framing::need_more, 80},
+        {"head word 0 neither 76 nor 96", std::vector<char>(12, 1), trdcomp::Framing::invalid, 0},
+        {"three bytes", std::vector<char>(3, 76), trdcomp::Framing::need_more, 4},
+        {"a request head cut short", std::vector<char>{76, 0, 0, 0, 1}, trdcomp::Framing::need_more, 76},
+        {"a section table shorter than 4 bytes", testmsg::AnsBytes(1001, 3, 0, 0, {3}), trdcomp::Framing::invalid, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const trdcomp::FrameLength f = trdcomp::MessageLength(Span(c.bytes));
+        EXPECT_EQ(f.status, c.status);
+        EXPECT_EQ(f.length, c.length);
     }
 }

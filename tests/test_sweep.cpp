@@ -92,15 +92,13 @@ struct Sweep {
         if (need > 0) {
             const std::unique_ptr<char[]> block(new char[need]);  // exact: ASan sees any write past it
             alloc_hook::ResetLastNothrowSize();
-            const trdcomp::RestoredView view = request ? trdcomp::RestoreRequestInto({block.get(), need}, Span(wire), options)
-                                                       : trdcomp::RestoreAnswerInto({block.get(), need}, Span(wire), options);
+            const trdcomp::RestoredView view = trdcomp::RestoreInto({block.get(), need}, Span(wire), options);
             EXPECT_EQ(alloc_hook::LastNothrowSize(), 0u) << "RestoreInto allocated";
             ASSERT_TRUE(view) << trdcomp::Message(view.Error());
             ASSERT_EQ(view.Size(), static_cast<std::size_t>(r.len));
             EXPECT_EQ(std::memcmp(block.get(), r.p, view.Size()), 0);
             std::vector<char> shorter(need, 0x5A);  // the block handed over is one byte shorter
-            const trdcomp::RestoredView refused = request ? trdcomp::RestoreRequestInto({shorter.data(), need - 1}, Span(wire), options)
-                                                          : trdcomp::RestoreAnswerInto({shorter.data(), need - 1}, Span(wire), options);
+            const trdcomp::RestoredView refused = trdcomp::RestoreInto({shorter.data(), need - 1}, Span(wire), options);
             EXPECT_EQ(refused.Error(), trdcomp::Errc::buffer_too_small);
             EXPECT_EQ(refused.Needed(), need);
             EXPECT_EQ(shorter, std::vector<char>(need, 0x5A)) << "a refused restore wrote";
