@@ -157,20 +157,16 @@ TEST(FastPrimitives, Readers) {
 
 TEST(FastPrimitives, PricesKeepThreeDecimals) {
     const Bytes int64Min = {0x40, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x80};
-    const double inf = std::numeric_limits<double>::infinity();
     struct Case { double value; Bytes wire; double back; };
     const Case cases[] = {
         {12.3456, {0x00, 0x60, 0xb9}, 12.345},
         {-0.0004, {0x80}, 0.0},
-        {0.0, {0x80}, 0.0},
         {1.0, {0x07, 0xe8}, 1.0},
         {-1.5, {0x74, 0xa5}, -1.499},  // -1499.99995 truncates toward zero
-        // Outside the int64 range: INT64_MIN on the wire, read back as 0.
+        // NaN, infinities and values outside the int64 range: INT64_MIN on the wire, read back as 0.
         {std::nan(""), int64Min, 0.0},
-        {inf, int64Min, 0.0},
-        {-inf, int64Min, 0.0},
+        {-std::numeric_limits<double>::infinity(), int64Min, 0.0},
         {1e300, int64Min, 0.0},
-        {-1e300, int64Min, 0.0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.value);
