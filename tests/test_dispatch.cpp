@@ -265,19 +265,3 @@ TEST(RawAnswer, SevenArraysWriteFiveEntriesAndFiveArrays) {
     EXPECT_EQ(std::string(p + 140, 16), std::string(16, '\xEE'));
     EXPECT_EQ(std::string(p + 96 + tableLen, 10), "ABCDEFGHIJ");
 }
-
-TEST(RawAnswer, FastCodedSectionsHaveNoTableAndTheRestoreReadsRecordBytes) {
-    // With the Fast coding no table is written; the raw restore then takes
-    // the first four record bytes as the table length.
-    std::vector<char> a1(8, 0);
-    SetWord(a1.data(), 0, 4);  // a table length of 4: no entries
-    const auto packed = PackAns(Proc(1022, {{1, 8}, {1, 4}}), {a1, Seq(4)}, kFastV1);
-    ASSERT_EQ(packed.outLen, 96 + 12);
-    EXPECT_EQ(Word(packed.bytes.data(), 8), 0x12);
-    Exact in(packed.bytes);
-    Restored r;
-    RestoreAns(r, in.data(), in.size());
-    EXPECT_EQ(r.rc, 1);
-    EXPECT_EQ(r.len, 100);
-    EXPECT_EQ(Word(r.p, 96), 4);
-}

@@ -12,6 +12,7 @@
 #include <optional>
 #include <vector>
 
+#include "support/AllocHook.h"
 #include "support/Golden.h"
 #include "support/Messages.h"
 #include "trdcomp/trdcomp.hpp"
@@ -44,6 +45,12 @@ std::vector<char> ShortHead() {
     for (const std::int32_t w : {12, 2, 3}) m.insert(m.end(), reinterpret_cast<const char*>(&w), reinterpret_cast<const char*>(&w) + 4);
     m.insert(m.end(), {'1', '2', '3', '4', '5', '6'});
     m.resize(96, 'p');
+    return m;
+}
+
+// A message with the 16-bit word at `offset` set as well.
+std::vector<char> Twice(std::vector<char> m, int offset, int value) {
+    std::memcpy(m.data() + offset, &value, 2);
     return m;
 }
 
@@ -116,7 +123,8 @@ TEST(HostileInput, EveryRestoreRefusesWithItsReason) {
          76 + 3 * 83},
         {"Fast answer count other than the head's", Edited("ans_1003_fast", 96, 7, 2), 0, R::stream_count_differs, false,
          96 + 3 * 69},
-        {"request count beyond the bytes", Edited("req_1002_2008", 68, 1 << 20), 0, R::count_past_message, true},
+        {"request count beyond the bytes", Edited("req_1002_2008", 68, 1 << 30), 0, R::count_past_message, true},
+        {"Fast request count beyond the bytes", Twice(Edited("req_1002_fast", 68, 60000), 76, 60000), 0, R::count_past_message, true},
         {"head length beyond the message", Edited("ans_1002_2008", 0, 1 << 20), 0, R::head_too_short},
         {"request head word 0 neither 76 nor 96", Edited("req_1002_2008", 0, 55), 1, R::none, true},
         {"coded records of an id without a codec", Edited("req_1002_2008", 4, 777), 0, R::unknown_function_id, true},
@@ -133,8 +141,11 @@ TEST(HostileInput, EveryRestoreRefusesWithItsReason) {
         const std::vector<char>& m = c.message;
         Exact in(m);
         Restored r;
+        alloc_hook::ResetLastNothrowSize();
         Restore(r, in.data(), in.size(), c.request);
         EXPECT_EQ(r.rc, c.rc);
+        // A refusal allocates nothing, but where it hands a buffer out all the same.
+        if (c.rc == 0 && !c.classicLen) { EXPECT_EQ(alloc_hook::LastNothrowSize(), 0u); }
         if (c.classicLen) {
             EXPECT_NE(r.p, nullptr);
             EXPECT_EQ(r.len, *c.classicLen);

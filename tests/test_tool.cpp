@@ -53,9 +53,9 @@ std::vector<char> Bytes(std::initializer_list<int> words) {
 
 // Every golden message: a text row for every field, decode --json | encode
 // gives the message back (or, where the Fast coding dropped a text's last
-// character, one that restores identically and is a fixed point), the
-// streamed JSON is the document, and what the id determines (layout, record
-// size, count) may be left out.
+// character, one that restores identically and is a fixed point), and what
+// the id determines (layout, record size, count) may be left out. (The
+// streamed JSON against the document: fuzz_tool_json.)
 TEST(Tool, EveryGoldenMessageDecodesAndPacksBack) {
     int messages = 0, identical = 0, derived = 0;
     for (const std::string& name : golden::Names()) {
@@ -77,9 +77,6 @@ TEST(Tool, EveryGoldenMessageDecodesAndPacksBack) {
         EXPECT_EQ(Count(text.str(), "\n  ") - Count(text.str(), "\n  offset") - 6 - (m.request ? 0 : 2), rows);
 
         tool::Json j = tool::ToJson(m);
-        std::ostringstream streamed;
-        tool::WriteJson(m, streamed);
-        EXPECT_EQ(streamed.str(), j.dump(2) + "\n");
         const std::vector<char> again = tool::Encode(ThroughText(j), {});
         if (again == wire) {
             ++identical;

@@ -21,17 +21,6 @@ def fnv1a64(text):
     return f"{h:016x}"
 
 
-def test_tool_library_and_module_agree():
-    h = trdcomp.catalogue_hash()
-    assert len(h) == 16 and int(h, 16) >= 0
-    assert run(TOOL, "--version").strip() == f"trdcomp {trdcomp.__version__}, library {trdcomp.__version__}, catalogue {h}"
-    assert run(TOOL, "catalogue", "--hash").strip() == h
-    assert trdcomp.catalogue()["hash"] == h
-    canonical = run(GENERATOR, "--canonical")
-    assert fnv1a64(canonical) == h
-    assert run(GENERATOR, "--hash", stdin=canonical).strip() == h
-
-
 def canonical_of(tmp_path, name, old, new):
     """The canonical text of the catalogue with `old` replaced by `new` in
     the file `name`, from the generator compiled over the edited copy."""
@@ -46,8 +35,12 @@ def canonical_of(tmp_path, name, old, new):
     return run(exe, "--canonical")
 
 
-def test_the_fingerprint_follows_the_catalogue(tmp_path):
-    original = run(GENERATOR, "--canonical")
+def test_the_fingerprint_is_the_catalogues_and_follows_its_content(tmp_path):
+    # Tool, library, module and generator give one fingerprint: FNV-1a of the canonical text.
+    original, h = run(GENERATOR, "--canonical"), trdcomp.catalogue_hash()
+    assert fnv1a64(original) == h == trdcomp.catalogue()["hash"] == run(TOOL, "catalogue", "--hash").strip()
+    assert run(GENERATOR, "--hash", stdin=original).strip() == h
+    assert run(TOOL, "--version").strip() == f"trdcomp {trdcomp.__version__}, library {trdcomp.__version__}, catalogue {h}"
     cases = [  # what changes, the file, the text before and after, whether the fingerprint stays
         ("spacing and comments", "request_layouts.def", "TRD_TEXT(3, 32)", "// a note\nTRD_TEXT( 3,\n   32 )", True),
         ("a field's width", "request_layouts.def", "TRD_TEXT(59, 24)\nTRD_END(REQ_1002)",
