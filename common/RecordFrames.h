@@ -47,7 +47,8 @@ namespace trdcomp::detail {
 // Codes the records of a caller's array (extent bytes, stride apart) as
 // length-prefixed records at out + pos, each against the one before. Stops
 // at the first record that does not lie inside the array. False when the
-// capacity ran out.
+// capacity ran out. Forced inline: a small request's pack is mostly this
+// framing, and each layout's run has one call site.
 template <class P>
 TRDCOMP_FORCE_INLINE bool EncodeRecords(const P& p, std::uint32_t size, char* out, std::int64_t& pos, std::int64_t cap,
                           const char* data, std::int64_t extent, std::int64_t count, std::int32_t stride) {
