@@ -417,16 +417,19 @@ RestoredView RestoreIntoView(bool request, char* dst, std::size_t capacity, cons
                              const RestoreOptions& options) noexcept {
     if (in == nullptr || (dst == nullptr && capacity != 0)) return RestoredView(request, Reason::null_argument);
     char none = 0;  // a zero-sized block still needs an address
-    EnterCall(options.strict, Limit(options.maxBytes), Limit(options.maxRecords));
+    // The scope's context on this stack (EnterCall's is thread-local, which
+    // every access reaches through the thread pointer): the hot path of a
+    // receiver.
+    CallContext scope{options.strict, Reason::none, Limit(options.maxBytes), Limit(options.maxRecords), 0};
+    tCall = &scope;
     std::size_t len = 0;
     const int rc = RestoreIntoCallerBlock(request, dst != nullptr ? dst : &none, capacity, in, inLen, options.flag, &len);
-    std::uint64_t needed = 0;
-    const Reason why = LeaveCall(&needed);
+    tCall = nullptr;
     if (rc == 1) return RestoredView(request, len > 0 ? dst : nullptr, static_cast<int>(len));
     if (rc < 0) return RestoredView(request, Reason::buffer_too_small, len);
     // A refusal of the dispatcher's own checks records no reason.
-    const Reason r = why != Reason::none ? why : Reason::head_length_invalid;
-    return RestoredView(request, r, trdcomp::ErrcOf(r) == trdcomp::Errc::limit_exceeded ? static_cast<std::size_t>(needed) : 0);
+    const Reason r = scope.reason != Reason::none ? scope.reason : Reason::head_length_invalid;
+    return RestoredView(request, r, trdcomp::ErrcOf(r) == trdcomp::Errc::limit_exceeded ? static_cast<std::size_t>(scope.needed) : 0);
 }
 
 std::size_t RestoredBytes(bool request, const char* in, std::size_t inLen, char flag) noexcept {
