@@ -103,7 +103,7 @@ TEST(Tool, EveryGoldenMessageDecodesAndPacksBack) {
 
 // Decode reports the library's own reason for a refusal, and refuses a
 // restore beyond --max-bytes (every reason of the library:
-// test_restore_into.cpp).
+// test_hostile_heads.cpp).
 TEST(Tool, DecodeNamesTheCheckThatFailed) {
     const std::vector<char> request = golden::Wire("req_1002_2008"), answer = golden::Wire("ans_1110_2008");
     auto with = [](std::vector<char> m, std::size_t off, int word) {
