@@ -148,9 +148,30 @@ bool RequestRoutable(const char* in, int inLen) {
     return true;
 }
 
+// The raw path of a request restore: an id without a codec, whose records
+// travel as they stand. Out of line: the codec ids' restore stays small.
+[[gnu::noinline]] int RestoreRequestRaw(char* in, int inLen, std::int32_t flags, char** out, int& outLen) {
+    // Coded records of an id this side cannot decode are refused.
+    if (flags & TRDCOMP_FLAG_CODED) return Refuse(Reason::unknown_function_id);
+    if (inLen >= kReqWordCount + 4 && LoadI32(in + kReqWordCount) < 0 && trdcomp::detail::Modern())
+        return Refuse(Reason::negative_count);
+    const std::int32_t count = inLen >= kReqWordCount + 4 ? LoadI32(in + kReqWordCount) : 0;
+    char* buf = OpenBlock(out, outLen, inLen, kRawSpare, inLen, 0, count > 0 ? count : 0);
+    // The request raw path reports success even when the allocation failed
+    // (*out is then null and outLen is inLen): callers depend on it. A limit
+    // of the caller's refuses before that.
+    if (buf == nullptr) {
+        const Reason why = trdcomp::detail::Why();
+        if (why == Reason::bytes_over_limit || why == Reason::records_over_limit) return 0;
+        return IntoCallerBlock(out) ? 0 : 1;
+    }
+    std::memcpy(buf, in, static_cast<std::size_t>(inLen));
+    return 1;
+}
+
 // Routes a request whose block comes from *out (see OpenBlock): a fresh
 // allocation when *out is null, else the caller's memory of outLen bytes.
-// Inlined into its two callers: the restore's own call is the codec's.
+// Inlined into its callers: the restore's own call is the codec's.
 [[gnu::always_inline]] inline int RestoreRequestRouted(char* in, int inLen, char** out, int& outLen, char flag) {
     const std::int32_t flags = LoadI32(in + kWordFlags);
     const int version = FastVersion(flags);
@@ -169,22 +190,7 @@ bool RequestRoutable(const char* in, int inLen) {
         case Cell::Raw:
             break;
     }
-    // Raw path: coded records of an id this side cannot decode are refused.
-    if (flags & TRDCOMP_FLAG_CODED) return Refuse(Reason::unknown_function_id);
-    if (inLen >= kReqWordCount + 4 && LoadI32(in + kReqWordCount) < 0 && trdcomp::detail::Modern())
-        return Refuse(Reason::negative_count);
-    const std::int32_t count = inLen >= kReqWordCount + 4 ? LoadI32(in + kReqWordCount) : 0;
-    char* buf = OpenBlock(out, outLen, inLen, kRawSpare, inLen, 0, count > 0 ? count : 0);
-    // The request raw path reports success even when the allocation failed
-    // (*out is then null and outLen is inLen): callers depend on it. A limit
-    // of the caller's refuses before that.
-    if (buf == nullptr) {
-        const Reason why = trdcomp::detail::Why();
-        if (why == Reason::bytes_over_limit || why == Reason::records_over_limit) return 0;
-        return IntoCallerBlock(out) ? 0 : 1;
-    }
-    std::memcpy(buf, in, static_cast<std::size_t>(inLen));
-    return 1;
+    return RestoreRequestRaw(in, inLen, flags, out, outLen);
 }
 
 }  // namespace
@@ -284,27 +290,10 @@ bool AnswerRoutable(const char* in, int inLen) {
     return true;
 }
 
-// Routes an answer whose block comes from *out, as RestoreRequestRouted.
-[[gnu::always_inline]] inline int RestoreAnswerRouted(char* in, int inLen, char** out, int& outLen, char flag) {
+// The raw path of an answer restore: head, section table (T bytes) and
+// records (D bytes) as sent. Out of line, as the request's.
+[[gnu::noinline]] int RestoreAnswerRaw(char* in, int inLen, std::int32_t flags, char** out, int& outLen) {
     const std::int32_t headLen = LoadI32(in + kWordHeadLen);
-    const std::int32_t flags = LoadI32(in + kWordFlags);
-    const int version = FastVersion(flags);
-    const auto& routes = trdcomp::detail::FindAnsRoutes(LoadI32(in + kWordFuncId));
-    const Cell cell = version != 0 ? routes.restoreFast.cell : routes.restore2008.cell;
-
-    switch (cell) {
-        case Cell::Nothing:
-        case Cell::HeadOnly:
-        case Cell::NoRecords:
-            outLen = 0;
-            return 1;
-        case Cell::Codec:
-            return version != 0 ? routes.restoreFast.fn(in, inLen, out, outLen, version)
-                                : routes.restore2008.fn(in, inLen, out, outLen, flag);
-        case Cell::Raw:
-            break;
-    }
-    // Raw path: head, section table (T bytes) and records (D bytes) as sent.
     if (flags & TRDCOMP_FLAG_CODED) return Refuse(Reason::unknown_function_id);
     // The head is copied whole and the table and records are read behind the
     // head length: all of it has to lie inside the message.
@@ -354,6 +343,28 @@ bool AnswerRoutable(const char* in, int inLen) {
     return 1;
 }
 
+// Routes an answer whose block comes from *out, as RestoreRequestRouted.
+[[gnu::always_inline]] inline int RestoreAnswerRouted(char* in, int inLen, char** out, int& outLen, char flag) {
+    const std::int32_t flags = LoadI32(in + kWordFlags);
+    const int version = FastVersion(flags);
+    const auto& routes = trdcomp::detail::FindAnsRoutes(LoadI32(in + kWordFuncId));
+    const Cell cell = version != 0 ? routes.restoreFast.cell : routes.restore2008.cell;
+
+    switch (cell) {
+        case Cell::Nothing:
+        case Cell::HeadOnly:
+        case Cell::NoRecords:
+            outLen = 0;
+            return 1;
+        case Cell::Codec:
+            return version != 0 ? routes.restoreFast.fn(in, inLen, out, outLen, version)
+                                : routes.restore2008.fn(in, inLen, out, outLen, flag);
+        case Cell::Raw:
+            break;
+    }
+    return RestoreAnswerRaw(in, inLen, flags, out, outLen);
+}
+
 }  // namespace
 
 int CTrdCompData::RestoreAns2008(char* in, int inLen, char** out, int& outLen, char flag) {
@@ -384,25 +395,62 @@ Reason LeaveCall(std::uint64_t* needed) noexcept {
     return tScope.reason;
 }
 
+// Makes the views RestoreRequestIntoView and RestoreAnswerIntoView return.
+struct ViewAccess {
+    static RestoredView Done(bool request, char* p, int len) noexcept { return RestoredView(request, p, len); }
+    static RestoredView Refused(bool request, Reason why, std::size_t needed = 0) noexcept {
+        return RestoredView(request, why, needed);
+    }
+};
+
 namespace {
 
 // Restores `in` into dst[0, capacity): 1 done (*len: the restored length), 0
 // refused, -1 dst too small (*len: the bytes needed). Inlined into
-// RestoreIntoBlock and RestoreIntoView.
-[[gnu::always_inline]] inline int RestoreIntoCallerBlock(bool request, char* dst, std::size_t capacity, const char* in,
+// RestoreIntoBlock and IntoView.
+template <bool kRequest>
+[[gnu::always_inline]] inline int RestoreIntoCallerBlock(char* dst, std::size_t capacity, const char* in,
                                                          std::size_t inLen, char flag, std::size_t* len) noexcept {
     if (dst == nullptr) return Refuse(Reason::null_argument);
     if (inLen > static_cast<std::size_t>(INT_MAX)) return Refuse(Reason::length_too_large);
     char* msg = const_cast<char*>(in);
     const int n = static_cast<int>(inLen);
-    if (!(request ? RequestRoutable(msg, n) : AnswerRoutable(msg, n))) return 0;
+    if (!(kRequest ? RequestRoutable(msg, n) : AnswerRoutable(msg, n))) return 0;
     char* block = dst;
     const int room = capacity > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(capacity);
     int outLen = room;
-    const int rc = request ? RestoreRequestRouted(msg, n, &block, outLen, flag) : RestoreAnswerRouted(msg, n, &block, outLen, flag);
-    // A refusal leaves outLen within the capacity; a block too small, above.
+    const int rc = kRequest ? RestoreRequestRouted(msg, n, &block, outLen, flag) : RestoreAnswerRouted(msg, n, &block, outLen, flag);
     *len = outLen > 0 ? static_cast<std::size_t>(outLen) : 0;
-    return rc == 1 ? 1 : outLen > room ? -1 : 0;
+    if (rc == 1) [[likely]] return 1;
+    // A refusal leaves outLen within the capacity; a block too small, above.
+    return outLen > room ? -1 : 0;
+}
+
+// The view of a restore RestoreIntoCallerBlock did not complete: rc 0
+// refused (the scope's reason), -1 dst too small.
+[[gnu::noinline]] RestoredView Unrestored(bool request, int rc, std::size_t len, const CallContext& scope) noexcept {
+    if (rc < 0) return ViewAccess::Refused(request, Reason::buffer_too_small, len);
+    // A refusal of the dispatcher's own checks records no reason.
+    const Reason r = scope.reason != Reason::none ? scope.reason : Reason::head_length_invalid;
+    return ViewAccess::Refused(request, r, trdcomp::ErrcOf(r) == trdcomp::Errc::limit_exceeded ? static_cast<std::size_t>(scope.needed) : 0);
+}
+
+// The body of RestoreRequestIntoView and RestoreAnswerIntoView, the hot path
+// of a receiver: the scope's context lives on this stack (EnterCall's is
+// thread-local, which every access reaches through the thread pointer) and
+// everything but the codec's own restore is inlined.
+template <bool kRequest>
+[[gnu::always_inline]] inline RestoredView IntoView(char* dst, std::size_t capacity, const char* in,
+                                                    std::size_t inLen, const RestoreOptions& options) noexcept {
+    if (in == nullptr || (dst == nullptr && capacity != 0)) return ViewAccess::Refused(kRequest, Reason::null_argument);
+    char none = 0;  // a zero-sized block still needs an address
+    CallContext scope{options.strict, Reason::none, Limit(options.maxBytes), Limit(options.maxRecords), 0};
+    tCall = &scope;
+    std::size_t len = 0;
+    const int rc = RestoreIntoCallerBlock<kRequest>(dst != nullptr ? dst : &none, capacity, in, inLen, options.flag, &len);
+    tCall = nullptr;
+    if (rc == 1) [[likely]] return ViewAccess::Done(kRequest, len > 0 ? dst : nullptr, static_cast<int>(len));
+    return Unrestored(kRequest, rc, len, scope);
 }
 
 }  // namespace
@@ -410,26 +458,18 @@ namespace {
 int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen, char flag,
                      std::size_t* len) noexcept {
     *len = 0;
-    return RestoreIntoCallerBlock(request, dst, capacity, in, inLen, flag, len);
+    return request ? RestoreIntoCallerBlock<true>(dst, capacity, in, inLen, flag, len)
+                   : RestoreIntoCallerBlock<false>(dst, capacity, in, inLen, flag, len);
 }
 
-RestoredView RestoreIntoView(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
-                             const RestoreOptions& options) noexcept {
-    if (in == nullptr || (dst == nullptr && capacity != 0)) return RestoredView(request, Reason::null_argument);
-    char none = 0;  // a zero-sized block still needs an address
-    // The scope's context on this stack (EnterCall's is thread-local, which
-    // every access reaches through the thread pointer): the hot path of a
-    // receiver.
-    CallContext scope{options.strict, Reason::none, Limit(options.maxBytes), Limit(options.maxRecords), 0};
-    tCall = &scope;
-    std::size_t len = 0;
-    const int rc = RestoreIntoCallerBlock(request, dst != nullptr ? dst : &none, capacity, in, inLen, options.flag, &len);
-    tCall = nullptr;
-    if (rc == 1) return RestoredView(request, len > 0 ? dst : nullptr, static_cast<int>(len));
-    if (rc < 0) return RestoredView(request, Reason::buffer_too_small, len);
-    // A refusal of the dispatcher's own checks records no reason.
-    const Reason r = scope.reason != Reason::none ? scope.reason : Reason::head_length_invalid;
-    return RestoredView(request, r, trdcomp::ErrcOf(r) == trdcomp::Errc::limit_exceeded ? static_cast<std::size_t>(scope.needed) : 0);
+RestoredView RestoreRequestIntoView(char* dst, std::size_t capacity, const char* in, std::size_t inLen,
+                                    const RestoreOptions& options) noexcept {
+    return IntoView<true>(dst, capacity, in, inLen, options);
+}
+
+RestoredView RestoreAnswerIntoView(char* dst, std::size_t capacity, const char* in, std::size_t inLen,
+                                   const RestoreOptions& options) noexcept {
+    return IntoView<false>(dst, capacity, in, inLen, options);
 }
 
 std::size_t RestoredBytes(bool request, const char* in, std::size_t inLen, char flag) noexcept {

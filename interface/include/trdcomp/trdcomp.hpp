@@ -296,6 +296,7 @@ namespace detail {
 template <class Classic>
 Restored Restore(span<const char> in, const RestoreOptions& options, bool request, Classic classic) noexcept;
 RestoredView RestoreInto(span<char> dst, span<const char> in, const RestoreOptions& options, bool request) noexcept;
+struct ViewAccess;  // the library's makers of RestoredView
 
 // Exported by the library. RestoreIntoBlock restores `in` into dst[0,
 // capacity): 1 done (*len: the restored length), 0 refused, -1 dst too small
@@ -306,9 +307,12 @@ TRDCOMP_API int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, 
 TRDCOMP_API std::size_t RestoredBytes(bool request, const char* in, std::size_t inLen, char flag) noexcept;
 // RestoreIntoBlock inside a call scope of its own (the options' strict mode
 // and limits), made into the view RestoreInto returns in the same call: the
-// hot path of a receiver pays one call into the library.
-TRDCOMP_API RestoredView RestoreIntoView(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
-                                         const RestoreOptions& options) noexcept;
+// hot path of a receiver pays one call into the library. One entry point a
+// direction, so that neither tests the direction.
+TRDCOMP_API RestoredView RestoreRequestIntoView(char* dst, std::size_t capacity, const char* in, std::size_t inLen,
+                                                const RestoreOptions& options) noexcept;
+TRDCOMP_API RestoredView RestoreAnswerIntoView(char* dst, std::size_t capacity, const char* in, std::size_t inLen,
+                                               const RestoreOptions& options) noexcept;
 }  // namespace detail
 
 // A restored request or answer in memory it does not own: what RestoreInto
@@ -426,8 +430,7 @@ protected:
 
     template <class Classic>
     friend Restored detail::Restore(span<const char>, const RestoreOptions&, bool, Classic) noexcept;
-    friend RestoredView detail::RestoreIntoView(bool, char*, std::size_t, const char*, std::size_t,
-                                                const RestoreOptions&) noexcept;
+    friend struct detail::ViewAccess;
 
     std::int32_t Word(std::size_t off) const noexcept {
         std::int32_t v = 0;
@@ -499,7 +502,8 @@ Restored Restore(span<const char> in, const RestoreOptions& options, bool reques
 }
 
 inline RestoredView RestoreInto(span<char> dst, span<const char> in, const RestoreOptions& options, bool request) noexcept {
-    return RestoreIntoView(request, dst.data(), dst.size(), in.data(), in.size(), options);
+    return request ? RestoreRequestIntoView(dst.data(), dst.size(), in.data(), in.size(), options)
+                   : RestoreAnswerIntoView(dst.data(), dst.size(), in.data(), in.size(), options);
 }
 
 // Head word 0 tells a request (76) from an answer (96).
