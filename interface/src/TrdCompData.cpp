@@ -432,7 +432,8 @@ template <bool kRequest>
     if (rc < 0) return ViewAccess::Refused(request, Reason::buffer_too_small, len);
     // A refusal of the dispatcher's own checks records no reason.
     const Reason r = scope.reason != Reason::none ? scope.reason : Reason::head_length_invalid;
-    return ViewAccess::Refused(request, r, trdcomp::ErrcOf(r) == trdcomp::Errc::limit_exceeded ? static_cast<std::size_t>(scope.needed) : 0);
+    const bool limit = trdcomp::ErrcOf(r) == trdcomp::Errc::limit_exceeded;
+    return ViewAccess::Refused(request, r, limit ? static_cast<std::size_t>(scope.needed) : 0);
 }
 
 // The body of RestoreRequestIntoView and RestoreAnswerIntoView, the hot path
