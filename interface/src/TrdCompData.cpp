@@ -169,13 +169,16 @@ bool RequestRoutable(const char* in, int inLen) {
     return 1;
 }
 
-// Routes a request whose block comes from *out (see OpenBlock): a fresh
+// Routes a restore whose block comes from *out (see OpenBlock): a fresh
 // allocation when *out is null, else the caller's memory of outLen bytes.
-// Inlined into its callers: the restore's own call is the codec's.
-[[gnu::always_inline]] inline int RestoreRequestRouted(char* in, int inLen, char** out, int& outLen, char flag) {
+// `routes` are those of the message's id; an id without a codec in the
+// message's coding takes `raw`. Inlined into its callers: the restore's own
+// call is the codec's.
+template <class Routes>
+[[gnu::always_inline]] inline int RestoreRouted(const Routes& routes, char* in, int inLen, char** out, int& outLen,
+                                                char flag, int (*raw)(char*, int, std::int32_t, char**, int&)) {
     const std::int32_t flags = LoadI32(in + kWordFlags);
     const int version = FastVersion(flags);
-    const auto& routes = trdcomp::detail::FindReqRoutes(LoadI32(in + kWordFuncId));
     const Cell cell = version != 0 ? routes.restoreFast.cell : routes.restore2008.cell;
 
     switch (cell) {
@@ -190,7 +193,12 @@ bool RequestRoutable(const char* in, int inLen) {
         case Cell::Raw:
             break;
     }
-    return RestoreRequestRaw(in, inLen, flags, out, outLen);
+    return raw(in, inLen, flags, out, outLen);
+}
+
+[[gnu::always_inline]] inline int RestoreRequestRouted(char* in, int inLen, char** out, int& outLen, char flag) {
+    const auto& routes = trdcomp::detail::FindReqRoutes(LoadI32(in + kWordFuncId));
+    return RestoreRouted(routes, in, inLen, out, outLen, flag, RestoreRequestRaw);
 }
 
 }  // namespace
@@ -343,26 +351,9 @@ bool AnswerRoutable(const char* in, int inLen) {
     return 1;
 }
 
-// Routes an answer whose block comes from *out, as RestoreRequestRouted.
 [[gnu::always_inline]] inline int RestoreAnswerRouted(char* in, int inLen, char** out, int& outLen, char flag) {
-    const std::int32_t flags = LoadI32(in + kWordFlags);
-    const int version = FastVersion(flags);
     const auto& routes = trdcomp::detail::FindAnsRoutes(LoadI32(in + kWordFuncId));
-    const Cell cell = version != 0 ? routes.restoreFast.cell : routes.restore2008.cell;
-
-    switch (cell) {
-        case Cell::Nothing:
-        case Cell::HeadOnly:
-        case Cell::NoRecords:
-            outLen = 0;
-            return 1;
-        case Cell::Codec:
-            return version != 0 ? routes.restoreFast.fn(in, inLen, out, outLen, version)
-                                : routes.restore2008.fn(in, inLen, out, outLen, flag);
-        case Cell::Raw:
-            break;
-    }
-    return RestoreAnswerRaw(in, inLen, flags, out, outLen);
+    return RestoreRouted(routes, in, inLen, out, outLen, flag, RestoreAnswerRaw);
 }
 
 }  // namespace
@@ -419,7 +410,8 @@ template <bool kRequest>
     char* block = dst;
     const int room = capacity > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(capacity);
     int outLen = room;
-    const int rc = kRequest ? RestoreRequestRouted(msg, n, &block, outLen, flag) : RestoreAnswerRouted(msg, n, &block, outLen, flag);
+    const int rc = kRequest ? RestoreRequestRouted(msg, n, &block, outLen, flag)
+                            : RestoreAnswerRouted(msg, n, &block, outLen, flag);
     *len = outLen > 0 ? static_cast<std::size_t>(outLen) : 0;
     if (rc == 1) [[likely]] return 1;
     // A refusal leaves outLen within the capacity; a block too small, above.
@@ -443,12 +435,14 @@ template <bool kRequest>
 template <bool kRequest>
 [[gnu::always_inline]] inline RestoredView IntoView(char* dst, std::size_t capacity, const char* in,
                                                     std::size_t inLen, const RestoreOptions& options) noexcept {
-    if (in == nullptr || (dst == nullptr && capacity != 0)) return ViewAccess::Refused(kRequest, Reason::null_argument);
+    if (in == nullptr || (dst == nullptr && capacity != 0))
+        return ViewAccess::Refused(kRequest, Reason::null_argument);
     char none = 0;  // a zero-sized block still needs an address
     CallContext scope{options.strict, Reason::none, Limit(options.maxBytes), Limit(options.maxRecords), 0};
     tCall = &scope;
     std::size_t len = 0;
-    const int rc = RestoreIntoCallerBlock<kRequest>(dst != nullptr ? dst : &none, capacity, in, inLen, options.flag, &len);
+    char* const block = dst != nullptr ? dst : &none;
+    const int rc = RestoreIntoCallerBlock<kRequest>(block, capacity, in, inLen, options.flag, &len);
     tCall = nullptr;
     if (rc == 1) [[likely]] return ViewAccess::Done(kRequest, len > 0 ? dst : nullptr, static_cast<int>(len));
     return Unrestored(kRequest, rc, len, scope);
