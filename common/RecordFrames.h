@@ -50,8 +50,9 @@ namespace trdcomp::detail {
 // capacity ran out. Forced inline: a small request's pack is mostly this
 // framing, and each layout's run has one call site.
 template <class P>
-TRDCOMP_FORCE_INLINE bool EncodeRecords(const P& p, std::uint32_t size, char* out, std::int64_t& pos, std::int64_t cap,
-                          const char* data, std::int64_t extent, std::int64_t count, std::int32_t stride) {
+TRDCOMP_FORCE_INLINE bool EncodeRecords(const P& p, std::uint32_t size, char* out, std::int64_t& pos,
+                                        std::int64_t cap, const char* data, std::int64_t extent, std::int64_t count,
+                                        std::int32_t stride) {
     const std::int64_t records = RecordsInside(data, extent, count, stride, size);
     if (Strict()) {
         for (std::int64_t i = 0; i < records; ++i)

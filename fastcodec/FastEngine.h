@@ -468,8 +468,8 @@ struct RecordCoder {
 // u16-length-prefixed records at out + pos, each against the one before.
 // False when the capacity ran out.
 template <const auto& L>
-TRDCOMP_FORCE_INLINE bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char* data, std::int64_t extent,
-                      std::int64_t count, std::int32_t stride) {
+TRDCOMP_FORCE_INLINE bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char* data,
+                                    std::int64_t extent, std::int64_t count, std::int32_t stride) {
     return d::EncodeRecords(RecordCoder<L>{}, L.size, out, pos, cap, data, extent, count, stride);
 }
 
