@@ -35,11 +35,11 @@ enum : std::size_t {
     /* The section table stands right behind the 96-byte answer head. */
     kSectionTableAt = sizeof(tagANS_HEAD),
     /* Bytes a reader must have before it can route a message: length, id, flags. */
-    kRoutingBytes = offsetof(tagREQ_HEAD, nFlags) + sizeof(int),
-    /* Section table entries that carry a count and a size (the table's length
-     * may announce more). */
-    kMaxSectionEntries = 5
+    kRoutingBytes = offsetof(tagREQ_HEAD, nFlags) + sizeof(int)
 };
+/* Section table entries that carry a count and a size (the table's length
+ * may announce more). */
+enum { kMaxSectionEntries = 5 };
 
 /* The word at byte `at` of p; p must hold at + 4 bytes. */
 inline Word Load(const char* p, std::size_t at) {
