@@ -465,10 +465,10 @@ struct RecordCoder {
 // apart) as length-prefixed records at out + pos. False when the capacity
 // ran out.
 template <const auto& L>
-inline bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char* data, std::int64_t extent,
+inline bool EncodeRun(d::Call& call, char* out, std::int64_t& pos, const char* data, std::int64_t extent,
                       std::int64_t count, std::int32_t stride, char flag) {
     return WithValueCoders([&]<class C>() {
-        return d::EncodeRecords(RecordCoder<L, C>{flag}, L.size, out, pos, cap, data, extent, count, stride);
+        return d::EncodeRecords(call, RecordCoder<L, C>{flag}, L.size, out, pos, data, extent, count, stride);
     });
 }
 
@@ -570,12 +570,12 @@ struct Frames {
     static Reason ReadCounts(const char* in, std::int64_t inLen, std::int32_t headLen, std::int32_t* counts,
                              std::int64_t& cursor) {
         if constexpr (k == 1) {
-            counts[0] = d::LoadI32(in + d::kAnsOffCount);
+            counts[0] = head::AnswerArray(in).count;
         } else {
             if (inLen - headLen < 4) return Reason::section_table_invalid;
-            const std::int32_t tableLen = d::LoadI32(in + headLen);
+            const std::int32_t tableLen = head::Load(in + headLen, 0);
             if (tableLen < 4 + 8 * k || tableLen > inLen - headLen) return Reason::section_table_invalid;
-            for (int j = 0; j < k; ++j) counts[j] = d::LoadI32(in + headLen + 4 + 8 * j);
+            for (int j = 0; j < k; ++j) counts[j] = head::SectionEntry(in + headLen, j).count;
             cursor += tableLen;
         }
         return Reason::none;
@@ -587,51 +587,58 @@ struct Frames {
 
 // ---- requests ----
 
+// Appends the coded records of a request behind the head at out (outLen
+// bytes so far), each behind its 32-bit length. Records shorter than one
+// record travel raw, flag bit 0 clear. Writes nothing past the call's
+// capacity; a call that measures learns the bytes the message needs.
+// Out of line: the route tables and the members share this one instance.
 template <const auto& L>
-int PackRequest(char* out, int& outLen, const char* data, int dataLen, char flag, std::int64_t cap = d::kUnbounded) {
+[[gnu::noinline]] int PackRequest(d::Call& call, char* out, int& outLen, const char* data, int dataLen, char flag) {
     if (static_cast<unsigned>(dataLen) < L.size) {
-        // Shorter than one record: the bytes travel raw, flag bit 0 clear.
         if (dataLen > 0) {
-            if (data == nullptr) return d::Refuse(Reason::null_argument);
-            if (dataLen > cap - outLen) return d::Refuse(Reason::buffer_too_small);
+            if (data == nullptr) return call.Refuse(Reason::null_argument);
+            if (dataLen > call.capacity - outLen) return call.TooSmall(static_cast<std::int64_t>(outLen) + dataLen);
             std::memcpy(out + outLen, data, static_cast<std::size_t>(dataLen));
         }
         outLen += dataLen;
         return 1;
     }
     std::int64_t pos = outLen;
-    const bool fits = EncodeRun<L>(out, pos, cap, data, dataLen < 0 ? 0 : dataLen, d::LoadI32(out + d::kReqOffCount),
-                                   d::LoadI32(out + d::kReqOffSize), flag);
-    outLen = static_cast<int>(pos);
+    const head::Array array = head::RequestArray(out);
+    const bool fits = EncodeRun<L>(call, out, pos, data, dataLen < 0 ? 0 : dataLen, array.count, array.size, flag);
     if (!fits) return 0;
+    if (pos > call.capacity) return call.TooSmall(pos);
+    outLen = static_cast<int>(pos);
     d::SetFlags(out, TRDCOMP_FLAG_CODED);
     return 1;
 }
 
 template <const auto& L>
-int RestoreRequest(char* in, int inLen, char** out, int& outLen, char flag) {
-    return d::RestoreRequestFrame<L>(Frames{flag}, in, inLen, out, outLen);
+[[gnu::noinline]] int RestoreRequest(d::Call& call, const char* in, int inLen, char** out, int& outLen, char flag) {
+    return d::RestoreRequestFrame<L>(call, Frames{flag}, in, inLen, out, outLen);
 }
 
 // ---- answers ----
 
+// Appends the coded arrays of an answer behind its head (and section table).
 template <class Shape>
-int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arrays[5], char flag,
-               std::int64_t cap = d::kUnbounded) {
+[[gnu::noinline]] int PackAnswer(d::Call& call, char* out, int& outLen, const tagANS_Proc* proc,
+                                 char* const arrays[5], char flag) {
     std::int64_t pos = outLen;
     const bool fits = d::PackSections<Shape>(
         proc, arrays, [&]<const auto& L>(const char* data, std::int64_t extent, std::int32_t count, std::int32_t size) {
-            return EncodeRun<L>(out, pos, cap, data, extent, count, size, flag);
+            return EncodeRun<L>(call, out, pos, data, extent, count, size, flag);
         });
-    outLen = static_cast<int>(pos);
     if (!fits) return 0;
+    if (pos > call.capacity) return call.TooSmall(pos);
+    outLen = static_cast<int>(pos);
     d::SetFlags(out, TRDCOMP_FLAG_CODED);
     return 1;
 }
 
 template <class Shape>
-int RestoreAnswer(char* in, int inLen, char** out, int& outLen, char flag) {
-    return d::RestoreAnswerFrame<Shape>(Frames{flag}, in, inLen, out, outLen);
+[[gnu::noinline]] int RestoreAnswer(d::Call& call, const char* in, int inLen, char** out, int& outLen, char flag) {
+    return d::RestoreAnswerFrame<Shape>(call, Frames{flag}, in, inLen, out, outLen);
 }
 
 }  // namespace trdcomp::codec2008

@@ -9,29 +9,20 @@
 #include <cstring>
 
 #include "common/Bytes.h"
-#include "common/CallContext.h"
+#include "common/Call.h"
 #include "common/Layout.h"
 #include "common/Text.h"
+#include "trdcomp/MessageHead.hpp"
 #include "trdcomp/TrdCompData.h"
 
 namespace trdcomp::detail {
 
-// Output capacity of a codec called without one (the classic members):
-// only the int range of outLen bounds it.
-inline constexpr std::int64_t kUnbounded = INT_MAX;
-
-inline constexpr int kReqHeadLen = TRDCOMP_REQ_HEAD_LEN;
-inline constexpr int kAnsHeadLen = TRDCOMP_ANS_HEAD_LEN;
-inline constexpr int kOffHeadLen = 0;
-inline constexpr int kOffFlags = 8;
-inline constexpr int kReqOffCount = 68;
-inline constexpr int kReqOffSize = 72;
-inline constexpr int kAnsOffCount = 88;
-inline constexpr int kAnsOffSize = 92;
+inline constexpr int kReqHeadLen = head::kRequestLength;
+inline constexpr int kAnsHeadLen = head::kAnswerLength;
 inline constexpr int kReqSpare = 1024;  // spare zero bytes behind a restored request
 inline constexpr int kAnsSpare = 10;    // behind a restored answer
 
-inline void SetFlags(char* head, std::int32_t bits) { StoreI32(head + kOffFlags, LoadI32(head + kOffFlags) | bits); }
+inline void SetFlags(char* msg, std::int32_t bits) { head::Store(msg, head::kFlagsAt, head::Load(msg, head::kFlagsAt) | bits); }
 
 // Record i of an array of `extent` bytes read with `stride`, or null when its
 // `size` bytes do not lie inside the array: the caller's records are never
@@ -49,15 +40,15 @@ inline const char* RecordAt(const char* data, std::int64_t extent, std::int64_t 
 // fit `room`. `writable` is the room itself when the caller's capacity is
 // known; the classic members, which are not told it, pass what the message
 // still to be written proves (the caller's buffer holds the whole message).
-// Returns the bytes encoded, or -1 (no room). One call site, so each
-// layout's encoder is instantiated once.
+// Returns the bytes encoded; more than `room` when they do not fit (nothing
+// is then written at dst: a pack that measures goes on counting). One call
+// site, so each layout's encoder is instantiated once.
 template <std::size_t Max, std::size_t Slack = 0, class Encode>
 inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t room, std::int64_t writable) {
     char scratch[Max + Slack > 0 ? Max + Slack : 1];
     const bool direct = writable >= static_cast<std::int64_t>(Max + Slack);
     const std::int64_t n = encode(direct ? dst : scratch);
-    if (direct) return n;
-    if (n > room) return -1;
+    if (direct || n > room) return n;
     // A short record takes a few word moves, not a call.
     if constexpr (sizeof scratch <= 32) {
         CopyAtMost<sizeof scratch>(dst, scratch, static_cast<std::size_t>(n));
@@ -180,56 +171,53 @@ struct RequestHead {
 };
 
 // A request restore needs the whole head, refuses several record arrays
-// and takes the head length word as its read cursor.
-// Inside a call of the modern interface a negative record count is refused
-// in both codings (the classic 2008 restore accepts it, the Fast one refuses
-// its coded records).
-inline bool ReadRequestHead(const char* in, int inLen, RequestHead& h) {
-    if (in == nullptr || inLen < kReqHeadLen) return Refuse(Reason::head_too_short);
-    const std::int32_t flags = LoadI32(in + kOffFlags);
-    if (flags & TRDCOMP_FLAG_SECTIONS) return Refuse(Reason::several_arrays_request);
-    h.headLen = LoadI32(in + kOffHeadLen);
-    h.count = LoadI32(in + kReqOffCount);
-    h.recordSize = LoadI32(in + kReqOffSize);
-    h.coded = (flags & TRDCOMP_FLAG_CODED) != 0;
-    if (h.headLen < 0 || h.headLen > inLen) return Refuse(Reason::head_length_invalid);
-    if (h.count < 0 && Modern()) return Refuse(Reason::negative_count);
+// and takes the head length word as its read cursor. Under the modern rules
+// a negative record count is refused in both codings (the classic 2008
+// restore accepts it, the Fast one refuses its coded records).
+inline bool ReadRequestHead(Call& call, const char* in, int inLen, RequestHead& h) {
+    if (in == nullptr || inLen < kReqHeadLen) return call.Refuse(Reason::head_too_short);
+    const head::Routing r = head::ReadRouting(in);
+    if (head::SeveralArrays(r.flags)) return call.Refuse(Reason::several_arrays_request);
+    const head::Array a = head::RequestArray(in);
+    h.headLen = r.length;
+    h.count = a.count;
+    h.recordSize = a.size;
+    h.coded = head::Coded(r.flags);
+    if (h.headLen < 0 || h.headLen > inLen) return call.Refuse(Reason::head_length_invalid);
+    if (h.count < 0 && call.refuseNegativeCounts) return call.Refuse(Reason::negative_count);
     return true;
 }
 
-// Where a restore's block comes from. A classic restore enters with *out
-// null and gets a fresh zero-filled allocation of `total` bytes and `spare`
-// more (*out set, null when it failed). A restore into the caller's memory
-// enters with *out at that memory and outLen its capacity: the block is that
-// memory, with the bytes behind the `written` the restore writes itself
-// zeroed (the spare bytes are not written), when `total` (at least
-// `written`) and the `tail` a decoder may write behind the last record fit;
-// else null, with outLen the
-// bytes needed (more than the capacity) and *out unchanged. outLen is `total`
-// when a block was handed out.
-// Inside a call scope with limits (CallContext), a block of more than the
-// limits allow is refused before anything is allocated or written: null,
-// outLen and *out unchanged.
-inline char* OpenBlock(char** out, int& outLen, std::int64_t total, int spare, std::int64_t written,
+// Opens the block a restore writes (see Call::source): a fresh zero-filled
+// allocation of `total` bytes and `spare` more (*out set; null when it
+// failed: out_of_memory), or the caller's block, with the bytes behind the
+// `written` the restore writes itself zeroed (the spare bytes are not
+// written), when `total` (at least `written`) and the `tail` a decoder may
+// write behind the last record fit its capacity (else buffer_too_small with
+// the bytes needed, *out unchanged). outLen is `total` when a block was
+// handed out. A block of more than the call's limits allow is refused before
+// anything is allocated or written: null, outLen and *out unchanged.
+inline char* OpenBlock(Call& call, char** out, int& outLen, std::int64_t total, int spare, std::int64_t written,
                        std::int64_t tail, std::int64_t records) {
     // A request head with a negative count restores to fewer bytes than the
     // head the restore still writes.
     const std::int64_t needed = (total > written ? total : written) + tail;
-    if (!WithinLimits(records, needed)) return nullptr;
-    if (*out == nullptr) {
+    if (!call.WithinLimits(records, needed)) return nullptr;
+    if (!call.IntoCallerBlock()) {
         outLen = static_cast<int>(total);
         *out = AllocZeroed(static_cast<std::uint64_t>(total + spare));
-        if (*out == nullptr) Refuse(Reason::out_of_memory);
+        if (*out == nullptr) call.Refuse(Reason::out_of_memory);
         return *out;
     }
-    if (needed > outLen) {
-        outLen = needed > INT_MAX ? INT_MAX : static_cast<int>(needed);
+    if (needed > call.capacity) {
+        call.TooSmall(needed);
         return nullptr;
     }
+    char* const block = call.block;
     if (total > written) {
         // A short run (a small record) is zeroed by a few overlapping fixed
         // stores, not a call.
-        char* p = *out + written;
+        char* p = block + written;
         const auto n = static_cast<std::size_t>(total - written);
         if (n > 32) {
             std::memset(p, 0, n);
@@ -243,25 +231,23 @@ inline char* OpenBlock(char** out, int& outLen, std::int64_t total, int spare, s
             for (std::size_t i = 0; i < n; ++i) p[i] = 0;
         }
     }
+    *out = block;
     outLen = static_cast<int>(total);
-    return *out;
+    return block;
 }
-
-// Does the restore write into the caller's memory (see OpenBlock)?
-inline bool IntoCallerBlock(char* const* out) { return *out != nullptr; }
 
 // Opens a restored request: count * size + 76 bytes (outLen) and 1024 spare,
 // all zero, with the received head copied to the start. Returns its first
 // record slot, or null (sizes not representable, allocation failed, the
 // caller's block too small).
-inline char* OpenRestoredRequest(const char* in, const RequestHead& h, std::uint32_t size, char** out, int& outLen,
-                                 std::int64_t tail = 0) {
+inline char* OpenRestoredRequest(Call& call, const char* in, const RequestHead& h, std::uint32_t size, char** out,
+                                 int& outLen, std::int64_t tail = 0) {
     const std::int64_t total = static_cast<std::int64_t>(h.count) * size + kReqHeadLen;
     if (total > INT_MAX || total + kReqSpare < kReqHeadLen) {
-        Refuse(Reason::size_not_representable);
+        call.Refuse(Reason::size_not_representable);
         return nullptr;
     }
-    char* buf = OpenBlock(out, outLen, total, kReqSpare, kReqHeadLen, tail, Records(h.count));
+    char* buf = OpenBlock(call, out, outLen, total, kReqSpare, kReqHeadLen, tail, Records(h.count));
     if (buf == nullptr) return nullptr;
     // Two fixed copies, both inlined (one of 76 bytes becomes a call).
     std::memcpy(buf, in, 64);
@@ -271,8 +257,8 @@ inline char* OpenRestoredRequest(const char* in, const RequestHead& h, std::uint
 
 // The restored head states its own length and the layout size.
 inline void CloseRestoredRequest(char* buf, std::uint32_t size) {
-    StoreI32(buf + kOffHeadLen, kReqHeadLen);
-    StoreI32(buf + kReqOffSize, static_cast<std::int32_t>(size));
+    head::Store(buf, head::kLengthAt, kReqHeadLen);
+    head::Store(buf, head::kRequestSizeAt, static_cast<std::int32_t>(size));
 }
 
 // Copies the records of a request that travelled raw: record i comes from

@@ -45,28 +45,32 @@
 namespace trdcomp::detail {
 
 // Codes the records of a caller's array (extent bytes, stride apart) as
-// length-prefixed records at out + pos, each against the one before. Stops
-// at the first record that does not lie inside the array. False when the
-// capacity ran out. Forced inline: a small request's pack is mostly this
-// framing, and each layout's run has one call site.
+// length-prefixed records at out + pos, each against the one before, while
+// they fit the call's capacity. Stops at the first record that does not lie
+// inside the array. False when the capacity ran out, unless the call
+// measures: then the records that do not fit are counted, not written, and
+// pos ends past the capacity (the packer reports pos as the bytes needed). Forced inline: a
+// small request's pack is mostly this framing, and each layout's run has one
+// call site.
 template <class P>
-TRDCOMP_FORCE_INLINE bool EncodeRecords(const P& p, std::uint32_t size, char* out, std::int64_t& pos,
-                                        std::int64_t cap, const char* data, std::int64_t extent, std::int64_t count,
+TRDCOMP_FORCE_INLINE bool EncodeRecords(Call& call, const P& p, std::uint32_t size, char* out, std::int64_t& pos,
+                                        const char* data, std::int64_t extent, std::int64_t count,
                                         std::int32_t stride) {
     const std::int64_t records = RecordsInside(data, extent, count, stride, size);
-    if (Strict()) {
+    if (call.strict) {
         for (std::int64_t i = 0; i < records; ++i)
-            if (!p.Representable(data + i * stride)) return Refuse(Reason::value_not_representable);
+            if (!p.Representable(data + i * stride)) return call.Refuse(Reason::value_not_representable);
     }
+    const std::int64_t cap = call.capacity;
     const char* prev = nullptr;
     for (std::int64_t i = 0; i < records; ++i) {
         const char* rec = data + i * stride;
         const std::int64_t room = cap - pos - P::kLengthBytes;
-        if (room < 0) return Refuse(Reason::buffer_too_small);
+        if (room < 0 && !call.measure) return call.TooSmall(pos + P::kLengthBytes);
         // Without a known capacity, the records still to come prove the room:
         // each takes at least its length word and its least coded bytes.
         const std::int64_t proven = (records - i) * (P::kLengthBytes + P::kLeastRecord) - P::kLengthBytes;
-        const std::int64_t writable = cap != kUnbounded || P::kExactWrites ? room : proven;
+        const std::int64_t writable = call.capacityKnown || P::kExactWrites ? room : proven;
         char* const dst = out + pos + P::kLengthBytes;
         const auto wide = [&] {
             return EncodeBounded<P::kMaxRecord, P::kSlack>([&](char* d) { return p.Encode(rec, prev, d); }, dst, room,
@@ -77,14 +81,18 @@ TRDCOMP_FORCE_INLINE bool EncodeRecords(const P& p, std::uint32_t size, char* ou
             // The caller's buffer holds the message, so the bytes of this
             // record are its own; room covers the worst case, so no refusal
             // can follow the writes.
-            const bool exact = cap == kUnbounded && writable < static_cast<std::int64_t>(P::kMaxRecord + P::kSlack) &&
+            const bool exact = !call.capacityKnown &&
+                               writable < static_cast<std::int64_t>(P::kMaxRecord + P::kSlack) &&
                                room >= static_cast<std::int64_t>(P::kMaxRecord);
             n = exact ? p.EncodeExact(rec, prev, dst) : wide();
         } else {
             n = wide();
         }
-        if (n < 0) return Refuse(Reason::buffer_too_small);
-        P::StoreLength(out + pos, n);
+        if (n <= room) {
+            P::StoreLength(out + pos, n);
+        } else if (!call.measure) {
+            return call.TooSmall(pos + P::kLengthBytes + n);
+        }
         pos += P::kLengthBytes + n;
         prev = rec;
     }
@@ -94,33 +102,35 @@ TRDCOMP_FORCE_INLINE bool EncodeRecords(const P& p, std::uint32_t size, char* ou
 // Restores a request of layout L: the head (its length and record size
 // words set), then the records decoded, or copied when they travelled raw.
 template <const auto& L, class P>
-TRDCOMP_FORCE_INLINE int RestoreRequestFrame(const P& p, char* in, int inLen, char** out, int& outLen) {
+TRDCOMP_FORCE_INLINE int RestoreRequestFrame(Call& call, const P& p, const char* in, int inLen, char** out,
+                                             int& outLen) {
     static_assert(L.size > 0);
     static_assert(P::template Tail<L>() <= kReqSpare, "a decode limit overruns the spare bytes");
     RequestHead h;
-    if (!ReadRequestHead(in, inLen, h)) return 0;
+    if (!ReadRequestHead(call, in, inLen, h)) return 0;
     const bool decode = h.coded && p.Decodes();
     // The stream's count must be readable, and there are no more records
     // than the message can describe: the least coded record each, one
     // received byte per copied one.
-    if (decode && inLen - h.headLen < P::kCountBytes) return Refuse(Reason::count_past_message);
+    if (decode && inLen - h.headLen < P::kCountBytes) return call.Refuse(Reason::count_past_message);
     const std::int64_t records = Records(h.count);
     if (records > (decode ? (inLen - h.headLen - P::kCountBytes) / P::kMinCoded : inLen))
-        return Refuse(Reason::count_past_message);
+        return call.Refuse(Reason::count_past_message);
     // Into the caller's memory, a count that disagrees is refused before a
     // byte is written (a classic restore hands back the zeroed buffer).
-    const bool into = IntoCallerBlock(out);
-    if (decode && into && !p.CountAgrees(in + h.headLen, h.count)) return Refuse(Reason::stream_count_differs);
-    char* slots = OpenRestoredRequest(in, h, L.size, out, outLen, P::template Tail<L>());
+    const bool into = call.IntoCallerBlock();
+    if (decode && into && !p.CountAgrees(in + h.headLen, h.count)) return call.Refuse(Reason::stream_count_differs);
+    char* slots = OpenRestoredRequest(call, in, h, L.size, out, outLen, P::template Tail<L>());
     if (slots == nullptr) return 0;
     if (!h.coded) {
         CopyRawRecords(in, inLen, h.recordSize, L.size, records, slots);
     } else if (decode) {
-        if (!into && !p.CountAgrees(in + h.headLen, h.count)) return Refuse(Reason::stream_count_differs);
+        if (!into && !p.CountAgrees(in + h.headLen, h.count)) return call.Refuse(Reason::stream_count_differs);
         std::int64_t cursor = h.headLen + P::kCountBytes;
         const std::int64_t decoded = p.template DecodeRun<L>(in, inLen, cursor, records, slots);
-        if (Strict()) {
-            if (const Reason why = StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return Refuse(why);
+        if (call.strict) {
+            if (const Reason why = StrictEnd(cursor, inLen, decoded, records); why != Reason::none)
+                return call.Refuse(why);
         }
     }
     CloseRestoredRequest(*out, L.size);
@@ -133,15 +143,16 @@ TRDCOMP_FORCE_INLINE int RestoreRequestFrame(const P& p, char* in, int inLen, ch
 // 4 + 8k, then each count and layout size) and the sections one after the
 // other. 10 spare zero bytes.
 template <class Shape, class P>
-TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(const P& p, char* in, int inLen, char** out, int& outLen) {
+TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(Call& call, const P& p, const char* in, int inLen, char** out,
+                                            int& outLen) {
     constexpr int k = Shape::kCount;
-    if (in == nullptr || inLen < kAnsHeadLen) return Refuse(Reason::head_too_short);
-    const std::int32_t headLen = LoadI32(in + kOffHeadLen);
-    if (headLen < 0 || headLen > inLen) return Refuse(Reason::head_length_invalid);
+    if (in == nullptr || inLen < kAnsHeadLen) return call.Refuse(Reason::head_too_short);
+    const std::int32_t headLen = head::Load(in, head::kLengthAt);
+    if (headLen < 0 || headLen > inLen) return call.Refuse(Reason::head_length_invalid);
     std::int32_t counts[k];
     std::int64_t cursor = headLen;
     if (const Reason why = p.template ReadCounts<k>(in, inLen, headLen, counts, cursor); why != Reason::none)
-        return Refuse(why);
+        return call.Refuse(why);
     std::int64_t records = 0;
     std::int64_t total = kAnsHeadLen + (k > 1 ? 8 * k + 4 : 0);
     bool negative = false;
@@ -150,12 +161,12 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(const P& p, char* in, int inLen, cha
         records += Records(counts[j]);
         total += Records(counts[j]) * Shape::Size(j, counts[j]);
     }
-    if (records > p.RecordRoom(inLen, headLen, cursor)) return Refuse(Reason::count_past_message);
-    if (total > INT_MAX) return Refuse(Reason::size_not_representable);
-    if (negative && Modern()) return Refuse(Reason::negative_count);
-    const bool into = IntoCallerBlock(out);
+    if (records > p.RecordRoom(inLen, headLen, cursor)) return call.Refuse(Reason::count_past_message);
+    if (total > INT_MAX) return call.Refuse(Reason::size_not_representable);
+    if (negative && call.refuseNegativeCounts) return call.Refuse(Reason::negative_count);
+    const bool into = call.IntoCallerBlock();
     if (k == 1 && p.Decodes() && into && !p.CountAgrees(in + headLen, counts[0]))
-        return Refuse(Reason::stream_count_differs);
+        return call.Refuse(Reason::stream_count_differs);
 
     // Bytes a decoder may write behind the last record, in the caller's memory.
     std::int64_t tail = 0;
@@ -165,7 +176,7 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(const P& p, char* in, int inLen, cha
             tail = tail > P::template Tail<L>() ? tail : P::template Tail<L>();
             return true;
         });
-    char* buf = OpenBlock(out, outLen, total, kAnsSpare, kAnsHeadLen, tail, records);
+    char* buf = OpenBlock(call, out, outLen, total, kAnsSpare, kAnsHeadLen, tail, records);
     if (buf == nullptr) {
         if (P::kZeroLengthOnFailure && !into) outLen = 0;  // a caller's block keeps the size it needs
         return 0;
@@ -173,15 +184,16 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(const P& p, char* in, int inLen, cha
     std::memcpy(buf, in, kAnsHeadLen);
     char* slots = buf + kAnsHeadLen;
     if constexpr (k > 1) {
-        StoreI32(slots, 8 * k + 4);
+        head::Store(slots, 0, 8 * k + 4);
         for (int j = 0; j < k; ++j) {
-            StoreI32(slots + 4 + 8 * j, counts[j]);
-            StoreI32(slots + 8 + 8 * j, static_cast<std::int32_t>(Shape::Size(j, counts[j])));
+            head::Store(slots, 4 + 8 * static_cast<std::size_t>(j), counts[j]);
+            head::Store(slots, 8 + 8 * static_cast<std::size_t>(j), static_cast<std::int32_t>(Shape::Size(j, counts[j])));
         }
         slots += 8 * k + 4;
     }
     if (p.Decodes()) {
-        if (k == 1 && !into && !p.CountAgrees(in + headLen, counts[0])) return Refuse(Reason::stream_count_differs);
+        if (k == 1 && !into && !p.CountAgrees(in + headLen, counts[0]))
+            return call.Refuse(Reason::stream_count_differs);
         std::int64_t decoded = 0;
         for (int j = 0; j < k; ++j) {
             Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
@@ -190,15 +202,17 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(const P& p, char* in, int inLen, cha
                 return true;
             });
         }
-        if (Strict()) {
-            if (const Reason why = StrictEnd(cursor, inLen, decoded, records); why != Reason::none) return Refuse(why);
+        if (call.strict) {
+            if (const Reason why = StrictEnd(cursor, inLen, decoded, records); why != Reason::none)
+                return call.Refuse(why);
         }
     }
-    StoreI32(buf + kOffHeadLen, kAnsHeadLen);
+    head::Store(buf, head::kLengthAt, kAnsHeadLen);
     if constexpr (k == 1) {
-        StoreI32(buf + kAnsOffCount, counts[0]);
-        StoreI32(buf + kAnsOffSize, static_cast<std::int32_t>(Shape::Size(0, counts[0])));
-        if (P::kClearsSectionsBit) StoreI32(buf + kOffFlags, LoadI32(buf + kOffFlags) & ~TRDCOMP_FLAG_SECTIONS);
+        head::Store(buf, head::kAnswerCountAt, counts[0]);
+        head::Store(buf, head::kAnswerSizeAt, static_cast<std::int32_t>(Shape::Size(0, counts[0])));
+        if (P::kClearsSectionsBit)
+            head::Store(buf, head::kFlagsAt, head::Load(buf, head::kFlagsAt) & ~TRDCOMP_FLAG_SECTIONS);
     } else {
         SetFlags(buf, TRDCOMP_FLAG_SECTIONS);
     }

@@ -466,11 +466,11 @@ struct RecordCoder {
 
 // Codes records of layout L (data of `extent` bytes, `stride` apart) as
 // u16-length-prefixed records at out + pos, each against the one before.
-// False when the capacity ran out.
+// False when the call's capacity ran out.
 template <const auto& L>
-TRDCOMP_FORCE_INLINE bool EncodeRun(char* out, std::int64_t& pos, std::int64_t cap, const char* data,
-                                    std::int64_t extent, std::int64_t count, std::int32_t stride) {
-    return d::EncodeRecords(RecordCoder<L>{}, L.size, out, pos, cap, data, extent, count, stride);
+TRDCOMP_FORCE_INLINE bool EncodeRun(d::Call& call, char* out, std::int64_t& pos, const char* data, std::int64_t extent,
+                                    std::int64_t count, std::int32_t stride) {
+    return d::EncodeRecords(call, RecordCoder<L>{}, L.size, out, pos, data, extent, count, stride);
 }
 
 // Decodes up to `count` records from in[cursor, ...) into consecutive slots
@@ -522,7 +522,7 @@ struct Frames {
                       std::int64_t& cursor) const {
         if (Decodes() && inLen - headLen < 2 * k) return Reason::count_past_message;
         if constexpr (k == 1) {
-            counts[0] = d::LoadI32(in + d::kAnsOffCount);
+            counts[0] = head::AnswerArray(in).count;
         } else {
             for (int j = 0; j < k; ++j) counts[j] = Decodes() ? d::LoadU16(in + headLen + 2 * j) : 0;
         }
@@ -536,60 +536,75 @@ struct Frames {
 
 // ---- requests ----
 
+// Appends the coded records of a request behind the head at out (outLen
+// bytes so far): the u16 count, then each record. Records shorter than one
+// record travel raw, flags untouched. Writes nothing past the call's
+// capacity; a call that measures learns the bytes the message needs.
+// Out of line: the route tables and the members share this one instance.
 template <const auto& L>
-int PackRequest(char* out, int& outLen, const char* data, int dataLen, int version, std::int64_t cap = d::kUnbounded) {
+[[gnu::noinline]] int PackRequest(d::Call& call, char* out, int& outLen, const char* data, int dataLen, int version) {
     if (dataLen < static_cast<std::int64_t>(L.size)) {
-        // Shorter than one record: the bytes travel raw, flags untouched.
-        if (dataLen < 0 || (dataLen > 0 && data == nullptr)) return d::Refuse(Reason::null_argument);
-        if (dataLen > cap - outLen) return d::Refuse(Reason::buffer_too_small);
+        if (dataLen < 0 || (dataLen > 0 && data == nullptr)) return call.Refuse(Reason::null_argument);
+        if (dataLen > call.capacity - outLen) return call.TooSmall(static_cast<std::int64_t>(outLen) + dataLen);
         if (dataLen > 0) std::memcpy(out + outLen, data, static_cast<std::size_t>(dataLen));
         outLen += dataLen;
         return 1;
     }
     if (version < 1) return 1;
-    const std::uint16_t count = static_cast<std::uint16_t>(d::LoadI32(out + d::kReqOffCount));
+    const head::Array array = head::RequestArray(out);
+    const auto count = static_cast<std::uint16_t>(array.count);
     std::int64_t pos = outLen;
-    if (cap - pos < 2) return d::Refuse(Reason::buffer_too_small);
-    d::StoreU16(out + pos, count);
+    if (call.capacity - pos >= 2) {
+        d::StoreU16(out + pos, count);
+    } else if (!call.measure) {
+        return call.TooSmall(pos + 2);
+    }
     pos += 2;
-    const bool fits = EncodeRun<L>(out, pos, cap, data, dataLen, count, d::LoadI32(out + d::kReqOffSize));
-    outLen = static_cast<int>(pos);
+    const bool fits = EncodeRun<L>(call, out, pos, data, dataLen, count, array.size);
     if (!fits) return 0;
+    if (pos > call.capacity) return call.TooSmall(pos);
+    outLen = static_cast<int>(pos);
     d::SetFlags(out, TRDCOMP_FLAG_CODED);
     return 1;
 }
 
 template <const auto& L>
-int RestoreRequest(char* in, int inLen, char** out, int& outLen, int version) {
-    return d::RestoreRequestFrame<L>(Frames{version}, in, inLen, out, outLen);
+[[gnu::noinline]] int RestoreRequest(d::Call& call, const char* in, int inLen, char** out, int& outLen, int version) {
+    return d::RestoreRequestFrame<L>(call, Frames{version}, in, inLen, out, outLen);
 }
 
 // ---- answers ----
 
+// Appends the coded arrays of an answer behind its head: every array's u16
+// count, then each array's records as a chain of its own.
 template <class Shape>
-int PackAnswer(char* out, int& outLen, const tagANS_Proc* proc, char* const arrays[5], int version,
-               std::int64_t cap = d::kUnbounded) {
+[[gnu::noinline]] int PackAnswer(d::Call& call, char* out, int& outLen, const tagANS_Proc* proc,
+                                 char* const arrays[5], int version) {
     if (version < 1) return 1;
     std::int64_t pos = outLen;
-    if (cap - pos < 2 * Shape::kCount) return d::Refuse(Reason::buffer_too_small);
     for (int j = 0; j < Shape::kCount; ++j) {
-        d::StoreU16(out + pos, static_cast<std::uint16_t>(proc->nRecCount[j]));
+        if (call.capacity - pos >= 2) {
+            d::StoreU16(out + pos, static_cast<std::uint16_t>(proc->nRecCount[j]));
+        } else if (!call.measure) {
+            return call.TooSmall(pos + 2);
+        }
         pos += 2;
     }
     // Each array codes as many records as its u16 count says.
     const bool fits = d::PackSections<Shape>(
         proc, arrays, [&]<const auto& L>(const char* data, std::int64_t extent, std::int32_t count, std::int32_t size) {
-            return EncodeRun<L>(out, pos, cap, data, extent, static_cast<std::uint16_t>(count), size);
+            return EncodeRun<L>(call, out, pos, data, extent, static_cast<std::uint16_t>(count), size);
         });
-    outLen = static_cast<int>(pos);
     if (!fits) return 0;
+    if (pos > call.capacity) return call.TooSmall(pos);
+    outLen = static_cast<int>(pos);
     d::SetFlags(out, TRDCOMP_FLAG_CODED);
     return 1;
 }
 
 template <class Shape>
-int RestoreAnswer(char* in, int inLen, char** out, int& outLen, int version) {
-    return d::RestoreAnswerFrame<Shape>(Frames{version}, in, inLen, out, outLen);
+[[gnu::noinline]] int RestoreAnswer(d::Call& call, const char* in, int inLen, char** out, int& outLen, int version) {
+    return d::RestoreAnswerFrame<Shape>(call, Frames{version}, in, inLen, out, outLen);
 }
 
 }  // namespace trdcomp::fast

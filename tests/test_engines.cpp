@@ -77,6 +77,11 @@ Chars Words(std::initializer_list<std::int32_t> w) {
     return r;
 }
 
+// A classic call told its capacity, or, with kCapacityUnknown, one that is
+// not (the classic PackReq2008's).
+constexpr std::int64_t kCapacityUnknown = -1;
+d::Call CallFor(std::int64_t cap) { return cap == kCapacityUnknown ? d::ClassicCall() : d::ClassicCall(cap); }
+
 // One layout's request codec in one coding (Fast version or 2008 flag).
 struct Codec {
     int size, param;
@@ -88,14 +93,26 @@ struct Codec {
 template <const auto& L>
 Codec Fast(int version = 1) {
     return {static_cast<int>(L.size), version, true,
-            [=](char* o, int& n, const char* p, int k, std::int64_t cap) { return trdcomp::fast::PackRequest<L>(o, n, p, k, version, cap); },
-            [=](char* i, int k, char** o, int& n) { return trdcomp::fast::RestoreRequest<L>(i, k, o, n, version); }};
+            [=](char* o, int& n, const char* p, int k, std::int64_t cap) {
+                d::Call call = CallFor(cap);
+                return trdcomp::fast::PackRequest<L>(call, o, n, p, k, version);
+            },
+            [=](char* i, int k, char** o, int& n) {
+                d::Call call = d::ClassicCall();
+                return trdcomp::fast::RestoreRequest<L>(call, i, k, o, n, version);
+            }};
 }
 template <const auto& L>
 Codec C2008(char flag = 0) {
     return {static_cast<int>(L.size), flag, false,
-            [=](char* o, int& n, const char* p, int k, std::int64_t cap) { return trdcomp::codec2008::PackRequest<L>(o, n, p, k, flag, cap); },
-            [=](char* i, int k, char** o, int& n) { return trdcomp::codec2008::RestoreRequest<L>(i, k, o, n, flag); }};
+            [=](char* o, int& n, const char* p, int k, std::int64_t cap) {
+                d::Call call = CallFor(cap);
+                return trdcomp::codec2008::PackRequest<L>(call, o, n, p, k, flag);
+            },
+            [=](char* i, int k, char** o, int& n) {
+                d::Call call = d::ClassicCall();
+                return trdcomp::codec2008::RestoreRequest<L>(call, i, k, o, n, flag);
+            }};
 }
 
 Chars Head(const Codec& c, int flags, int count) {
@@ -107,7 +124,7 @@ Chars Pack(const Codec& c, int count, const Chars& data) {
     Chars out = Head(c, c.Flags(), count);
     out.resize(1 << 16);
     int len = 76;
-    EXPECT_EQ(c.pack(out.data(), len, data.data(), static_cast<int>(data.size()), d::kUnbounded), 1);
+    EXPECT_EQ(c.pack(out.data(), len, data.data(), static_cast<int>(data.size()), kCapacityUnknown), 1);
     out.resize(static_cast<std::size_t>(len));
     return out;
 }
@@ -320,7 +337,7 @@ TEST(Framing, ClassicPackersStayInsideTheCallersBuffers) {
         Exact out(told), in(data);
         std::memset(out.data() + 76, 0, told.size() - 76);
         int len = 76;
-        ASSERT_EQ(c.codec.pack(out.data(), len, in.data(), in.size(), d::kUnbounded), 1);
+        ASSERT_EQ(c.codec.pack(out.data(), len, in.data(), in.size(), kCapacityUnknown), 1);
         ASSERT_EQ(len, toldLen);
         EXPECT_EQ(Chars(out.data(), out.data() + len), told);
         Restored r;

@@ -471,14 +471,36 @@ const char* const kHeader =
     "#include \"fastcodec/FastEngine.h\"\n"
     "#include \"trdcomp/TrdCompData.h\"\n"
     "#include \"trdcomp/TrdCompRecords.h\"\n\n"
-    "using trdcomp::detail::Cell;\n\n";
+    "using trdcomp::detail::Call;\n"
+    "using trdcomp::detail::Cell;\n"
+    "using trdcomp::detail::ClassicCall;\n\n";
 
-std::string CellOf(const std::string& cell, const std::string& fn) {
+// A routing cell as a route: a codec cell names the engine instance `fn`
+// gives for the codec's id.
+template <class Fn>
+std::string CellOf(const std::string& cell, const Fn& fn) {
     if (cell == "RAW") return "{}";
     if (cell == "NO_RECORDS") return "{Cell::NoRecords}";
     if (cell == "HEAD_ONLY") return "{Cell::HeadOnly}";
     if (cell == "NOTHING") return "{Cell::Nothing}";
-    return "{Cell::Codec, " + fn + cell + "}";
+    return "{Cell::Codec, " + fn(std::stoi(cell)) + "}";
+}
+
+// The engine instance of each request family for a codec id.
+std::string RequestEngine(int f, int codec) {
+    const char* const engine[4] = {"&e8::PackRequest<k", "&ef::PackRequest<k", "&e8::RestoreRequest<k",
+                                   "&ef::RestoreRequest<k"};
+    return engine[f] + RequestLayout(codec) + ">";
+}
+
+// The engine instance of each answer family for a codec id.
+std::string AnswerEngine(int f, int codec) {
+    switch (f) {
+        case 0: return "&e8::PackAnswer<" + PackShapeType(codec) + ">";
+        case 1: return "&ef::PackAnswer<" + ShapeType(AnswerShape(codec)) + ">";
+        case 2: return "&e8::RestoreAnswer<" + ShapeType(AnswerShape(codec)) + ">";
+        default: return "&ef::RestoreAnswer<" + ShapeType(AnswerShape(codec)) + ">";
+    }
 }
 
 void WriteRequests(std::ostream& o, const Members& m) {
@@ -493,29 +515,22 @@ void WriteRequests(std::ostream& o, const Members& m) {
         o << "int CTrdCompData::" << kFamily[0] << id << Sig(kReqSig[0], false) << " { return 1; }\n";
     for (int id : kReqRestoreStubs)
         o << "int CTrdCompData::" << kFamily[2] << id << Sig(kReqSig[2], false) << " { return 1; }\n";
-    const char* const call[4] = {
-        "e8::PackRequest<k%s>(out, outLen, data, dataLen, flag)",
-        "ef::PackRequest<k%s>(out, outLen, data, dataLen, version)",
-        "e8::RestoreRequest<k%s>(in, inLen, out, outLen, flag)",
-        "ef::RestoreRequest<k%s>(in, inLen, out, outLen, version)",
-    };
+    // The members: a classic call into the engine instance the routes name.
+    const char* const args[4] = {"(call, out, outLen, data, dataLen, flag)", "(call, out, outLen, data, dataLen, version)",
+                                 "(call, in, inLen, out, outLen, flag)", "(call, in, inLen, out, outLen, version)"};
     for (int f = 0; f < 4; ++f) {
-        for (int id : m.req[f]) {
-            char body[256];
-            std::snprintf(body, sizeof body, call[f], RequestLayout(id).c_str());
-            o << "int CTrdCompData::" << kFamily[f] << id << kReqSig[f] << " { return " << body << "; }\n";
-        }
+        for (int id : m.req[f])
+            o << "int CTrdCompData::" << kFamily[f] << id << kReqSig[f] << " {\n    Call call = ClassicCall();\n"
+              << "    return " << RequestEngine(f, id).substr(1) << args[f] << ";\n}\n";
     }
-    o << "\nnamespace trdcomp::detail {\n\nstruct ReqCodecAccess {\n    static constexpr ReqRow kRows[] = {\n";
-    const char* const fn[4] = {"&CTrdCompData::PackReq2008_", "&CTrdCompData::PackReq2011_Fast_",
-                               "&CTrdCompData::RestoreReq2008_", "&CTrdCompData::RestoreReq2011_Fast_"};
+    o << "\nnamespace trdcomp::detail {\n\nconstexpr ReqRow kReqRouteRows[] = {\n";
     for (const Route& r : g_req_routes) {
-        o << "        {" << r.id << ", {";
-        for (int f = 0; f < 4; ++f) o << (f ? ", " : "") << CellOf(r.cell[f], fn[f]);
+        o << "    {" << r.id << ", {";
+        for (int f = 0; f < 4; ++f)
+            o << (f ? ", " : "") << CellOf(r.cell[f], [f](int codec) { return RequestEngine(f, codec); });
         o << "}},\n";
     }
-    o << "    };\n    static constexpr ReqTable kTable = Dense(kRows);\n};\n\n"
-         "const ReqTable kReqRouteTable = ReqCodecAccess::kTable;\n\n";
+    o << "};\nconstinit const ReqTable kReqRouteTable = Dense(kReqRouteRows);\n\n";
     o << "constexpr BoundRow kReqBoundRows[] = {\n";
     for (const Route& r : g_req_routes) {
         std::vector<std::vector<std::string>> sections[2];
@@ -530,46 +545,33 @@ void WriteAnswers(std::ostream& o, const Members& m) {
     o << kHeader << "#include \"answer_layouts.def\"\n";
     WriteSharedChunks(o, g_ans_layouts);
     WriteOffsetChecks(o, g_ans_layouts);
-    o << "\nnamespace e8 = trdcomp::codec2008;\nnamespace ef = trdcomp::fast;\n"
-         "using trdcomp::detail::kUnbounded;\n\n";
+    o << "\nnamespace e8 = trdcomp::codec2008;\nnamespace ef = trdcomp::fast;\n\n";
     o << "int CTrdCompData::PackAns2008_" << kAnsStub << Sig(kAnsSig[0], false) << " { return 1; }\n";
     o << "int CTrdCompData::PackAns2011_Fast_" << kAnsStub << Sig(kAnsSig[1], false) << " { return 1; }\n";
     o << "int CTrdCompData::RestoreAns2008_" << kAnsStub << Sig(kAnsSig[2], false) << " { return 1; }\n";
     o << "int CTrdCompData::RestoreAns2011_Fast_" << kAnsStub << Sig(kAnsSig[3], false) << " { return 1; }\n\n";
-    // Packers with a capacity, for the dispatcher, and the members over them.
-    o << "namespace {\n";
-    for (int id : m.ans[0])
-        o << "int Pack2008Cap_" << id << "(char* out, int& outLen, tagANS_Proc* proc, char* const arrays[5], char flag, "
-          << "std::int64_t cap) { return e8::PackAnswer<" << PackShapeType(id) << ">(out, outLen, proc, arrays, flag, cap); }\n";
-    for (int id : m.ans[1])
-        o << "int PackFastCap_" << id << "(char* out, int& outLen, tagANS_Proc* proc, char* const arrays[5], int version, "
-          << "std::int64_t cap) { return ef::PackAnswer<" << ShapeType(AnswerShape(id))
-          << ">(out, outLen, proc, arrays, version, cap); }\n";
-    o << "}  // namespace\n\n";
-    for (int id : m.ans[0])
-        o << "int CTrdCompData::PackAns2008_" << id << kAnsSig[0] << " {\n    char* const arrays[5] = {a1, a2, a3, a4, a5};\n"
-          << "    return Pack2008Cap_" << id << "(out, outLen, proc, arrays, flag, kUnbounded);\n}\n";
-    for (int id : m.ans[1])
-        o << "int CTrdCompData::PackAns2011_Fast_" << id << kAnsSig[1]
-          << " {\n    char* const arrays[5] = {a1, a2, a3, a4, a5};\n"
-          << "    return PackFastCap_" << id << "(out, outLen, proc, arrays, version, kUnbounded);\n}\n";
-    for (int id : m.ans[2])
-        o << "int CTrdCompData::RestoreAns2008_" << id << kAnsSig[2] << " { return e8::RestoreAnswer<"
-          << ShapeType(AnswerShape(id)) << ">(in, inLen, out, outLen, flag); }\n";
-    for (int id : m.ans[3])
-        o << "int CTrdCompData::RestoreAns2011_Fast_" << id << kAnsSig[3] << " { return ef::RestoreAnswer<"
-          << ShapeType(AnswerShape(id)) << ">(in, inLen, out, outLen, version); }\n";
-
-    o << "\nnamespace trdcomp::detail {\n\nstruct AnsCodecAccess {\n    static constexpr AnsRow kRows[] = {\n";
-    const char* const fn[4] = {"&Pack2008Cap_", "&PackFastCap_", "&CTrdCompData::RestoreAns2008_",
-                               "&CTrdCompData::RestoreAns2011_Fast_"};
+    // The members: a classic call into the engine instance the routes name.
+    const char* const family[4] = {"PackAns2008_", "PackAns2011_Fast_", "RestoreAns2008_", "RestoreAns2011_Fast_"};
+    for (int f = 0; f < 4; ++f) {
+        for (int id : m.ans[f]) {
+            o << "int CTrdCompData::" << family[f] << id << kAnsSig[f] << " {\n";
+            if (f < 2) o << "    char* const arrays[5] = {a1, a2, a3, a4, a5};\n";
+            o << "    Call call = ClassicCall();\n    return " << AnswerEngine(f, id).substr(1)
+              << (f == 0   ? "(call, out, outLen, proc, arrays, flag)"
+                  : f == 1 ? "(call, out, outLen, proc, arrays, version)"
+                  : f == 2 ? "(call, in, inLen, out, outLen, flag)"
+                           : "(call, in, inLen, out, outLen, version)")
+              << ";\n}\n";
+        }
+    }
+    o << "\nnamespace trdcomp::detail {\n\nconstexpr AnsRow kAnsRouteRows[] = {\n";
     for (const Route& r : g_ans_routes) {
-        o << "        {" << r.id << ", {";
-        for (int f = 0; f < 4; ++f) o << (f ? ", " : "") << CellOf(r.cell[f], fn[f]);
+        o << "    {" << r.id << ", {";
+        for (int f = 0; f < 4; ++f)
+            o << (f ? ", " : "") << CellOf(r.cell[f], [f](int codec) { return AnswerEngine(f, codec); });
         o << "}},\n";
     }
-    o << "    };\n    static constexpr AnsTable kTable = Dense(kRows);\n};\n\n"
-         "const AnsTable kAnsRouteTable = AnsCodecAccess::kTable;\n\n";
+    o << "};\nconstinit const AnsTable kAnsRouteTable = Dense(kAnsRouteRows);\n\n";
     o << "constexpr BoundRow kAnsBoundRows[] = {\n";
     for (const Route& r : g_ans_routes) {
         std::vector<std::vector<std::string>> sections[2];

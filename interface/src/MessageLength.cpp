@@ -6,6 +6,7 @@
 
 #include "Routing.h"
 #include "common/Bytes.h"
+#include "trdcomp/MessageHead.hpp"
 #include "trdcomp/trdcomp.hpp"
 
 namespace trdcomp {
@@ -16,8 +17,9 @@ using detail::Cell;
 using detail::LoadI32;
 using detail::LoadU16;
 
-constexpr std::int64_t kReqHead = TRDCOMP_REQ_HEAD_LEN;
-constexpr std::int64_t kAnsHead = TRDCOMP_ANS_HEAD_LEN;
+constexpr std::int64_t kReqHead = head::kRequestLength;
+constexpr std::int64_t kAnsHead = head::kAnswerLength;
+constexpr std::int64_t kTable = head::kSectionTableAt;
 
 FrameLength Complete(std::int64_t n) {
     return n > INT_MAX ? FrameLength{Framing::invalid, 0} : FrameLength{Framing::complete, static_cast<std::size_t>(n)};
@@ -54,18 +56,18 @@ FrameLength Request(const char* p, std::int64_t size, std::int32_t id, std::int3
             break;
     }
     // Records shorter than one record travel raw, with bit 0 clear.
-    if (!(flags & TRDCOMP_FLAG_CODED)) return kCannotTell;
-    if (version == 0) return Walk(p, size, kReqHead, Positive(LoadI32(p + 68)), 4);
+    if (!head::Coded(flags)) return kCannotTell;
+    if (version == 0) return Walk(p, size, kReqHead, Positive(head::RequestArray(p).count), 4);
     if (size < kReqHead + 2) return NeedMore(kReqHead + 2);
     return Walk(p, size, kReqHead + 2, LoadU16(p + kReqHead), 2);
 }
 
 FrameLength Answer(const char* p, std::int64_t size, std::int32_t id, std::int32_t flags, int version) {
     const auto& routes = detail::FindAnsRoutes(id);
-    const bool sections = (flags & TRDCOMP_FLAG_SECTIONS) != 0;
+    const bool sections = head::SeveralArrays(flags);
     const Cell cell = version != 0 ? routes.packFast.cell : routes.pack2008.cell;
     if (cell == Cell::Codec) {
-        if (!(flags & TRDCOMP_FLAG_CODED)) return kCannotTell;
+        if (!head::Coded(flags)) return kCannotTell;
         const auto& bounds = detail::FindBounds(detail::kAnsBoundTable, id);
         const int k = version != 0 ? bounds.arraysFast : bounds.arrays2008;
         if (k < 1) return kCannotTell;
@@ -81,16 +83,16 @@ FrameLength Answer(const char* p, std::int64_t size, std::int32_t id, std::int32
         std::int64_t cursor = kAnsHead;
         std::int32_t table = 0;
         if (sections) {
-            if (size < kAnsHead + 4) return NeedMore(kAnsHead + 4);
-            table = LoadI32(p + kAnsHead);
+            if (size < kTable + 4) return NeedMore(kTable + 4);
+            table = LoadI32(p + kTable);
             if (table < 4) return kInvalid;
             cursor += table;
         }
-        if (k == 1) return Walk(p, size, cursor, Positive(LoadI32(p + 88)), 4);
+        if (k == 1) return Walk(p, size, cursor, Positive(head::AnswerArray(p).count), 4);
         if (table < 4 + 8 * k) return kInvalid;  // the restore refuses it too
-        if (size < kAnsHead + 4 + 8 * k) return NeedMore(kAnsHead + 4 + 8 * k);
+        if (size < kTable + 4 + 8 * k) return NeedMore(kTable + 4 + 8 * k);
         std::int64_t records = 0;
-        for (int j = 0; j < k; ++j) records += Positive(LoadI32(p + kAnsHead + 4 + 8 * j));
+        for (int j = 0; j < k; ++j) records += Positive(head::SectionEntry(p + kTable, j).count);
         return Walk(p, size, cursor, records, 4);
     }
     // Head alone, or the raw arrays: the 2008 coding writes a section table
@@ -99,28 +101,30 @@ FrameLength Answer(const char* p, std::int64_t size, std::int32_t id, std::int32
     std::int64_t table = 0;
     if (sections) {
         if (version != 0) return cell == Cell::Raw ? kCannotTell : Complete(kAnsHead);
-        if (size < kAnsHead + 4) return NeedMore(kAnsHead + 4);
-        table = LoadI32(p + kAnsHead);
+        if (size < kTable + 4) return NeedMore(kTable + 4);
+        table = LoadI32(p + kTable);
         if (table < 4) return kInvalid;
     }
     if (cell != Cell::Raw) return Complete(kAnsHead + table);
-    if (flags & TRDCOMP_FLAG_CODED) return kInvalid;  // the raw restore refuses coded records
+    if (head::Coded(flags)) return kInvalid;  // the raw restore refuses coded records
     std::int64_t bytes = 0;
     if (sections) {
         const std::int64_t entries = (table - 4) / 8;
         if (entries > 5) return kCannotTell;  // entries past the fifth are not written
-        if (size < kAnsHead + 4 + 8 * entries) return NeedMore(kAnsHead + 4 + 8 * entries);
+        if (size < kTable + 4 + 8 * entries) return NeedMore(kTable + 4 + 8 * entries);
         // As the raw restore: no entry negative, and no sum past what an
         // int counts (each term is below 2^62, checked before the next).
         for (std::int64_t i = 0; i < entries; ++i) {
-            const std::int64_t count = LoadI32(p + kAnsHead + 4 + 8 * i);
-            const std::int64_t bytesEach = LoadI32(p + kAnsHead + 8 + 8 * i);
+            const head::Array e = head::SectionEntry(p + kTable, static_cast<int>(i));
+            const std::int64_t count = e.count;
+            const std::int64_t bytesEach = e.size;
             if (count < 0 || bytesEach < 0) return kInvalid;
             bytes += count * bytesEach;
             if (bytes > INT32_MAX) return kInvalid;
         }
     } else {
-        bytes = static_cast<std::int64_t>(LoadI32(p + 88)) * LoadI32(p + 92);
+        const head::Array a = head::AnswerArray(p);
+        bytes = static_cast<std::int64_t>(a.count) * a.size;
     }
     if (bytes < 0) return kInvalid;
     return Complete(kAnsHead + table + bytes);
@@ -132,13 +136,14 @@ FrameLength MessageLength(const char* prefix, std::size_t size) noexcept {
     if (prefix == nullptr && size != 0) return kInvalid;
     const std::int64_t n = size > static_cast<std::size_t>(INT64_MAX) ? INT64_MAX : static_cast<std::int64_t>(size);
     if (n < 4) return NeedMore(4);
-    const std::int32_t headLen = LoadI32(prefix);
-    if (headLen != kReqHead && headLen != kAnsHead) return kInvalid;
+    const head::Direction direction = head::DirectionOf(prefix, static_cast<std::size_t>(n));
+    if (direction == head::kNoMessage) return kInvalid;
+    const std::int64_t headLen = direction == head::kRequest ? kReqHead : kAnsHead;
     if (n < headLen) return NeedMore(headLen);
-    const std::int32_t id = LoadI32(prefix + 4);
-    const std::int32_t flags = LoadI32(prefix + 8);
-    const int version = (flags >> TRDCOMP_FLAG_FAST_SHIFT) & 0xF;
-    return headLen == kReqHead ? Request(prefix, n, id, flags, version) : Answer(prefix, n, id, flags, version);
+    const head::Routing r = head::ReadRouting(prefix);
+    const int version = head::FastVersion(r.flags);
+    return direction == head::kRequest ? Request(prefix, n, r.functionId, r.flags, version)
+                                       : Answer(prefix, n, r.functionId, r.flags, version);
 }
 
 }  // namespace trdcomp

@@ -1,12 +1,16 @@
 // Routing of function ids to codecs: one entry per id and direction, with a
 // cell for each coding. Ids 1000..1261 index a dense table; 8996..8999 follow
-// it; every other id takes the raw path without a table look-up.
+// it; every other id takes the raw path without a table look-up. A codec
+// cell holds the engine's instance for the id's layout or shape, which takes
+// the explicit call (common/Call.h); the classic per-id members are thin
+// adapters over the same instances.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 
+#include "common/Call.h"
 #include "trdcomp/TrdCompData.h"
 
 namespace trdcomp::detail {
@@ -19,15 +23,17 @@ enum class Cell : unsigned char {
     Nothing,    // restoring: succeed with nothing allocated
 };
 
-using PackReq2008Fn = int (*)(char*, int&, char*, int, char);
-using PackReqFastFn = int (*)(char*, int&, char*, int, int);
-using RestoreReq2008Fn = int (*)(char*, int, char**, int&, char);
-using RestoreReqFastFn = int (*)(char*, int, char**, int&, int);
-// Answer packers take the arrays as one table and the capacity of the output.
-using PackAns2008Fn = int (*)(char*, int&, tagANS_Proc*, char* const*, char, std::int64_t);
-using PackAnsFastFn = int (*)(char*, int&, tagANS_Proc*, char* const*, int, std::int64_t);
-using RestoreAns2008Fn = int (*)(char*, int, char**, int&, char);
-using RestoreAnsFastFn = int (*)(char*, int, char**, int&, int);
+// The engines' entry points: the call, then the classic arguments (the 2008
+// codings take the flag, the Fast ones the version). Answer packers take the
+// arrays as one table.
+using PackReq2008Fn = int (*)(Call&, char*, int&, const char*, int, char);
+using PackReqFastFn = int (*)(Call&, char*, int&, const char*, int, int);
+using RestoreReq2008Fn = int (*)(Call&, const char*, int, char**, int&, char);
+using RestoreReqFastFn = int (*)(Call&, const char*, int, char**, int&, int);
+using PackAns2008Fn = int (*)(Call&, char*, int&, const tagANS_Proc*, char* const*, char);
+using PackAnsFastFn = int (*)(Call&, char*, int&, const tagANS_Proc*, char* const*, int);
+using RestoreAns2008Fn = int (*)(Call&, const char*, int, char**, int&, char);
+using RestoreAnsFastFn = int (*)(Call&, const char*, int, char**, int&, int);
 
 template <class Fn>
 struct Route {

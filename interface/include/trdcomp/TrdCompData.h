@@ -71,8 +71,6 @@ enum {
     TRDCOMP_ANS_HEAD_LEN = 96
 };
 
-namespace trdcomp { namespace detail { struct ReqCodecAccess; struct AnsCodecAccess; } }
-
 class TRDCOMP_API CTrdCompData {
 public:
     CTrdCompData();
@@ -104,14 +102,11 @@ public:
     static void ReleaseAnsData(char* p);
 
 private:
-    /* The routing tables name the codec members below. */
-    friend struct trdcomp::detail::ReqCodecAccess;
-    friend struct trdcomp::detail::AnsCodecAccess;
-
     /* One codec member per function id, direction and coding, generated from
      * the record catalogue: PackReq2008_<id>, RestoreReq2008_<id>,
      * PackReq2011_Fast_<id>, RestoreReq2011_Fast_<id> and the same four for
-     * answers (PackAns2008_<id>, ...). */
+     * answers (PackAns2008_<id>, ...). Each makes a classic call into the
+     * record engine instance that the dispatchers' routes name as well. */
 #include "TrdCompMembers.inc"
 };
 

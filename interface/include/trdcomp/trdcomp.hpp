@@ -1,11 +1,15 @@
 // trdcomp: the modern interface (C++17 or later) beside CTrdCompData.
 //
-// Every function here calls the classic members; nothing is coded twice.
-// What this layer adds is what callers of the classic interface write by
-// hand: packing into a buffer of known capacity (an error instead of an
-// overrun), an upper bound of a message's packed size, a restored message
-// that owns its buffer and releases it through ReleaseAnsData, and typed,
-// bounds-checked access to the restored head and records.
+// The functions here are thin wrappers over the library's modern entry
+// points, which make their own call into the same core the classic members
+// use (the same dispatchers, engines and wire bytes). What this face adds is
+// what callers of the classic interface write by hand: packing into a buffer
+// of known capacity (an error with the bytes needed instead of an overrun,
+// and never an allocation), an upper bound of a message's packed size,
+// restoring into the caller's memory, a restored message that owns its
+// buffer and releases it through ReleaseAnsData, limits and a strict mode,
+// the reason of every refusal, and typed, bounds-checked access to the
+// restored head and records.
 //
 //     trdcomp::Coding coding = trdcomp::Coding::Fast();
 //     trdcomp::span<const tagREQ_1002> records(orders, n);
@@ -34,6 +38,7 @@
 #include <span>
 #endif
 
+#include "MessageHead.hpp"
 #include "Reasons.hpp"
 #include "TrdCompData.h"
 #include "TrdCompRecords.h"
@@ -140,90 +145,29 @@ std::uint64_t RequestSizeBound(tagREQ_HEAD head, span<const R> records, Coding c
 
 namespace detail {
 
-struct Scratch {
-    char* p = nullptr;
-    explicit Scratch(std::uint64_t n) noexcept : p(n <= static_cast<std::uint64_t>(INT_MAX) ? new (std::nothrow) char[n] : nullptr) {}
-    ~Scratch() { delete[] p; }
-    Scratch(const Scratch&) = delete;
-    Scratch& operator=(const Scratch&) = delete;
-};
-
-inline int Capacity(std::size_t n) noexcept { return n > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(n); }
-
-// The calls of the modern interface run the classic members inside a call
-// scope of their thread: the library then applies the caller's limits and
-// strict mode, and records the reason of a refusal where it stops. Outside
-// a scope the classic members behave as they always did.
-TRDCOMP_API void EnterCall(bool strict, std::uint64_t maxBytes, std::uint64_t maxRecords) noexcept;
-// Ends the scope; returns the reason of the last refusal inside it (none)
-// and, for a limit, the bytes the restore would have needed.
-TRDCOMP_API Reason LeaveCall(std::uint64_t* needed) noexcept;
-
-class CallScope {
-public:
-    CallScope(bool strict, std::uint64_t maxBytes = UINT64_MAX, std::uint64_t maxRecords = UINT64_MAX) noexcept {
-        EnterCall(strict, maxBytes, maxRecords);
-    }
-    ~CallScope() {
-        if (open_) LeaveCall(nullptr);
-    }
-    Reason Leave(std::uint64_t* needed = nullptr) noexcept {
-        open_ = false;
-        return LeaveCall(needed);
-    }
-    CallScope(const CallScope&) = delete;
-    CallScope& operator=(const CallScope&) = delete;
-
-private:
-    bool open_ = true;
-};
-
-inline PackResult Fail(Reason r, std::size_t needed = 0) noexcept { return PackResult{0, ErrcOf(r), needed, r}; }
-
-inline Reason CheckCoding(const Coding& c) noexcept {
-    return c.fastVersion < 0 || c.fastVersion > 15 ? Reason::invalid_fast_version : Reason::none;
-}
+// The library's modern pack entry points (the span wrappers below call them).
+TRDCOMP_API PackResult PackRequestInto(char* out, std::size_t capacity, const tagREQ_HEAD& head, const char* data,
+                                       std::size_t dataLen, const Coding& coding) noexcept;
+TRDCOMP_API PackResult PackAnswerInto(char* out, std::size_t capacity, const tagANS_Proc& proc, const Array* arrays,
+                                      std::size_t arrayCount, const Coding& coding) noexcept;
 
 }  // namespace detail
 
 // Packs a request into `out`: the head as given (its coding bits replaced by
-// `coding`), then `data`. Never writes past out.size(). More than 65535
-// records in the Fast coding are refused (its stream counts in 16 bits).
-inline PackResult PackRequest(span<char> out, tagREQ_HEAD head, span<const char> data, Coding coding) noexcept {
-    if (out.data() == nullptr) return detail::Fail(Reason::null_argument);
-    if (data.size() > static_cast<std::size_t>(INT_MAX)) return detail::Fail(Reason::length_too_large);
-    if (detail::CheckCoding(coding) != Reason::none) return detail::Fail(detail::CheckCoding(coding));
-    if (coding.IsFast() && head.nRecCount > 0xFFFF) return detail::Fail(Reason::too_many_fast_records);
-    head.nFlags = (head.nFlags & ~TRDCOMP_FLAG_FAST_MASK) | (coding.fastVersion << TRDCOMP_FLAG_FAST_SHIFT);
-    const std::uint64_t bound = RequestSizeBound(head, data.size(), coding);
-    char* const records = const_cast<char*>(data.data());
-    const int dataLen = static_cast<int>(data.size());
-    int len = 0;
-    detail::CallScope scope(coding.strict);
-    if (bound <= out.size()) {
-        CTrdCompData::PackReq2008(out.data(), len, &head, records, dataLen, coding.flag);
-        const Reason why = scope.Leave();
-        if (why != Reason::none) return detail::Fail(why);
-        return {static_cast<std::size_t>(len), Errc::ok, 0, Reason::none};
-    }
-    // The classic packer has no capacity: pack into a block of the bound and
-    // copy what fits.
-    if (bound > static_cast<std::uint64_t>(INT_MAX)) return detail::Fail(Reason::length_too_large);
-    detail::Scratch scratch(bound);
-    if (scratch.p == nullptr) return detail::Fail(Reason::out_of_memory);
-    CTrdCompData::PackReq2008(scratch.p, len, &head, records, dataLen, coding.flag);
-    const Reason why = scope.Leave();
-    if (why != Reason::none) return detail::Fail(why);
-    if (static_cast<std::size_t>(len) > out.size()) return detail::Fail(Reason::buffer_too_small, static_cast<std::size_t>(len));
-    std::memcpy(out.data(), scratch.p, static_cast<std::size_t>(len));
-    return {static_cast<std::size_t>(len), Errc::ok, 0, Reason::none};
+// `coding`), then `data`. Never writes past out.size() and never allocates:
+// a buffer too small gives buffer_too_small with `needed`, the exact packed
+// length. More than 65535 records in the Fast coding are refused (its stream
+// counts in 16 bits).
+inline PackResult PackRequest(span<char> out, const tagREQ_HEAD& head, span<const char> data, Coding coding) noexcept {
+    return detail::PackRequestInto(out.data(), out.size(), head, data.data(), data.size(), coding);
 }
 
 // Typed records: the head's count and record size are taken from `records`.
 template <class R>
 PackResult PackRequest(span<char> out, tagREQ_HEAD head, span<const R> records, Coding coding) noexcept {
     static_assert(std::is_trivially_copyable_v<R>, "records are packed structs");
-    if (records.size() > static_cast<std::size_t>(INT_MAX) / sizeof(R)) return detail::Fail(Reason::length_too_large);
+    if (records.size() > static_cast<std::size_t>(INT_MAX) / sizeof(R))
+        return PackResult{0, Errc::too_large, 0, Reason::length_too_large};
     head.nRecCount = static_cast<int>(records.size());
     head.nRecSize = static_cast<int>(sizeof(R));
     return PackRequest(out, head, span<const char>(reinterpret_cast<const char*>(records.data()), records.size() * sizeof(R)),
@@ -231,49 +175,11 @@ PackResult PackRequest(span<char> out, tagREQ_HEAD head, span<const R> records, 
 }
 
 // Packs an answer of up to five record arrays described by `proc` (its
-// array table is filled from `arrays`). Never writes past out.size(). An
-// array of more than 65535 records in the Fast coding is refused. With
-// buffer_too_small, `needed` is the exact packed length.
-inline PackResult PackAnswer(span<char> out, tagANS_Proc proc, span<const Array> arrays, Coding coding) noexcept {
-    if (out.data() == nullptr) return detail::Fail(Reason::null_argument);
-    if (arrays.size() > 5) return detail::Fail(Reason::too_many_arrays);
-    if (detail::CheckCoding(coding) != Reason::none) return detail::Fail(detail::CheckCoding(coding));
-    char* a[5] = {};
-    proc.nArrayCount = static_cast<int>(arrays.size());
-    int j = 0;
-    for (const Array& x : arrays) {
-        if (coding.IsFast() && x.count > 0xFFFF) return detail::Fail(Reason::too_many_fast_records);
-        a[j] = const_cast<char*>(x.data);
-        proc.nRecCount[j] = x.count;
-        proc.nRecSize[j] = x.size;
-        ++j;
-    }
-    const int codingWord = coding.fastVersion << TRDCOMP_FLAG_FAST_SHIFT;
-    const std::uint64_t bound = AnswerSizeBound(proc, coding);
-    Reason why = Reason::none;
-    auto pack = [&](char* dst, std::size_t cap) {
-        std::memset(dst, 0, 20);  // the flags word is or-ed into; bytes 12..19 are not written
-        int len = 0;
-        detail::CallScope scope(coding.strict);
-        CTrdCompData::PackAns2008(dst, detail::Capacity(cap), len, &proc, a[0], a[1], a[2], a[3], a[4], coding.flag, codingWord);
-        why = scope.Leave();
-        return len;
-    };
-    int len = 0;
-    if (out.size() >= static_cast<std::size_t>(TRDCOMP_ANS_HEAD_LEN)) {
-        len = pack(out.data(), out.size());
-        if (len > 0) return {static_cast<std::size_t>(len), Errc::ok, 0, Reason::none};
-        if (why != Reason::none && why != Reason::buffer_too_small) return detail::Fail(why);
-        if (bound <= out.size()) return detail::Fail(why != Reason::none ? why : Reason::buffer_too_small);
-    }
-    if (bound > static_cast<std::uint64_t>(INT_MAX)) return detail::Fail(Reason::length_too_large);
-    // Refused within the caller's capacity: find out how much room it needs.
-    const std::uint64_t room = bound < std::uint64_t{TRDCOMP_ANS_HEAD_LEN} ? std::uint64_t{TRDCOMP_ANS_HEAD_LEN} : bound;
-    detail::Scratch scratch(room);
-    if (scratch.p == nullptr) return detail::Fail(Reason::out_of_memory);
-    const int needed = pack(scratch.p, static_cast<std::size_t>(room));
-    if (needed > 0) return detail::Fail(Reason::buffer_too_small, static_cast<std::size_t>(needed));
-    return detail::Fail(why != Reason::none ? why : Reason::buffer_too_small);
+// array table is filled from `arrays`). Never writes past out.size() and
+// never allocates. An array of more than 65535 records in the Fast coding is
+// refused. With buffer_too_small, `needed` is the exact packed length.
+inline PackResult PackAnswer(span<char> out, const tagANS_Proc& proc, span<const Array> arrays, Coding coding) noexcept {
+    return detail::PackAnswerInto(out.data(), out.size(), proc, arrays.data(), arrays.size(), coding);
 }
 
 inline PackResult PackAnswer(span<char> out, const tagANS_Proc& proc, std::initializer_list<Array> arrays, Coding coding) noexcept {
@@ -293,26 +199,21 @@ struct RestoreOptions {
 class Restored;
 class RestoredView;
 namespace detail {
-template <class Classic>
-Restored Restore(span<const char> in, const RestoreOptions& options, bool request, Classic classic) noexcept;
-RestoredView RestoreInto(span<char> dst, span<const char> in, const RestoreOptions& options, bool request) noexcept;
-struct ViewAccess;  // the library's makers of RestoredView
+struct ViewAccess;  // the library's makers of RestoredView and Restored
 
-// Exported by the library. RestoreIntoBlock restores `in` into dst[0,
-// capacity): 1 done (*len: the restored length), 0 refused, -1 dst too small
-// (*len: the bytes needed); nothing is written past dst + capacity.
-// RestoredBytes: the bytes such a restore needs, 0 when refused.
-TRDCOMP_API int RestoreIntoBlock(bool request, char* dst, std::size_t capacity, const char* in, std::size_t inLen,
-                                 char flag, std::size_t* len) noexcept;
-TRDCOMP_API std::size_t RestoredBytes(bool request, const char* in, std::size_t inLen, char flag) noexcept;
-// RestoreIntoBlock inside a call scope of its own (the options' strict mode
-// and limits), made into the view RestoreInto returns in the same call: the
-// hot path of a receiver pays one call into the library. One entry point a
-// direction, so that neither tests the direction.
+// The library's modern restore entry points, one a direction so that
+// neither tests the direction. Restore*Owned: into a fresh block the result
+// owns. Restore*IntoView: into dst[0, capacity), nothing written past it; the
+// hot path of a receiver pays one call into the library. RestoredBytes: the
+// bytes such a restore needs, 0 when refused.
+TRDCOMP_API Restored RestoreRequestOwned(const char* in, std::size_t inLen, const RestoreOptions& options) noexcept;
+TRDCOMP_API Restored RestoreAnswerOwned(const char* in, std::size_t inLen, const RestoreOptions& options) noexcept;
 TRDCOMP_API RestoredView RestoreRequestIntoView(char* dst, std::size_t capacity, const char* in, std::size_t inLen,
                                                 const RestoreOptions& options) noexcept;
 TRDCOMP_API RestoredView RestoreAnswerIntoView(char* dst, std::size_t capacity, const char* in, std::size_t inLen,
                                                const RestoreOptions& options) noexcept;
+TRDCOMP_API std::size_t RestoredBytes(bool request, const char* in, std::size_t inLen,
+                                      const RestoreOptions& options) noexcept;
 }  // namespace detail
 
 // A restored request or answer in memory it does not own: what RestoreInto
@@ -358,23 +259,9 @@ public:
     int Sections() const noexcept {
         if (request_) return RequestHead() ? 1 : 0;
         if (!AnswerHead()) return 0;
-        if (!(AnswerHead()->nFlags & TRDCOMP_FLAG_SECTIONS)) return 1;
-        if (Size() < TRDCOMP_ANS_HEAD_LEN + 4u) return 0;
-        const std::int32_t table = Word(TRDCOMP_ANS_HEAD_LEN);
-        if (table < 4 || static_cast<std::size_t>(table) > Size() - TRDCOMP_ANS_HEAD_LEN) return 0;
-        const int n = (table - 4) / 8 < 5 ? (table - 4) / 8 : 5;
-        // Every entry non-negative, and all of them together inside the bytes
-        // (each term, below 2^62, is checked against what is left before it
-        // is added).
-        const std::int64_t room = static_cast<std::int64_t>(Size()) - TRDCOMP_ANS_HEAD_LEN;
-        std::int64_t bytes = table;
-        for (int i = 0; i < n; ++i) {
-            const std::int64_t count = Word(TRDCOMP_ANS_HEAD_LEN + 4 + 8 * static_cast<std::size_t>(i));
-            const std::int64_t size = Word(TRDCOMP_ANS_HEAD_LEN + 8 + 8 * static_cast<std::size_t>(i));
-            if (count < 0 || size < 0 || count * size > room - bytes) return 0;
-            bytes += count * size;
-        }
-        return n;
+        if (!head::SeveralArrays(AnswerHead()->nFlags)) return 1;
+        head::SectionTable table;
+        return Table(&table) ? table.entries : 0;
     }
 
     // Section j, with its records checked to lie inside the restored bytes;
@@ -386,14 +273,16 @@ public:
         if (request_) {
             s = {RequestHead()->nRecCount, RequestHead()->nRecSize, nullptr};
             at = TRDCOMP_REQ_HEAD_LEN;
-        } else if (!(AnswerHead()->nFlags & TRDCOMP_FLAG_SECTIONS)) {
+        } else if (!head::SeveralArrays(AnswerHead()->nFlags)) {
             s = {AnswerHead()->nRecCount, AnswerHead()->nRecSize, nullptr};
             at = TRDCOMP_ANS_HEAD_LEN;
         } else {
-            // Sections() checked the entries: the sums stay inside Size().
-            at = TRDCOMP_ANS_HEAD_LEN + static_cast<std::int64_t>(Word(TRDCOMP_ANS_HEAD_LEN));
-            for (int i = 0; i < j; ++i) at += Records(i);
-            s = {Word(TRDCOMP_ANS_HEAD_LEN + 4 + 8 * j), Word(TRDCOMP_ANS_HEAD_LEN + 8 + 8 * j), nullptr};
+            // Table() checked the entries: the sums stay inside Size().
+            head::SectionTable table;
+            Table(&table);
+            at = TRDCOMP_ANS_HEAD_LEN + static_cast<std::int64_t>(table.length);
+            for (int i = 0; i < j; ++i) at += static_cast<std::int64_t>(table.entry[i].count) * table.entry[i].size;
+            s = {table.entry[j].count, table.entry[j].size, nullptr};
         }
         const std::int64_t bytes = static_cast<std::int64_t>(s.count > 0 ? s.count : 0) * (s.size > 0 ? s.size : 0);
         if (s.size < 0 || at < 0 || at > static_cast<std::int64_t>(Size()) || bytes > static_cast<std::int64_t>(Size()) - at)
@@ -428,19 +317,14 @@ protected:
     RestoredView(bool request, Reason why, std::size_t needed = 0) noexcept
         : request_(request), error_(ErrcOf(why)), why_(why), needed_(needed) {}
 
-    template <class Classic>
-    friend Restored detail::Restore(span<const char>, const RestoreOptions&, bool, Classic) noexcept;
     friend struct detail::ViewAccess;
 
-    std::int32_t Word(std::size_t off) const noexcept {
-        std::int32_t v = 0;
-        if (off + 4 <= Size()) std::memcpy(&v, p_ + off, 4);
-        return v;
-    }
-    std::int64_t Records(int j) const noexcept {
-        const std::int64_t n = Word(TRDCOMP_ANS_HEAD_LEN + 4 + 8 * static_cast<std::size_t>(j));
-        const std::int64_t s = Word(TRDCOMP_ANS_HEAD_LEN + 8 + 8 * static_cast<std::size_t>(j));
-        return n > 0 && s > 0 ? n * s : 0;
+    // The section table of a restored answer, its written entries checked.
+    bool Table(head::SectionTable* t) const noexcept {
+        if (Size() < static_cast<std::size_t>(TRDCOMP_ANS_HEAD_LEN)) return false;
+        const long long room = static_cast<long long>(Size()) - TRDCOMP_ANS_HEAD_LEN;
+        return head::CheckSectionTable(p_ + head::kSectionTableAt, room, head::kMaxSectionEntries, t, nullptr,
+                                       nullptr) == head::kTableOk;
     }
 
     char* p_ = nullptr;
@@ -468,63 +352,29 @@ public:
     Restored(const Restored&) = delete;
     Restored& operator=(const Restored&) = delete;
     ~Restored() { CTrdCompData::ReleaseAnsData(p_); }
+
+private:
+    friend struct detail::ViewAccess;
 };
 
 namespace detail {
-
-inline std::uint64_t Limit(std::size_t n) noexcept {
-    return n == static_cast<std::size_t>(-1) ? UINT64_MAX : static_cast<std::uint64_t>(n);
-}
-
-// Calls a classic restore on `in` inside a call scope (limits and strict mode
-// of `options`); the result tells refusal apart from success.
-template <class Classic>
-Restored Restore(span<const char> in, const RestoreOptions& options, bool request, Classic classic) noexcept {
-    Restored r;
-    r.request_ = request;
-    if (in.data() == nullptr || in.size() > static_cast<std::size_t>(INT_MAX)) {
-        r.why_ = in.data() == nullptr ? Reason::null_argument : Reason::length_too_large;
-        r.error_ = ErrcOf(r.why_);
-        return r;
-    }
-    CallScope scope(options.strict, Limit(options.maxBytes), Limit(options.maxRecords));
-    const int rc = classic(const_cast<char*>(in.data()), static_cast<int>(in.size()), &r.p_, r.len_, options.flag);
-    std::uint64_t needed = 0;
-    Reason why = scope.Leave(&needed);
-    // The raw request path reports success with no buffer when its allocation failed.
-    if (rc == 1 && r.p_ == nullptr && r.len_ > 0) why = Reason::out_of_memory;
-    if (rc != 1 && why == Reason::none) why = Reason::head_length_invalid;  // the dispatcher's own checks
-    r.why_ = rc == 1 && why != Reason::out_of_memory ? Reason::none : why;
-    r.error_ = ErrcOf(r.why_);
-    if (r.error_ == Errc::limit_exceeded) r.needed_ = static_cast<std::size_t>(needed);
-    if (r.error_ != Errc::ok) r.len_ = 0;
-    return r;
-}
 
 inline RestoredView RestoreInto(span<char> dst, span<const char> in, const RestoreOptions& options, bool request) noexcept {
     return request ? RestoreRequestIntoView(dst.data(), dst.size(), in.data(), in.size(), options)
                    : RestoreAnswerIntoView(dst.data(), dst.size(), in.data(), in.size(), options);
 }
 
-// Head word 0 tells a request (76) from an answer (96).
-inline int Direction(span<const char> msg) noexcept {
-    std::int32_t w = 0;
-    if (msg.data() == nullptr || msg.size() < 4) return 0;
-    std::memcpy(&w, msg.data(), 4);
-    return w == TRDCOMP_REQ_HEAD_LEN ? 1 : w == TRDCOMP_ANS_HEAD_LEN ? 2 : 0;
-}
-
 }  // namespace detail
 
 inline Restored RestoreRequest(span<const char> in, const RestoreOptions& options) noexcept {
-    return detail::Restore(in, options, true, &CTrdCompData::RestoreReq2008);
+    return detail::RestoreRequestOwned(in.data(), in.size(), options);
 }
 inline Restored RestoreRequest(span<const char> in, char flag = 0) noexcept {
     return RestoreRequest(in, RestoreOptions{flag});
 }
 
 inline Restored RestoreAnswer(span<const char> in, const RestoreOptions& options) noexcept {
-    return detail::Restore(in, options, false, &CTrdCompData::RestoreAns2008);
+    return detail::RestoreAnswerOwned(in.data(), in.size(), options);
 }
 inline Restored RestoreAnswer(span<const char> in, char flag = 0) noexcept {
     return RestoreAnswer(in, RestoreOptions{flag});
@@ -544,19 +394,18 @@ inline RestoredView RestoreAnswerInto(span<char> dst, span<const char> msg, cons
 }
 // The direction from head word 0 (76: request, 96: answer; else refused).
 inline RestoredView RestoreInto(span<char> dst, span<const char> msg, const RestoreOptions& options = {}) noexcept {
-    const int direction = detail::Direction(msg);
-    if (direction == 0) return RestoredView();
-    return detail::RestoreInto(dst, msg, options, direction == 1);
+    const head::Direction direction = head::DirectionOf(msg.data(), msg.size());
+    if (direction == head::kNoMessage) return RestoredView();
+    return detail::RestoreInto(dst, msg, options, direction == head::kRequest);
 }
 
 // The bytes a RestoreInto of `msg` needs (direction from head word 0),
 // without restoring; 0 for a message the library refuses (within the limits
 // of `options`, when given) and for one whose restore keeps nothing.
 inline std::size_t RestoredSize(span<const char> msg, const RestoreOptions& options) noexcept {
-    const int direction = detail::Direction(msg);
-    if (direction == 0) return 0;
-    detail::CallScope scope(false, detail::Limit(options.maxBytes), detail::Limit(options.maxRecords));
-    return detail::RestoredBytes(direction == 1, msg.data(), msg.size(), options.flag);
+    const head::Direction direction = head::DirectionOf(msg.data(), msg.size());
+    if (direction == head::kNoMessage) return 0;
+    return detail::RestoredBytes(direction == head::kRequest, msg.data(), msg.size(), options);
 }
 inline std::size_t RestoredSize(span<const char> msg, char flag = 0) noexcept {
     return RestoredSize(msg, RestoreOptions{flag});
