@@ -1,4 +1,5 @@
-// The modern interface over the classic members beyond the catalogue sweep:
+// The modern interface beyond the catalogue sweep: packs into capacities
+// that cut the head, a record or the section table,
 // size bounds of raw and head-only ids and of heads that promise more than
 // they carry, restored messages that own and release their buffers, the
 // reasons of pack refusals, the caller's limits and strict mode, and what
@@ -128,6 +129,66 @@ TEST(ModernInterface, PackRefusalsSayWhy) {
     EXPECT_TRUE(trdcomp::PackRequest(all, head, trdcomp::span<const tagREQ_1002>(&order, 1), trdcomp::Coding::C2008().Strict()));
     // 65535 records is the most the Fast coding counts.
     EXPECT_TRUE(trdcomp::PackAnswer(all, proc1019, {trdcomp::Array(big.data(), 65535, 16)}, trdcomp::Coding::Fast()));
+}
+
+// Packs into every capacity from none to the whole message, for requests
+// and answers of a coded id in both codings and of a raw id: each either
+// gives the classic bytes or refuses with buffer_too_small and the exact
+// length, writes nothing past the capacity, and never allocates.
+TEST(ModernInterface, EveryCapacityPacksOrSaysTheExactLength) {
+    std::vector<char> orders(3 * sizeof(tagREQ_1002));
+    for (std::size_t i = 0; i < orders.size(); ++i) orders[i] = static_cast<char>('A' + i % 26);
+    const auto answer = catalogue_model::SampleAnswers(1003, Coding::k2008).at(0);
+    struct Case {
+        const char* what;
+        trdcomp::Coding coding;
+        int id;  // a request of three orders, or the sample answer (0)
+    };
+    const Case cases[] = {
+        {"Fast request 1002", trdcomp::Coding::Fast(), 1002},
+        {"2008 request 1002", trdcomp::Coding::C2008(), 1002},
+        {"raw request 9001", trdcomp::Coding::C2008(), 9001},
+        {"Fast answer 1003", trdcomp::Coding::Fast(), 0},
+        {"2008 answer 1003", trdcomp::Coding::C2008(), 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const tagREQ_HEAD head = testmsg::ReqHead(c.id, 0, 3, sizeof(tagREQ_1002));
+        std::vector<trdcomp::Array> arrays;
+        for (int j = 0; j < answer.proc.nArrayCount; ++j)
+            arrays.emplace_back(answer.arrays[static_cast<std::size_t>(j)].data(), answer.proc.nRecCount[j],
+                                answer.proc.nRecSize[j]);
+        const auto pack = [&](trdcomp::span<char> out) {
+            return c.id != 0 ? trdcomp::PackRequest(out, head, Span(orders), c.coding)
+                             : trdcomp::PackAnswer(out, answer.proc, {arrays.data(), arrays.size()}, c.coding);
+        };
+        std::vector<char> whole(1 << 16);
+        const trdcomp::PackResult full = pack({whole.data(), whole.size()});
+        ASSERT_TRUE(full);
+        whole.resize(full.size);
+        if (c.id == 0) {
+            EXPECT_EQ(whole, ClassicAnswer(answer, c.coding));
+        } else {
+            std::vector<char> classic(1 << 16);
+            int len = 0;
+            tagREQ_HEAD h = head;
+            h.nFlags = c.coding.fastVersion << TRDCOMP_FLAG_FAST_SHIFT;
+            CTrdCompData::PackReq2008(classic.data(), len, &h, orders.data(), static_cast<int>(orders.size()), 0);
+            classic.resize(static_cast<std::size_t>(len));
+            EXPECT_EQ(whole, classic);
+        }
+        for (std::size_t capacity = 0; capacity < whole.size(); ++capacity) {
+            std::vector<char> out(capacity + 64, 0x5A);
+            const std::size_t allocations = alloc_hook::Allocations();
+            const trdcomp::PackResult r = pack({out.data(), capacity});
+            ASSERT_EQ(alloc_hook::Allocations(), allocations) << capacity;
+            ASSERT_EQ(r.error, trdcomp::Errc::buffer_too_small) << capacity;
+            ASSERT_EQ(r.needed, whole.size()) << capacity;
+            ASSERT_EQ(std::vector<char>(out.begin() + static_cast<std::ptrdiff_t>(capacity), out.end()),
+                      std::vector<char>(64, 0x5A))
+                << "written past capacity " << capacity;
+        }
+    }
 }
 
 // Answers of more arrays than the section table has entries for (heads

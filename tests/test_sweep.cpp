@@ -8,8 +8,8 @@
 //     head-only and empty routes do what their routing cell says;
 //   - the classic packer writes nothing past the message;
 //   - the modern size bound is never below the packed length, a buffer of
-//     exactly that length packs the same bytes, and one byte fewer or none
-//     is refused with the length needed;
+//     exactly that length packs the same bytes, and one byte fewer, half of
+//     it or none is refused with the length needed, none of them allocating;
 //   - RestoreInto an exact block, strict, gives the classic restore's bytes
 //     without allocating, and a block one byte short is refused and left
 //     untouched;
@@ -91,14 +91,16 @@ struct Sweep {
         ASSERT_GE(need, static_cast<std::size_t>(r.p ? r.len : 0));
         if (need > 0) {
             const std::unique_ptr<char[]> block(new char[need]);  // exact: ASan sees any write past it
-            alloc_hook::ResetLastNothrowSize();
+            const std::size_t allocations = alloc_hook::Allocations();
             const trdcomp::RestoredView view = trdcomp::RestoreInto({block.get(), need}, Span(wire), options);
-            EXPECT_EQ(alloc_hook::LastNothrowSize(), 0u) << "RestoreInto allocated";
+            EXPECT_EQ(alloc_hook::Allocations(), allocations) << "RestoreInto allocated";
             ASSERT_TRUE(view) << trdcomp::Message(view.Error());
             ASSERT_EQ(view.Size(), static_cast<std::size_t>(r.len));
             EXPECT_EQ(std::memcmp(block.get(), r.p, view.Size()), 0);
             std::vector<char> shorter(need, 0x5A);  // the block handed over is one byte shorter
+            const std::size_t before = alloc_hook::Allocations();
             const trdcomp::RestoredView refused = trdcomp::RestoreInto({shorter.data(), need - 1}, Span(wire), options);
+            EXPECT_EQ(alloc_hook::Allocations(), before) << "a refused RestoreInto allocated";
             EXPECT_EQ(refused.Error(), trdcomp::Errc::buffer_too_small);
             EXPECT_EQ(refused.Needed(), need);
             EXPECT_EQ(shorter, std::vector<char>(need, 0x5A)) << "a refused restore wrote";
@@ -155,14 +157,17 @@ struct Sweep {
     }();
     int otherBytes = 0;
 
-    // Packs into exactly the packed length, one byte fewer and nothing, each
-    // in a heap block of its own: a refusal tells the exact length.
+    // Packs into exactly the packed length, one byte fewer, half of it and
+    // nothing, each in a heap block of its own: a refusal tells the exact
+    // length, and no capacity makes the packer allocate.
     template <class Pack>
     void Capacity(const std::vector<char>& classic, std::uint64_t bound, Pack pack) {
         EXPECT_GE(bound, classic.size());
-        for (std::size_t capacity : {classic.size(), classic.size() - 1, std::size_t{0}}) {
+        for (std::size_t capacity : {classic.size(), classic.size() - 1, classic.size() / 2, std::size_t{0}}) {
             const std::unique_ptr<char[]> block(new char[capacity]);
+            const std::size_t allocations = alloc_hook::Allocations();
             const trdcomp::PackResult r = pack(trdcomp::span<char>(block.get(), capacity));
+            EXPECT_EQ(alloc_hook::Allocations(), allocations) << "the pack allocated, capacity " << capacity;
             if (capacity == classic.size()) {
                 ASSERT_TRUE(r) << trdcomp::Message(r.error);
                 ASSERT_EQ(r.size, classic.size());
