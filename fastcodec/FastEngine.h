@@ -14,6 +14,7 @@
 // every array as its own chain.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <utility>
@@ -206,18 +207,51 @@ template <FastKind K, std::uint32_t W>
 }
 
 // Bytes from the cursor that the unchecked reader of a field may read: one
-// word for a number, or for the length of a text or block (whose kept bytes
-// are checked against the message once the length is known). The ascii kind
-// searches for its stop byte and is always checked.
+// word for a number; the length byte of a text or block (its kept bytes are
+// checked against the message once the length is known, and a length of
+// more than one byte takes the bounded reader). The ascii kind searches for
+// its stop byte (GetAsciiInside) and has no fixed window.
 template <FastKind K>
 constexpr std::int64_t Window() {
-    return K == FastKind::Ascii ? -1 : 8;
+    if constexpr (K == FastKind::Ascii) return -1;
+    if constexpr (K == FastKind::String || K == FastKind::Bytes || K == FastKind::SizedBlock) return 1;
+    return 8;
+}
+
+// An ascii text whose field's width of bytes lies inside the message: the
+// first byte with the stop bit among the W - 1 a text keeps, found a word at
+// a time. The text (its last byte's stop bit cleared) and a terminator go
+// to c; returns the bytes consumed, or 0 when no stop byte is among them
+// (the bounded reader then takes it, skipping the rest of the text).
+template <std::uint32_t W>
+TRDCOMP_FORCE_INLINE std::int64_t GetAsciiInside(const byte* p, char* c) {
+    static_assert(W >= 2);
+    if (p[0] == 0x80u) {  // the empty text
+        c[0] = '\0';
+        return 1;
+    }
+    std::uint32_t stop = W;
+    for (std::uint32_t i = 0; i < W - 1 && stop == W; i += 8) {
+        std::uint64_t w = 0;
+        std::memcpy(&w, p + i, W - i < 8 ? W - i : 8);
+        if (const std::uint64_t m = w & 0x8080808080808080ull) stop = i + static_cast<std::uint32_t>(std::countr_zero(m) >> 3);
+    }
+    if (stop >= W - 1) return 0;
+    d::CopyAtMost<W>(c, p, stop + 1);
+    c[stop] = static_cast<char>(p[stop] & 0x7Fu);
+    c[stop + 1] = '\0';
+    return stop + 1;
 }
 
 // Reads the field at c from in[at]: unchecked when its window lies inside
 // the message, else through the bounded source (same values, same count).
 template <FastKind K, std::uint32_t W>
 TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t at, char* c) {
+    if constexpr (K == FastKind::Ascii && W >= 2) {
+        if (at >= 0 && at <= in.size - static_cast<std::int64_t>(W)) [[likely]] {
+            if (const std::int64_t k = GetAsciiInside<W>(in.p + at, c)) return k;
+        }
+    }
     constexpr std::int64_t kWindow = Window<K>();
     if constexpr (kWindow > 0) {
         if (at >= 0 && at <= in.size - kWindow) [[likely]] {

@@ -26,7 +26,9 @@ int CTrdCompData::PackReq2008(char* out, int& outLen, tagREQ_HEAD* head, char* d
     Call call = ClassicCall();
     // The codec's own result is not looked at; only a refusal before a byte
     // was written gives 0.
-    return trdcomp::detail::DispatchPackRequest(call, out, outLen, *head, data, dataLen, flag) < 0 ? 0 : 1;
+    // The head may lie inside out: its flags are read before it is moved.
+    const int flags = head->nFlags;
+    return trdcomp::detail::DispatchPackRequest(call, out, outLen, *head, flags, data, dataLen, flag) < 0 ? 0 : 1;
 }
 
 int CTrdCompData::RestoreReq2008(char* in, int inLen, char** out, int& outLen, char flag) {

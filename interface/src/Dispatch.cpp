@@ -65,9 +65,9 @@ void CopyText(char* dst, const char* src, std::size_t width) {
 
 }  // namespace
 
-int DispatchPackRequest(Call& call, char* out, int& outLen, const tagREQ_HEAD& head, const char* data, int dataLen,
-                        char flag) {
-    const int version = head::FastVersion(head.nFlags);
+int DispatchPackRequest(Call& call, char* out, int& outLen, const tagREQ_HEAD& head, std::int32_t flags,
+                        const char* data, int dataLen, char flag) {
+    const int version = head::FastVersion(flags);
     const auto& routes = FindReqRoutes(head.nFuncId);
     const Cell cell = version != 0 ? routes.packFast.cell : routes.pack2008.cell;
     // The raw path copies dataLen bytes of data: a negative length, or bytes
@@ -88,6 +88,7 @@ int DispatchPackRequest(Call& call, char* out, int& outLen, const tagREQ_HEAD& h
     outLen = 0;
     MoveRequestHead(msg, &head);
     head::Store(msg, head::kLengthAt, kReqHead);
+    head::Store(msg, head::kFlagsAt, flags);
     outLen = kReqHead;
 
     int rc = 1;

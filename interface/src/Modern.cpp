@@ -68,13 +68,14 @@ PackResult PackRequestInto(char* out, std::size_t capacity, const tagREQ_HEAD& g
     if (dataLen > static_cast<std::size_t>(INT_MAX)) return Fail(Reason::length_too_large);
     if (const Reason why = CheckCoding(coding); why != Reason::none) return Fail(why);
     if (coding.IsFast() && given.nRecCount > 0xFFFF) return Fail(Reason::too_many_fast_records);
-    tagREQ_HEAD head = given;
-    head.nFlags = (head.nFlags & ~TRDCOMP_FLAG_FAST_MASK) | (coding.fastVersion << TRDCOMP_FLAG_FAST_SHIFT);
+    // The head goes as given, its coding bits replaced by the coding's.
+    const std::int32_t flags =
+        (given.nFlags & ~TRDCOMP_FLAG_FAST_MASK) | (coding.fastVersion << TRDCOMP_FLAG_FAST_SHIFT);
     Call call = ModernCall(coding.strict);
     call.capacity = PackCapacity(capacity);
     call.capacityKnown = true;
     int len = 0;
-    const int rc = DispatchPackRequest(call, out, len, head, data, static_cast<int>(dataLen), coding.flag);
+    const int rc = DispatchPackRequest(call, out, len, given, flags, data, static_cast<int>(dataLen), coding.flag);
     return Outcome(call, rc, len);
 }
 
