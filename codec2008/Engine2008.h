@@ -12,7 +12,8 @@
 //           sign-extended value; any other flag: not written at all
 //           (the decoder reads int64 under every non-zero flag: kept as is)
 //   int64   NCH_compress_int64
-//   double  NCH_compress_int64 of trunc((v + 0.00005) * 10000)
+//   double  NCH_compress_int64 of the scaled value (trdcomp/PriceScale.hpp:
+//           four places)
 // A decoder zero-fills its record and decodes fields only while it has
 // consumed fewer bytes than the record's length, so a shorter record reads
 // into a longer layout with the tail zero.
@@ -20,6 +21,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 #include <utility>
 
 #include "common/Bytes.h"
@@ -29,6 +31,7 @@
 #include "common/RecordFrames.h"
 #include "common/Text.h"
 #include "codec2008/ValueCoders.h"
+#include "trdcomp/PriceScale.hpp"
 
 namespace trdcomp::codec2008 {
 
@@ -98,38 +101,60 @@ TRDCOMP_FORCE_INLINE int CompressInt32(char* out, std::int32_t v, char flag) {
     return 0;
 }
 
-// The coders of one field are templates over what they depend on (kind K,
-// width W, decode limit), not over the field's place in the record, so that
-// fields alike share one instantiation; the field comes in as its address p.
+// A field's width as the coders see it: a compile-time constant for a
+// layout's specialised coder, a run-time value for the table-driven one.
+template <std::uint32_t W>
+using FixedWidth = std::integral_constant<std::uint32_t, W>;
+
+// The text of a field up to its zero, or the whole field when it fills it
+// (no byte past the field is read).
+template <class C, std::uint32_t W>
+TRDCOMP_FORCE_INLINE int PutFieldText(char* out, const char* p, FixedWidth<W>) {
+    return C::template PutText<W>(out, p, d::TextLength<W>(p));
+}
+template <class C>
+TRDCOMP_FORCE_INLINE int PutFieldText(char* out, const char* p, std::uint32_t width) {
+    return C::PutText(out, p, ::strnlen(p, width), width);
+}
+
+// Encodes the value of a field of kind `kind` at p to out; returns the bytes
+// written. The one definition of each kind's 2008 coding: inlined with a
+// constant kind and width it is that field's own encoder, called with a
+// table row's it serves the table-driven coder.
+template <class C, class Width>
+TRDCOMP_FORCE_INLINE std::uint32_t EncodeValueOf(Kind kind, Width width, const char* p, char* out, char flag) {
+    switch (kind) {
+        case Kind::Char: out[0] = *p; return 1;
+        case Kind::Text: return static_cast<std::uint32_t>(PutFieldText<C>(out, p, width));
+        case Kind::Bytes: return static_cast<std::uint32_t>(C::PutBlock(out, p, static_cast<int>(width)));
+        case Kind::Int32: return static_cast<std::uint32_t>(CompressInt32<C>(out, d::LoadI32(p), flag));
+        case Kind::Int64: {
+            std::int64_t v;
+            std::memcpy(&v, p, 8);
+            return static_cast<std::uint32_t>(C::PutInt64(out, v));
+        }
+        case Kind::Double: {
+            double v;
+            std::memcpy(&v, p, 8);
+            return static_cast<std::uint32_t>(C::PutInt64(out, d::TruncToInt64(price::Scaled2008(v))));
+        }
+        case Kind::SizedBlock: {
+            // Its length (the int32 behind the block) first; then the block, of
+            // that many bytes (the decoder keeps no more than that).
+            const std::uint32_t w = width;
+            const std::int32_t len = d::LoadI32(p + w);
+            const std::uint32_t n = static_cast<std::uint32_t>(CompressInt32<C>(out, len, flag));
+            const std::int32_t keep = len < 0 ? 0 : (len > static_cast<std::int32_t>(w) ? static_cast<std::int32_t>(w) : len);
+            return n + static_cast<std::uint32_t>(C::PutBlock(out + n, p, keep));
+        }
+        case Kind::BlockLength: return 0;  // travels with its block
+    }
+    return 0;
+}
+
 template <Kind K, std::uint32_t W, class C>
 TRDCOMP_FORCE_INLINE void EncodeField(const char* p, char* out, std::uint32_t& n, char flag) {
-    if constexpr (K == Kind::Char) {
-        out[n++] = *p;
-    } else if constexpr (K == Kind::Text) {
-        // The text up to its zero, or the whole field when it fills it (no
-        // byte past the field is read).
-        n += static_cast<std::uint32_t>(C::template PutText<W>(out + n, p, d::TextLength<W>(p)));
-    } else if constexpr (K == Kind::Bytes) {
-        n += static_cast<std::uint32_t>(C::PutBlock(out + n, p, W));
-    } else if constexpr (K == Kind::Int32) {
-        n += static_cast<std::uint32_t>(CompressInt32<C>(out + n, d::LoadI32(p), flag));
-    } else if constexpr (K == Kind::Int64) {
-        std::int64_t v;
-        std::memcpy(&v, p, 8);
-        n += static_cast<std::uint32_t>(C::PutInt64(out + n, v));
-    } else if constexpr (K == Kind::Double) {
-        double v;
-        std::memcpy(&v, p, 8);
-        n += static_cast<std::uint32_t>(C::PutInt64(out + n, d::TruncToInt64((v + 0.00005) * 10000.0)));
-    } else if constexpr (K == Kind::SizedBlock) {
-        // Its length (the int32 behind the block) first; then the block, of
-        // that many bytes (the decoder keeps no more than that).
-        const std::int32_t len = d::LoadI32(p + W);
-        n += static_cast<std::uint32_t>(CompressInt32<C>(out + n, len, flag));
-        const std::int32_t keep = len < 0 ? 0 : (len > static_cast<std::int32_t>(W) ? W : len);
-        n += static_cast<std::uint32_t>(C::PutBlock(out + n, p, keep));
-    }
-    // Kind::BlockLength travels with its block.
+    n += EncodeValueOf<C>(K, FixedWidth<W>{}, p, out + n, flag);
 }
 
 // What decoding a field depends on: its kind, width and decode limit, not
@@ -174,7 +199,7 @@ TRDCOMP_FORCE_INLINE std::int64_t DecodeValueOf(Kind kind, std::uint32_t width, 
         case Kind::Double: {
             long long v = 0;
             const int k = C::GetInt64(in, v);
-            const double x = static_cast<double>(v) * 0.0001;
+            const double x = price::Restored2008(v);
             std::memcpy(p, &x, 8);
             return k;
         }
@@ -342,32 +367,7 @@ std::uint32_t EncodeRecord(const View& v, const char* rec, char* out, char flag)
         const Field& f = v.fields[i];
         if (f.entry >= 0 && f.entry >= active) continue;
         const char* p = rec + f.offset;
-        switch (f.kind) {
-            case Kind::Char: out[n++] = *p; break;
-            case Kind::Text: n += static_cast<std::uint32_t>(C::PutText(out + n, p, ::strnlen(p, f.width), f.width)); break;
-            case Kind::Bytes: n += static_cast<std::uint32_t>(C::PutBlock(out + n, p, static_cast<int>(f.width))); break;
-            case Kind::Int32: n += static_cast<std::uint32_t>(internal::CompressInt32<C>(out + n, d::LoadI32(p), flag)); break;
-            case Kind::Int64: {
-                std::int64_t x;
-                std::memcpy(&x, p, 8);
-                n += static_cast<std::uint32_t>(C::PutInt64(out + n, x));
-                break;
-            }
-            case Kind::Double: {
-                double x;
-                std::memcpy(&x, p, 8);
-                n += static_cast<std::uint32_t>(C::PutInt64(out + n, d::TruncToInt64((x + 0.00005) * 10000.0)));
-                break;
-            }
-            case Kind::SizedBlock: {
-                const std::int32_t len = d::LoadI32(p + f.width);
-                n += static_cast<std::uint32_t>(internal::CompressInt32<C>(out + n, len, flag));
-                const std::int32_t keep = len < 0 ? 0 : (len > static_cast<std::int32_t>(f.width) ? static_cast<std::int32_t>(f.width) : len);
-                n += static_cast<std::uint32_t>(C::PutBlock(out + n, p, keep));
-                break;
-            }
-            default: break;  // Kind::BlockLength travels with its block
-        }
+        n += internal::EncodeValueOf<C>(f.kind, f.width, p, out + n, flag);
     }
     return n;
 }

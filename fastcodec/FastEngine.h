@@ -26,6 +26,7 @@
 #include "common/RecordFrames.h"
 #include "common/Text.h"
 #include "fastcodec/FastPrimitives.h"
+#include "trdcomp/PriceScale.hpp"
 
 namespace trdcomp::fast {
 
@@ -136,7 +137,7 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
     } else if constexpr (K == FastKind::Double) {
         double v;
         std::memcpy(&v, c, 8);
-        return PutSigned<kExact>(out, d::TruncToInt64(v * 1000.0 + 0.00005));
+        return PutSigned<kExact>(out, d::TruncToInt64(price::ScaledFast(v)));
     } else if constexpr (K == FastKind::String) {
         // The length, then the text: the whole field is copied when it is
         // short, only the text's bytes count.
@@ -277,7 +278,7 @@ TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t
             } else if constexpr (K == FastKind::Double) {
                 std::int64_t v;
                 if (const std::int64_t k = GetWord(p, &v)) {
-                    const double x = static_cast<double>(v) / 1000.0;
+                    const double x = price::RestoredFast(v);
                     std::memcpy(c, &x, 8);
                     return k;
                 }

@@ -21,6 +21,7 @@
 
 #include "common/Bytes.h"
 #include "common/Inline.h"
+#include "trdcomp/PriceScale.hpp"
 
 namespace trdcomp::fast {
 
@@ -318,7 +319,7 @@ template <class Src>
 inline std::int64_t GetPriceAt(const Src& in, std::int64_t at, double* v) {
     std::int64_t scaled;
     const std::int64_t k = GetSignedAt(in, at, &scaled);
-    *v = static_cast<double>(scaled) / 1000.0;
+    *v = price::RestoredFast(scaled);
     return k;
 }
 
@@ -360,9 +361,10 @@ inline std::uint32_t FastPutBytes(byte* out, const void* p, std::int32_t n) {
     return k + (n > 0 ? static_cast<std::uint32_t>(n) : 0u);
 }
 
-// Scaled decimal: trunc(v * 1000 + 0.00005) as a signed integer; three places.
+// Scaled decimal: the value scaled to three places (trdcomp/PriceScale.hpp),
+// truncated, as a signed integer.
 inline std::uint32_t FastPutPrice(byte* out, double v) {
-    return FastPutInt64(out, detail::TruncToInt64(v * 1000.0 + 0.00005));
+    return FastPutInt64(out, detail::TruncToInt64(price::ScaledFast(v)));
 }
 
 }  // namespace trdcomp::fast
