@@ -101,9 +101,9 @@ py::dict Catalogue() {
             name += std::to_string(f.offset);
             d["name"] = name;
             d["offset"] = f.offset;
-            d["kind"] = f.kind;
+            d["kind"] = catalogue_model::FieldKindName(f.kind);
             d["width"] = f.width;
-            if (f.kind == "array") {
+            if (f.kind == catalogue_model::FieldKind::Array) {
                 d["entry"] = f.entry;
                 d["entries"] = f.entries;
                 d["count_offset"] = f.countOffset;
@@ -119,7 +119,7 @@ py::dict Catalogue() {
     for (const auto& [codec, layout] : c.requestLayoutOf) requestLayouts[py::int_(codec)] = layout;
     for (const auto& [codec, s] : c.shapes) {
         py::dict d;
-        d["kind"] = s.kind;
+        d["kind"] = catalogue_model::ShapeKindName(s.kind);
         d["layouts"] = s.layouts;
         shapes[py::int_(codec)] = d;
     }

@@ -5,8 +5,9 @@
 //                           Python module's record arrays;
 //   CatalogueTables.h       the whole catalogue as constant run-time data
 //                           (fields with kinds, limits and coding order;
-//                           typed routing cells; shapes), for the model that
-//                           the tool, tests and fuzzers use.
+//                           typed routing cells; shapes; the kinds' enums and
+//                           names), for the model that the tool, tests and
+//                           fuzzers use.
 #include <cstdint>
 #include <cstdio>
 #include <ostream>
@@ -103,6 +104,24 @@ void WriteRecordFields(std::ostream& o) {
 
 namespace {
 
+// A kind's enum, the list of its values, the function that names each value
+// (a switch without a default, so that a value without a name does not
+// compile cleanly) and the one that reads a name back.
+template <class Kind, std::size_t N>
+void WriteKind(std::ostream& o, const char* type, const char* what, const Kind (&kinds)[N]) {
+    o << "// " << what << "\nenum class " << type << " {";
+    for (std::size_t i = 0; i < N; ++i) o << (i ? ", " : " ") << SpellingOf(kinds[i]).enumerator;
+    o << " };\ninline constexpr " << type << " k" << type << "s[] = {";
+    for (std::size_t i = 0; i < N; ++i) o << (i ? ", " : "") << type << "::" << SpellingOf(kinds[i]).enumerator;
+    o << "};\n// The name of a " << type << ".\nconstexpr const char* " << type << "Name(" << type << " k) {\n    switch (k) {\n";
+    for (const Kind k : kinds)
+        o << "        case " << type << "::" << SpellingOf(k).enumerator << ": return \"" << SpellingOf(k).name << "\";\n";
+    o << "    }\n    return \"\";\n}\n"
+      << "// The " << type << " a name stands for, or none.\nconstexpr std::optional<" << type << "> " << type
+      << "Named(std::string_view name) {\n    for (const " << type << " k : k" << type << "s)\n"
+      << "        if (name == " << type << "Name(k)) return k;\n    return std::nullopt;\n}\n\n";
+}
+
 std::string CellOf(const std::string& cell) {
     const CellKind kind = CellKindOf(cell);
     return "{CellKind::" + std::string(SpellingOf(kind).enumerator) + ", " + (kind == CellKind::codec ? cell : "0") + "}";
@@ -120,10 +139,18 @@ std::vector<int> CodingOrder(const Layout& l) {
 void WriteModelTables(std::ostream& o) {
     o << "// Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
          "// The catalogue as run-time data (see catalogue/model/CatalogueModel.h).\n"
-         "#pragma once\n\nnamespace trdcomp::generated {\n\n"
-         "enum class CellKind { codec, raw, no_records, head_only, nothing };\n"
-         "struct CatalogueField {\n"
-         "    const char* kind;  // char text ascii bytes int32 int64 double uncoded sized array\n"
+         "#pragma once\n\n#include <optional>\n#include <string_view>\n\nnamespace trdcomp::generated {\n\n";
+    WriteKind(o, "FieldKind", "The kinds of field a record layout holds.", kFieldKinds);
+    WriteKind(o, "ShapeKind",
+              "How an answer's arrays take their layouts: one layout, one per array, or the\n"
+              "// narrow or the wide layout by the record count.",
+              kShapeKinds);
+    WriteKind(o, "CellKind",
+              "What a routing cell says: a codec serves the id (its name CODEC), or what\n"
+              "// happens instead (named as the catalogue's routing tables write it).",
+              kCellKinds);
+    o << "struct CatalogueField {\n"
+         "    FieldKind kind;\n"
          "    int offset, width, def, limit;\n    bool last;\n"
          "    const char* entry;\n    int entries, countOffset;\n};\n"
          "struct CatalogueLayout {\n    const char* name;\n    int size, first, count;  // fields [first, first + count)\n"
@@ -131,7 +158,7 @@ void WriteModelTables(std::ostream& o) {
          "struct CatalogueRequestLayout {\n    int id;\n    const char* layout;\n};\n"
          "struct CatalogueCell {\n    CellKind kind;\n    int codec;\n};\n"
          "struct CatalogueRoute {\n    int id;\n    CatalogueCell cell[4];  // pack 2008, pack Fast, restore 2008, restore Fast\n};\n"
-         "struct CatalogueShape {\n    int id;\n    const char* kind;  // single sections switched\n"
+         "struct CatalogueShape {\n    int id;\n    ShapeKind kind;\n"
          "    int count;\n    const char* layouts[3];\n};\n"
          "struct CatalogueAlias {\n    int id, of;\n};\n\n"
          "inline constexpr CatalogueField kCatalogueFields[] = {\n";
@@ -144,7 +171,7 @@ void WriteModelTables(std::ostream& o) {
             for (int offset : coding) order << offset << (++orderIndex % 16 ? ", " : ",\n    ");
             for (const Entry& e : l.entries) {
                 const int width = e.kind == FieldKind::Array ? e.entries * LayoutNamed(e.sub).size : e.width;
-                o << "    {\"" << SpellingOf(e.kind).name << "\", " << e.offset << ", " << width << ", "
+                o << "    {FieldKind::" << SpellingOf(e.kind).enumerator << ", " << e.offset << ", " << width << ", "
                   << e.def << ", " << e.limit << ", " << (e.last ? "true" : "false") << ", \"" << e.sub << "\", "
                   << e.entries << ", " << e.countOffset << "},\n";
                 ++index;
@@ -168,7 +195,7 @@ void WriteModelTables(std::ostream& o) {
     }
     o << "};\n\ninline constexpr CatalogueShape kCatalogueShapes[] = {\n";
     for (const auto& [id, shape] : g_shapes) {
-        o << "    {" << id << ", \"" << SpellingOf(shape.kind).name << "\", " << shape.layouts.size() << ", {";
+        o << "    {" << id << ", ShapeKind::" << SpellingOf(shape.kind).enumerator << ", " << shape.layouts.size() << ", {";
         for (std::size_t i = 0; i < shape.layouts.size(); ++i) o << (i ? ", " : "") << '"' << shape.layouts[i] << '"';
         o << "}},\n";
     }

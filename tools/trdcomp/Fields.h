@@ -15,6 +15,8 @@ namespace tool {
 
 using Json = nlohmann::ordered_json;
 using catalogue_model::Field;
+using catalogue_model::FieldKind;
+using catalogue_model::FieldKindName;
 using catalogue_model::Layout;
 
 std::string Hex(const char* p, std::size_t n);

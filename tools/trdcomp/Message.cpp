@@ -31,7 +31,14 @@ std::int32_t Word(const std::vector<char>& b, std::size_t off) {
 std::int64_t Records(std::int64_t count) { return count > 0 ? count : 0; }
 
 
-int ShapeArrays(const Shape& s) { return s.kind == "sections" ? static_cast<int>(s.layouts.size()) : 1; }
+int ShapeArrays(const Shape& s) {
+    switch (s.kind) {
+        case catalogue_model::ShapeKind::Sections: return static_cast<int>(s.layouts.size());
+        case catalogue_model::ShapeKind::Single:
+        case catalogue_model::ShapeKind::Switched: return 1;
+    }
+    return 1;
+}
 
 const Layout* AnswerLayout(const Shape& s, int j, int count) {
     const std::string& name = s.LayoutOf(j, count);
@@ -477,7 +484,7 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     const Json sections = msg.contains("sections") ? msg.at("sections") : Json::array();
     if (!sections.is_array()) throw std::runtime_error("\"sections\" must be a list");
     const catalogue_model::Cell cell = Get().PackCell(request, static_cast<int>(id), version != 0);
-    const bool raw = cell.kind == catalogue_model::Cell::Kind::raw;
+    const bool raw = cell.kind == catalogue_model::CellKind::raw;
     std::vector<char> trailing;
     if (msg.contains("trailing")) {
         if (!msg.at("trailing").is_string() || !ParseHex(msg.at("trailing").get<std::string>(), trailing))
