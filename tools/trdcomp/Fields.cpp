@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <stdexcept>
@@ -151,6 +152,16 @@ void AddRows(const Layout& l, const char* rec, int base, const std::string& pref
     }
 }
 
+// A double that is no number goes as the hex of its bytes.
+void DescribeDouble(const char* p, ValueSink& out) {
+    const double v = Load<double>(p);
+    if (std::isfinite(v)) return out.Double(v);
+    out.BeginObject();
+    out.Key("hex");
+    out.String(Hex(p, 8));
+    out.EndObject();
+}
+
 }  // namespace
 
 std::string Hex(const char* p, std::size_t n) {
@@ -161,6 +172,12 @@ std::string Hex(const char* p, std::size_t n) {
         s[2 * i + 1] = kDigits[static_cast<unsigned char>(p[i]) & 15];
     }
     return s;
+}
+
+std::string HashText(std::uint64_t hash) {
+    char text[17];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
+    return text;
 }
 
 std::string Plural(long long n, const std::string& one, const std::string& plural) {
@@ -190,13 +207,16 @@ bool ParseHex(const std::string& text, std::vector<char>& out) {
     return half < 0;
 }
 
-Json TextJson(const char* p, int width) {
+void DescribeText(const char* p, int width, ValueSink& out) {
     const std::size_t n = ::strnlen(p, static_cast<std::size_t>(width));
     bool plain = true;
     for (std::size_t i = 0; i < n; ++i) plain &= Printable(p[i]);
     for (std::size_t i = n; i < static_cast<std::size_t>(width); ++i) plain &= p[i] == 0;
-    if (plain) return std::string(p, n);
-    return Json{{"hex", TrimmedHex(p, width)}};
+    if (plain) return out.String(std::string(p, n));
+    out.BeginObject();
+    out.Key("hex");
+    out.String(TrimmedHex(p, width));
+    out.EndObject();
 }
 
 void TextFromJson(const Json& v, char* p, int width, const std::string& what) {
@@ -215,39 +235,49 @@ std::vector<Row> RecordRows(const Layout& l, const char* rec) {
     return rows;
 }
 
-Json RecordJson(const Layout& l, const char* rec) {
-    Json j = Json::object();
+void DescribeRecord(const Layout& l, const char* rec, ValueSink& out) {
+    out.BeginObject();
     for (const Field& f : l.fields) {
         const char* p = rec + f.offset;
-        const std::string key = Key(f);
+        out.Key(Key(f));
         switch (f.kind) {
             case FieldKind::Char:
-                j[key] = Printable(*p) ? Json(std::string(1, *p)) : Json(static_cast<unsigned char>(*p));
+                if (Printable(*p))
+                    out.String(std::string(1, *p));
+                else
+                    out.Unsigned(static_cast<unsigned char>(*p));
                 break;
             case FieldKind::Text:
-            case FieldKind::Ascii: j[key] = TextJson(p, f.width); break;
+            case FieldKind::Ascii: DescribeText(p, f.width, out); break;
             case FieldKind::Bytes:
-            case FieldKind::Uncoded: j[key] = TrimmedHex(p, f.width); break;
-            case FieldKind::Int32: j[key] = Load<std::int32_t>(p); break;
-            case FieldKind::Int64: j[key] = Load<std::int64_t>(p); break;
-            case FieldKind::Double: {
-                const double v = Load<double>(p);
-                j[key] = std::isfinite(v) ? Json(v) : Json{{"hex", Hex(p, 8)}};
-                break;
-            }
+            case FieldKind::Uncoded: out.String(TrimmedHex(p, f.width)); break;
+            case FieldKind::Int32: out.Integer(Load<std::int32_t>(p)); break;
+            case FieldKind::Int64: out.Integer(Load<std::int64_t>(p)); break;
+            case FieldKind::Double: DescribeDouble(p, out); break;
             case FieldKind::Sized:
-                j[key] = Json{{"length", Load<std::int32_t>(p + f.width)}, {"hex", TrimmedHex(p, f.width)}};
+                out.BeginObject();
+                out.Key("length");
+                out.Integer(Load<std::int32_t>(p + f.width));
+                out.Key("hex");
+                out.String(TrimmedHex(p, f.width));
+                out.EndObject();
                 break;
             case FieldKind::Array: {
                 const Layout& e = catalogue_model::Get().At(f.entry);
-                Json entries = Json::array();
-                for (int k = 0; k < f.entries; ++k) entries.push_back(RecordJson(e, p + k * e.size));
-                j[key] = entries;
+                out.BeginList();
+                for (int k = 0; k < f.entries; ++k) DescribeRecord(e, p + k * e.size, out);
+                out.EndList();
                 break;
             }
         }
     }
-    return j;
+    out.EndObject();
+}
+
+Json RecordJson(const Layout& l, const char* rec) {
+    JsonSink sink;
+    DescribeRecord(l, rec, sink);
+    return sink.Take();
 }
 
 void RecordFromJson(const Layout& l, const Json& j, char* rec, bool fast) {

@@ -1,4 +1,5 @@
-// trdcomp decode, encode and catalogue.
+// trdcomp encode and catalogue (the routing of every id, an id's layouts
+// field by field), and the tool's file input and output.
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -119,12 +120,6 @@ int RunEncode(const EncodeCommandOptions& o) {
         WriteAll(o.out, wire);
     }
     return 0;
-}
-
-std::string HashText(std::uint64_t hash) {
-    char text[17];
-    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
-    return text;
 }
 
 int RunCatalogue(int id) {
