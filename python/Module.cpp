@@ -1,17 +1,21 @@
 // The Python module `trdcomp`: messages of both codings as the dictionaries
 // `trdcomp decode --json` prints, restored records as NumPy arrays, the
 // catalogue, the library's version and catalogue fingerprint. Decoding and
-// encoding are the tool's own code over the library.
+// encoding are the message library's (the tool's own) over the library:
+// a decoded message becomes Python objects straight from its description,
+// the values the tool's JSON holds.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
 #include "CatalogueFingerprint.h"
-#include "Commands.h"
 #include "Message.h"
 #include "Records.h"
 #include "model/Samples.h"
@@ -52,9 +56,50 @@ tool::Decoded DecodeOrRaise(const py::buffer& data, std::optional<long long> max
     }
 }
 
+// Builds Python objects of what it is handed: dicts (members in order),
+// lists, ints, floats, strings and None, as json.loads reads the JSON that
+// the same description gives.
+class PythonSink final : public tool::ValueSink {
+public:
+    void BeginObject() override { open_.emplace_back(py::dict()); }
+    void Key(const std::string& key) override { keys_.emplace_back(key); }
+    void EndObject() override { Close(); }
+    void BeginList() override { open_.emplace_back(py::list()); }
+    void EndList() override { Close(); }
+    void Null() override { Put(py::none()); }
+    void Integer(std::int64_t v) override { Put(py::int_(v)); }
+    void Unsigned(std::uint64_t v) override { Put(py::int_(v)); }
+    void Double(double v) override { Put(py::float_(v)); }
+    void String(const std::string& v) override { Put(py::str(v)); }
+    py::object Take() { return std::move(done_); }
+
+private:
+    void Close() {
+        py::object v = std::visit([](auto& open) -> py::object { return std::move(open); }, open_.back());
+        open_.pop_back();
+        Put(std::move(v));
+    }
+    void Put(py::object v) {
+        if (open_.empty()) {
+            done_ = std::move(v);
+        } else if (auto* list = std::get_if<py::list>(&open_.back())) {
+            list->append(std::move(v));
+        } else {
+            std::get<py::dict>(open_.back())[keys_.back()] = std::move(v);
+            keys_.pop_back();
+        }
+    }
+
+    std::vector<std::variant<py::dict, py::list>> open_;  // not closed yet, outermost first
+    std::vector<py::str> keys_;                            // keys whose values are to come, innermost last
+    py::object done_;
+};
+
 py::object Decode(const py::buffer& data, bool strict, std::optional<long long> maxBytes) {
-    const tool::Json j = tool::ToJson(DecodeOrRaise(data, maxBytes, strict));
-    return py::module_::import("json").attr("loads")(j.dump());
+    const tool::Decoded m = DecodeOrRaise(data, maxBytes, strict);
+    PythonSink sink;
+    tool::DescribeMessage(m, sink);
+    return sink.Take();
 }
 
 py::bytes Encode(const py::object& message) {
@@ -101,9 +146,9 @@ py::dict Catalogue() {
             name += std::to_string(f.offset);
             d["name"] = name;
             d["offset"] = f.offset;
-            d["kind"] = f.kind;
+            d["kind"] = catalogue_model::FieldKindName(f.kind);
             d["width"] = f.width;
-            if (f.kind == "array") {
+            if (f.kind == catalogue_model::FieldKind::Array) {
                 d["entry"] = f.entry;
                 d["entries"] = f.entries;
                 d["count_offset"] = f.countOffset;
@@ -119,7 +164,7 @@ py::dict Catalogue() {
     for (const auto& [codec, layout] : c.requestLayoutOf) requestLayouts[py::int_(codec)] = layout;
     for (const auto& [codec, s] : c.shapes) {
         py::dict d;
-        d["kind"] = s.kind;
+        d["kind"] = catalogue_model::ShapeKindName(s.kind);
         d["layouts"] = s.layouts;
         shapes[py::int_(codec)] = d;
     }

@@ -262,7 +262,7 @@ TEST(Sent, EveryFastGoldenRecordsOriginsAgreeWithTheRestoredValues) {
                                                 [at = offset](const auto& x) { return x.offset == at; });
                     // Inside a counted array, the entry's own fields (the first at the array's offset).
                     int width = f != s.layout->fields.end() ? f->width : 1;
-                    if (f != s.layout->fields.end() && f->kind == "array")
+                    if (f != s.layout->fields.end() && f->kind == catalogue_model::FieldKind::Array)
                         width = catalogue_model::Get().At(f->entry).fields.front().width;
                     EXPECT_EQ(std::memcmp(rec + offset, rec - s.slot + offset, static_cast<std::size_t>(width)), 0)
                         << "record " << i << " offset " << offset;

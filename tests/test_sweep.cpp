@@ -37,7 +37,7 @@
 using catalogue_model::Coding;
 using catalogue_model::Get;
 using catalogue_model::Layout;
-using Kind = catalogue_model::Cell::Kind;
+using Kind = catalogue_model::CellKind;
 using namespace testmsg;
 
 namespace {
@@ -57,7 +57,9 @@ constexpr Variant kVariants[] = {{Coding::k2008, 0}, {Coding::k2008, 1}, {Coding
 bool Comparable(const Layout& l, Variant v) {
     if (v.flag != 2) return true;
     for (const auto& f : l.fields)
-        if (f.kind == "int32" || f.kind == "sized" || f.kind == "array") return false;
+        if (f.kind == catalogue_model::FieldKind::Int32 || f.kind == catalogue_model::FieldKind::Sized ||
+            f.kind == catalogue_model::FieldKind::Array)
+            return false;
     return true;
 }
 

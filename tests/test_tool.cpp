@@ -29,7 +29,7 @@ tool::Json Content(const std::vector<char>& wire) {
 std::size_t Rows(const catalogue_model::Layout& l) {
     std::size_t n = 0;
     for (const auto& f : l.fields)
-        n += 1 + (f.kind == "array" ? f.entries * Rows(catalogue_model::Get().At(f.entry)) : 0);
+        n += 1 + (f.kind == catalogue_model::FieldKind::Array ? f.entries * Rows(catalogue_model::Get().At(f.entry)) : 0);
     return n;
 }
 

@@ -11,17 +11,7 @@ namespace catalogue_model {
 
 namespace {
 
-Cell CellOf(const trdcomp::generated::CatalogueCell& c) {
-    using trdcomp::generated::CellKind;
-    switch (c.kind) {
-        case CellKind::codec: return Cell{Cell::Kind::codec, c.codec};
-        case CellKind::raw: return Cell{Cell::Kind::raw, 0};
-        case CellKind::no_records: return Cell{Cell::Kind::no_records, 0};
-        case CellKind::head_only: return Cell{Cell::Kind::head_only, 0};
-        case CellKind::nothing: return Cell{Cell::Kind::nothing, 0};
-    }
-    return Cell{};
-}
+Cell CellOf(const trdcomp::generated::CatalogueCell& c) { return Cell{c.kind, c.kind == CellKind::codec ? c.codec : 0}; }
 
 Catalogue Load() {
     namespace g = trdcomp::generated;
@@ -74,56 +64,66 @@ void FillText(char* p, int width, int len, std::mt19937& rng, bool ascii) {
 
 void FillField(const Field& f, char* r, std::mt19937& rng) {
     char* p = r + f.offset;
-    if (f.kind == "char") {
-        const int pick = static_cast<int>(rng() % 4);
-        *p = pick == 0 ? static_cast<char>(f.def) : pick == 1 ? static_cast<char>('A' + rng() % 26)
-                                                           : static_cast<char>(rng());
-    } else if (f.kind == "text" || f.kind == "ascii") {
-        const bool ascii = f.kind == "ascii";
-        const int pick = static_cast<int>(rng() % 6);
-        const int maxLen = ascii ? f.width - 1 : f.width;  // a full ascii text misaligns by design
-        const int cap = maxLen < 40 ? maxLen : 40;
-        const int len = pick == 0 ? 0 : pick == 1 ? maxLen : static_cast<int>(rng() % (cap + 1));
-        FillText(p, f.width, len, rng, ascii);
-    } else if (f.kind == "bytes") {
-        const int used = static_cast<int>(rng() % (f.width + 1));
-        for (int i = 0; i < f.width; ++i) p[i] = i < used ? static_cast<char>(rng()) : 0;
-    } else if (f.kind == "int32") {
-        const std::int32_t v = rng() % 3 == 0 ? -static_cast<std::int32_t>(rng() % 100000) : static_cast<std::int32_t>(rng());
-        std::memcpy(p, &v, 4);
-    } else if (f.kind == "int64") {
-        const std::int64_t v = (static_cast<std::int64_t>(rng()) << 20) - (std::int64_t{1} << 45);
-        std::memcpy(p, &v, 8);
-    } else if (f.kind == "double") {
-        const double v = (static_cast<double>(rng() % 20000000) - 5000000.0) / 1000.0 + (rng() % 10) * 0.00001;
-        std::memcpy(p, &v, 8);
-    } else if (f.kind == "sized") {
-        static const std::int32_t kLengths[] = {0, 100, 32768, 40000, -5, 7};
-        for (int i = 0; i < f.width; ++i) p[i] = static_cast<char>(rng());
-        const std::int32_t len = kLengths[rng() % 6];
-        std::memcpy(p + f.width, &len, 4);
-    } else if (f.kind == "uncoded") {
-        for (int i = 0; i < f.width; ++i) p[i] = static_cast<char>(rng() | 1);  // never carried
-    } else if (f.kind == "array") {
-        const Layout& e = Get().At(f.entry);
-        const int stride = e.size;
-        for (int k = 0; k < f.entries; ++k)
-            for (const Field& sub : e.fields) FillField(sub, p + k * stride, rng);
+    switch (f.kind) {
+        case FieldKind::Char: {
+            const int pick = static_cast<int>(rng() % 4);
+            *p = pick == 0 ? static_cast<char>(f.def) : pick == 1 ? static_cast<char>('A' + rng() % 26)
+                                                               : static_cast<char>(rng());
+            break;
+        }
+        case FieldKind::Text:
+        case FieldKind::Ascii: {
+            const bool ascii = f.kind == FieldKind::Ascii;
+            const int pick = static_cast<int>(rng() % 6);
+            const int maxLen = ascii ? f.width - 1 : f.width;  // a full ascii text misaligns by design
+            const int cap = maxLen < 40 ? maxLen : 40;
+            const int len = pick == 0 ? 0 : pick == 1 ? maxLen : static_cast<int>(rng() % (cap + 1));
+            FillText(p, f.width, len, rng, ascii);
+            break;
+        }
+        case FieldKind::Bytes: {
+            const int used = static_cast<int>(rng() % (f.width + 1));
+            for (int i = 0; i < f.width; ++i) p[i] = i < used ? static_cast<char>(rng()) : 0;
+            break;
+        }
+        case FieldKind::Int32: {
+            const std::int32_t v = rng() % 3 == 0 ? -static_cast<std::int32_t>(rng() % 100000) : static_cast<std::int32_t>(rng());
+            std::memcpy(p, &v, 4);
+            break;
+        }
+        case FieldKind::Int64: {
+            const std::int64_t v = (static_cast<std::int64_t>(rng()) << 20) - (std::int64_t{1} << 45);
+            std::memcpy(p, &v, 8);
+            break;
+        }
+        case FieldKind::Double: {
+            const double v = (static_cast<double>(rng() % 20000000) - 5000000.0) / 1000.0 + (rng() % 10) * 0.00001;
+            std::memcpy(p, &v, 8);
+            break;
+        }
+        case FieldKind::Sized: {
+            static const std::int32_t kLengths[] = {0, 100, 32768, 40000, -5, 7};
+            for (int i = 0; i < f.width; ++i) p[i] = static_cast<char>(rng());
+            const std::int32_t len = kLengths[rng() % 6];
+            std::memcpy(p + f.width, &len, 4);
+            break;
+        }
+        case FieldKind::Uncoded:
+            for (int i = 0; i < f.width; ++i) p[i] = static_cast<char>(rng() | 1);  // never carried
+            break;
+        case FieldKind::Array: {
+            const Layout& e = Get().At(f.entry);
+            const int stride = e.size;
+            for (int k = 0; k < f.entries; ++k)
+                for (const Field& sub : e.fields) FillField(sub, p + k * stride, rng);
+            break;
+        }
     }
 }
 
 }  // namespace
 
-std::string Cell::Text() const {
-    switch (kind) {
-        case Kind::codec: return std::to_string(codec);
-        case Kind::raw: return "RAW";
-        case Kind::no_records: return "NO_RECORDS";
-        case Kind::head_only: return "HEAD_ONLY";
-        case Kind::nothing: return "NOTHING";
-    }
-    return "";
-}
+std::string Cell::Text() const { return IsCodec() ? std::to_string(codec) : CellKindName(kind); }
 
 const Catalogue& Get() {
     static const Catalogue c = Load();
@@ -164,7 +164,7 @@ const Shape& Catalogue::AnswerShape(int id) const {
 
 const std::string& Shape::LayoutOf(int j, int count) const {
     static const std::string none;
-    if (kind == "switched") return layouts[count < 2 ? 0 : 1];
+    if (kind == ShapeKind::Switched) return layouts[count < 2 ? 0 : 1];
     return j >= 0 && j < static_cast<int>(layouts.size()) ? layouts[static_cast<std::size_t>(j)] : none;
 }
 
@@ -173,13 +173,13 @@ std::vector<char> MakeRecord(const Layout& l, std::mt19937& rng, const std::vect
     for (const Field& f : l.fields) {
         if (prev && rng() % 3 != 0) {
             std::memcpy(r.data() + f.offset, prev->data() + f.offset,
-                        static_cast<std::size_t>(f.kind == "sized" ? f.width + 4 : f.width));
+                        static_cast<std::size_t>(f.kind == FieldKind::Sized ? f.width + 4 : f.width));
             continue;
         }
         FillField(f, r.data(), rng);
         // The count of a counted array: below, within and above its capacity.
         for (const Field& g : l.fields)
-            if (g.kind == "array" && g.countOffset == f.offset) {
+            if (g.kind == FieldKind::Array && g.countOffset == f.offset) {
                 static const std::int32_t kCounts[] = {-1, 0, 3, 12, 15};
                 std::memcpy(r.data() + f.offset, &kCounts[rng() % 5], 4);
             }
@@ -191,37 +191,53 @@ std::vector<char> Expected(const Layout& l, const std::vector<char>& rec, Coding
     std::vector<char> e = rec;
     for (const Field& f : l.fields) {
         char* p = e.data() + f.offset;
-        if (f.kind == "uncoded") {
-            std::memset(p, 0, static_cast<std::size_t>(f.width));
-        } else if (f.kind == "text" && coding == Coding::kFast) {
-            // A counted string keeps at most width - 1 characters.
-            const std::size_t n = ::strnlen(p, static_cast<std::size_t>(f.width));
-            if (n == static_cast<std::size_t>(f.width)) p[f.width - 1] = 0;
-        } else if (f.kind == "double") {
-            const double v = Rounded(F64(p), coding);
-            std::memcpy(p, &v, 8);
-        } else if (f.kind == "sized") {
-            const std::int32_t len = I32(rec, f.offset + f.width);
-            const int kept = coding == Coding::kFast ? (len >= 0 && len <= f.width ? len : f.width)
-                                                     : (len < 0 ? 0 : len > f.width ? f.width : len);
-            std::memset(p + kept, 0, static_cast<std::size_t>(f.width - kept));
-        } else if (f.kind == "array") {
-            const Layout& entry = Get().At(f.entry);
-            const std::int32_t count = I32(rec, f.countOffset);
-            const int coded = coding == Coding::kFast ? f.entries : count < 0 ? 0 : count > f.entries ? f.entries : count;
-            for (int k = 0; k < f.entries; ++k) {
-                char* slot = p + k * entry.size;
-                if (k >= coded) {
-                    std::memset(slot, 0, static_cast<std::size_t>(entry.size));
-                } else if (coding == Coding::kFast) {
-                    for (const Field& sub : entry.fields) {
-                        if (sub.kind != "text") continue;
-                        if (::strnlen(slot + sub.offset, static_cast<std::size_t>(sub.width)) ==
-                            static_cast<std::size_t>(sub.width))
-                            slot[sub.offset + sub.width - 1] = 0;
+        switch (f.kind) {
+            case FieldKind::Uncoded: std::memset(p, 0, static_cast<std::size_t>(f.width)); break;
+            case FieldKind::Text:
+                if (coding == Coding::kFast) {
+                    // A counted string keeps at most width - 1 characters.
+                    const std::size_t n = ::strnlen(p, static_cast<std::size_t>(f.width));
+                    if (n == static_cast<std::size_t>(f.width)) p[f.width - 1] = 0;
+                }
+                break;
+            case FieldKind::Double: {
+                const double v = Rounded(F64(p), coding);
+                std::memcpy(p, &v, 8);
+                break;
+            }
+            case FieldKind::Sized: {
+                const std::int32_t len = I32(rec, f.offset + f.width);
+                const int kept = coding == Coding::kFast ? (len >= 0 && len <= f.width ? len : f.width)
+                                                         : (len < 0 ? 0 : len > f.width ? f.width : len);
+                std::memset(p + kept, 0, static_cast<std::size_t>(f.width - kept));
+                break;
+            }
+            case FieldKind::Array: {
+                const Layout& entry = Get().At(f.entry);
+                const std::int32_t count = I32(rec, f.countOffset);
+                const int coded =
+                    coding == Coding::kFast ? f.entries : count < 0 ? 0 : count > f.entries ? f.entries : count;
+                for (int k = 0; k < f.entries; ++k) {
+                    char* slot = p + k * entry.size;
+                    if (k >= coded) {
+                        std::memset(slot, 0, static_cast<std::size_t>(entry.size));
+                    } else if (coding == Coding::kFast) {
+                        for (const Field& sub : entry.fields) {
+                            if (sub.kind != FieldKind::Text) continue;
+                            if (::strnlen(slot + sub.offset, static_cast<std::size_t>(sub.width)) ==
+                                static_cast<std::size_t>(sub.width))
+                                slot[sub.offset + sub.width - 1] = 0;
+                        }
                     }
                 }
+                break;
             }
+            // Carried as they are.
+            case FieldKind::Char:
+            case FieldKind::Ascii:
+            case FieldKind::Bytes:
+            case FieldKind::Int32:
+            case FieldKind::Int64: break;
         }
     }
     return e;
@@ -230,7 +246,7 @@ std::vector<char> Expected(const Layout& l, const std::vector<char>& rec, Coding
 std::string Compare(const Layout& l, const std::vector<char>& expected, const char* got) {
     std::vector<bool> isDouble(static_cast<std::size_t>(l.size), false);
     for (const Field& f : l.fields) {
-        if (f.kind != "double") continue;
+        if (f.kind != FieldKind::Double) continue;
         for (int i = 0; i < 8; ++i) isDouble[static_cast<std::size_t>(f.offset + i)] = true;
         const double want = F64(expected.data() + f.offset);
         const double have = F64(got + f.offset);

@@ -10,10 +10,22 @@
 #include <string>
 #include <vector>
 
+#include "CatalogueTables.h"
+
 namespace catalogue_model {
 
+// The kinds of field, answer shape and routing cell, as the generator writes
+// them; each has its one function that names a kind (FieldKindName, ...) for
+// text and JSON, and the one that reads a name back (FieldKindNamed, ...).
+using trdcomp::generated::CellKind;
+using trdcomp::generated::CellKindName;
+using trdcomp::generated::FieldKind;
+using trdcomp::generated::FieldKindName;
+using trdcomp::generated::ShapeKind;
+using trdcomp::generated::ShapeKindName;
+
 struct Field {
-    std::string kind;  // char text ascii bytes int32 int64 double uncoded sized array
+    FieldKind kind = FieldKind::Char;
     int offset = 0;
     int width = 0;
     int def = 0;            // Fast first-record default of a char
@@ -34,10 +46,9 @@ struct Layout {
 // A routing cell: the id whose codec serves a function id in one direction
 // and coding, or what happens instead.
 struct Cell {
-    enum class Kind { codec, raw, no_records, head_only, nothing };
-    Kind kind = Kind::raw;
-    int codec = 0;  // Kind::codec: the id whose codec it is
-    bool IsCodec() const { return kind == Kind::codec; }
+    CellKind kind = CellKind::raw;
+    int codec = 0;  // CellKind::codec: the id whose codec it is
+    bool IsCodec() const { return kind == CellKind::codec; }
     std::string Text() const;  // "1013", "RAW", "NO_RECORDS", "HEAD_ONLY", "NOTHING"
 };
 
@@ -47,7 +58,7 @@ struct Route {
 };
 
 struct Shape {
-    std::string kind;  // single, sections, switched
+    ShapeKind kind = ShapeKind::Single;
     std::vector<std::string> layouts;
     // The layout of array j of an answer whose arrays hold `count` records
     // (count-switched answers: the narrow layout below two records), or ""

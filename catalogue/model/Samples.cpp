@@ -59,17 +59,19 @@ std::vector<AnswerSample> SampleAnswers(int id, Coding coding) {
     const auto* route = c.AnswerRoute(id);
     if (!route || !route->cell[fast ? 1 : 0].IsCodec()) return out;
     const auto& shape = c.AnswerShape(id);
+    // Record counts per array, one list per sample.
     std::vector<std::vector<int>> variants;
-    if (shape.kind == "switched")
-        variants = {{1}, {2}};
-    else if (shape.kind == "sections")
-        variants = {shape.layouts.size() == 2 ? std::vector<int>{2, 3} : std::vector<int>{2, 3, 1}};
-    else
-        variants = {{SampleCount(c.At(shape.layouts[0]))}};
+    switch (shape.kind) {
+        case ShapeKind::Switched: variants = {{1}, {2}}; break;
+        case ShapeKind::Sections:
+            variants = {shape.layouts.size() == 2 ? std::vector<int>{2, 3} : std::vector<int>{2, 3, 1}};
+            break;
+        case ShapeKind::Single: variants = {{SampleCount(c.At(shape.layouts[0]))}}; break;
+    }
     for (const auto& counts : variants) {
         std::mt19937 rng(static_cast<unsigned>(id * 8 + fast * 4 + counts[0]));
         AnswerSample s;
-        if (shape.kind == "switched") s.variant = "_n" + std::to_string(counts[0]);
+        if (shape.kind == ShapeKind::Switched) s.variant = "_n" + std::to_string(counts[0]);
         s.proc.nFuncId = id;
         std::memcpy(s.proc.szShort, "OK", 2);
         std::snprintf(s.proc.szLong, sizeof s.proc.szLong, "answer %d", id);

@@ -31,7 +31,7 @@ def canonical_of(tmp_path, name, old, new):
     (catalogue / name).write_text(text.replace(old, new, 1))
     exe = tmp_path / "gen"
     subprocess.run([os.environ.get("CXX", "c++"), "-std=c++20", "-O0", "-I", catalogue,
-                    catalogue / "gen" / "GenerateCatalogue.cpp", "-o", exe], check=True)
+                    *sorted((catalogue / "gen").glob("*.cpp")), "-o", exe], check=True)
     return run(exe, "--canonical")
 
 

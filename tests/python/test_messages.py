@@ -7,7 +7,7 @@ import subprocess
 import pytest
 import trdcomp
 
-from conftest import GOLDEN, TOOL, golden
+from conftest import GOLDEN, TOOL, WIRES, golden
 
 
 def test_decode_gives_what_the_tool_prints_from_any_byte_buffer():
@@ -74,3 +74,39 @@ def test_strict_and_max_bytes_reach_the_library():
 def test_bad_json_raises_value_error_naming_the_problem(message, reason):
     with pytest.raises(ValueError, match=reason):
         trdcomp.encode(message)
+
+
+def _request(function_id, count, size, body):
+    """A request head (user words 0..13) and the bytes behind it."""
+    words = [76, function_id, 0, *range(14), count, size]
+    return b"".join(w.to_bytes(4, "little", signed=True) for w in words) + body
+
+
+# Messages beyond the golden corpus: raw records with bytes behind them, an
+# id whose restore keeps nothing, a raw answer of two arrays (a section table).
+_OTHER_MESSAGES = {
+    "raw_request_with_trailing_bytes": _request(1022, 2, 5, b"abcdefghij\x01\x02\x03"),
+    "request_restored_to_nothing": _request(1017, 0, 0, b""),
+    "raw_answer_of_two_arrays": trdcomp.encode({
+        "direction": "answer", "coding": "2008", "head": {"nFuncId": 4321, "szShort": "OK"}, "arrays": 2,
+        "sections": [{"layout": None, "count": 2, "size": 4, "records": ["01020304", "05060708"]},
+                     {"layout": None, "count": 1, "size": 2, "records": ["0a0b"]}]}),
+}
+
+
+def test_decode_is_the_json_the_tool_prints_for_every_message(tmp_path):
+    # Compared as JSON text: the same members in the same order, ints as
+    # ints and floats as floats (5 == 5.0 in Python, not in the text).
+    messages = {path.stem: path for path in WIRES}
+    for name, wire in _OTHER_MESSAGES.items():
+        messages[name] = tmp_path / f"{name}.wire"
+        messages[name].write_bytes(wire)
+    assert len(WIRES) == 472
+    for name, path in messages.items():
+        printed = subprocess.run([TOOL, "decode", "--json", path], check=True, capture_output=True).stdout
+        decoded = trdcomp.decode(path.read_bytes())
+        assert json.dumps(decoded) == json.dumps(json.loads(printed)), name
+    assert trdcomp.decode(_OTHER_MESSAGES["raw_request_with_trailing_bytes"])["trailing"] == "010203"
+    assert "restored" in trdcomp.decode(_OTHER_MESSAGES["request_restored_to_nothing"])
+    assert [s["records"] for s in trdcomp.decode(_OTHER_MESSAGES["raw_answer_of_two_arrays"])["sections"]] == \
+        [["01020304", "05060708"], ["0a0b"]]

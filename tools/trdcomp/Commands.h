@@ -61,7 +61,4 @@ int RunCatalogue(int id);  // 0: every id
 // A file's bytes, or standard input's for "-". Throws when it cannot be read.
 std::vector<char> ReadAll(const std::string& file);
 
-// A catalogue fingerprint as printed: 16 lowercase hex digits.
-std::string HashText(std::uint64_t hash);
-
 }  // namespace tool

@@ -11,11 +11,14 @@
 #include "Commands.h"
 #include "Message.h"
 #include "Stream.h"
+#include "trdcomp/MessageHead.hpp"
 #include "trdcomp/trdcomp.hpp"
 
 namespace tool {
 
 namespace {
+
+namespace head = trdcomp::head;
 
 std::vector<char> Input(const std::string& file, bool hex) {
     std::vector<char> bytes = ReadAll(file);
@@ -50,12 +53,6 @@ void Print(const Decoded& m, const DecodeOptions& o, std::ostream& out) {
         PrintText(m, out, o.sent);
 }
 
-std::int32_t Word(const std::vector<char>& b, std::size_t off) {
-    std::int32_t v = 0;
-    if (off + 4 <= b.size()) std::memcpy(&v, b.data() + off, 4);
-    return v;
-}
-
 // Messages of a stream or capture, counted per direction and id.
 struct Tally {
     std::size_t messages = 0, refused = 0;
@@ -64,8 +61,8 @@ struct Tally {
 
     void Decode(const Piece& piece, const std::string& where, const DecodeOptions& o, std::ostream& out) {
         ++messages;
-        const bool request = Word(piece.bytes, 0) == TRDCOMP_REQ_HEAD_LEN;
-        ++perId[{request ? "request" : "answer", Word(piece.bytes, 4)}];
+        const bool request = head::DirectionOf(piece.bytes.data(), piece.bytes.size()) == head::kRequest;
+        ++perId[{request ? "request" : "answer", HeadWord(piece.bytes, head::kFunctionIdAt)}];
         out << "== message " << messages << ": " << where << "offset " << piece.offset << ", "
             << Plural(static_cast<long long>(piece.bytes.size()), "byte") << "\n";
         try {
@@ -124,7 +121,7 @@ int RunDecode(const DecodeOptions& o, std::ostream& out) {
 namespace {
 
 std::string Describe(const Decoded& m) {
-    return std::string(m.request ? "request " : "answer ") + std::to_string(Word(m.wire, 4)) + ", " + CodingName(m.fastVersion) +
+    return std::string(m.request ? "request " : "answer ") + std::to_string(HeadWord(m.wire, head::kFunctionIdAt)) + ", " + CodingName(m.fastVersion) +
            ", " + Plural(static_cast<long long>(m.wire.size()), "byte");
 }
 

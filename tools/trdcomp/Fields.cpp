@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <stdexcept>
@@ -68,7 +69,9 @@ std::string Key(const Field& f) {
     return k;
 }
 
-std::string Where(const Field& f) { return "field f" + std::to_string(f.offset) + " (" + f.kind + ", " + Plural(f.width, "byte") + ")"; }
+std::string Where(const Field& f) {
+    return "field f" + std::to_string(f.offset) + " (" + FieldKindName(f.kind) + ", " + Plural(f.width, "byte") + ")";
+}
 
 void HexInto(const Json& v, char* p, int width, const std::string& what) {
     std::vector<char> bytes;
@@ -112,39 +115,51 @@ double SenderDouble(double restored, bool fast) {
 void AddRows(const Layout& l, const char* rec, int base, const std::string& prefix, std::vector<Row>& rows) {
     for (const Field& f : l.fields) {
         const char* p = rec + f.offset;
-        Row r{base + f.offset, prefix + f.kind, f.width, ""};
-        if (f.kind == "char") {
-            const unsigned char c = static_cast<unsigned char>(*p);
-            r.value = std::to_string(c);
-            if (Printable(*p)) {
-                std::string quoted = "'";
-                quoted += *p;
-                quoted += "' (";
-                r.value = quoted + r.value + ")";
+        Row r{base + f.offset, prefix + FieldKindName(f.kind), f.width, ""};
+        switch (f.kind) {
+            case FieldKind::Char: {
+                const unsigned char c = static_cast<unsigned char>(*p);
+                r.value = std::to_string(c);
+                if (Printable(*p)) {
+                    std::string quoted = "'";
+                    quoted += *p;
+                    quoted += "' (";
+                    r.value = quoted + r.value + ")";
+                }
+                break;
             }
-        } else if (f.kind == "text" || f.kind == "ascii") {
-            r.value = Quoted(p, f.width);
-        } else if (f.kind == "bytes" || f.kind == "uncoded") {
-            r.value = Abbreviated(TrimmedHex(p, f.width));
-        } else if (f.kind == "int32") {
-            r.value = std::to_string(Load<std::int32_t>(p));
-        } else if (f.kind == "int64") {
-            r.value = std::to_string(Load<std::int64_t>(p));
-        } else if (f.kind == "double") {
-            r.value = Shortest(Load<double>(p));
-        } else if (f.kind == "sized") {
-            r.width = f.width + 4;
-            r.value = "length " + std::to_string(Load<std::int32_t>(p + f.width)) + ", " + Abbreviated(TrimmedHex(p, f.width));
-        } else if (f.kind == "array") {
-            const Layout& e = catalogue_model::Get().At(f.entry);
-            r.value = Plural(f.entries, "entry", "entries") + " of " + e.name;
-            rows.push_back(r);
-            for (int k = 0; k < f.entries; ++k)
-                AddRows(e, p + k * e.size, base + f.offset + k * e.size, prefix + "[" + std::to_string(k) + "] ", rows);
-            continue;
+            case FieldKind::Text:
+            case FieldKind::Ascii: r.value = Quoted(p, f.width); break;
+            case FieldKind::Bytes:
+            case FieldKind::Uncoded: r.value = Abbreviated(TrimmedHex(p, f.width)); break;
+            case FieldKind::Int32: r.value = std::to_string(Load<std::int32_t>(p)); break;
+            case FieldKind::Int64: r.value = std::to_string(Load<std::int64_t>(p)); break;
+            case FieldKind::Double: r.value = Shortest(Load<double>(p)); break;
+            case FieldKind::Sized:
+                r.width = f.width + 4;
+                r.value = "length " + std::to_string(Load<std::int32_t>(p + f.width)) + ", " + Abbreviated(TrimmedHex(p, f.width));
+                break;
+            case FieldKind::Array: {
+                const Layout& e = catalogue_model::Get().At(f.entry);
+                r.value = Plural(f.entries, "entry", "entries") + " of " + e.name;
+                rows.push_back(r);
+                for (int k = 0; k < f.entries; ++k)
+                    AddRows(e, p + k * e.size, base + f.offset + k * e.size, prefix + "[" + std::to_string(k) + "] ", rows);
+                continue;
+            }
         }
         rows.push_back(r);
     }
+}
+
+// A double that is no number goes as the hex of its bytes.
+void DescribeDouble(const char* p, ValueSink& out) {
+    const double v = Load<double>(p);
+    if (std::isfinite(v)) return out.Double(v);
+    out.BeginObject();
+    out.Key("hex");
+    out.String(Hex(p, 8));
+    out.EndObject();
 }
 
 }  // namespace
@@ -157,6 +172,12 @@ std::string Hex(const char* p, std::size_t n) {
         s[2 * i + 1] = kDigits[static_cast<unsigned char>(p[i]) & 15];
     }
     return s;
+}
+
+std::string HashText(std::uint64_t hash) {
+    char text[17];
+    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
+    return text;
 }
 
 std::string Plural(long long n, const std::string& one, const std::string& plural) {
@@ -186,13 +207,16 @@ bool ParseHex(const std::string& text, std::vector<char>& out) {
     return half < 0;
 }
 
-Json TextJson(const char* p, int width) {
+void DescribeText(const char* p, int width, ValueSink& out) {
     const std::size_t n = ::strnlen(p, static_cast<std::size_t>(width));
     bool plain = true;
     for (std::size_t i = 0; i < n; ++i) plain &= Printable(p[i]);
     for (std::size_t i = n; i < static_cast<std::size_t>(width); ++i) plain &= p[i] == 0;
-    if (plain) return std::string(p, n);
-    return Json{{"hex", TrimmedHex(p, width)}};
+    if (plain) return out.String(std::string(p, n));
+    out.BeginObject();
+    out.Key("hex");
+    out.String(TrimmedHex(p, width));
+    out.EndObject();
 }
 
 void TextFromJson(const Json& v, char* p, int width, const std::string& what) {
@@ -211,34 +235,49 @@ std::vector<Row> RecordRows(const Layout& l, const char* rec) {
     return rows;
 }
 
-Json RecordJson(const Layout& l, const char* rec) {
-    Json j = Json::object();
+void DescribeRecord(const Layout& l, const char* rec, ValueSink& out) {
+    out.BeginObject();
     for (const Field& f : l.fields) {
         const char* p = rec + f.offset;
-        const std::string key = Key(f);
-        if (f.kind == "char") {
-            j[key] = Printable(*p) ? Json(std::string(1, *p)) : Json(static_cast<unsigned char>(*p));
-        } else if (f.kind == "text" || f.kind == "ascii") {
-            j[key] = TextJson(p, f.width);
-        } else if (f.kind == "bytes" || f.kind == "uncoded") {
-            j[key] = TrimmedHex(p, f.width);
-        } else if (f.kind == "int32") {
-            j[key] = Load<std::int32_t>(p);
-        } else if (f.kind == "int64") {
-            j[key] = Load<std::int64_t>(p);
-        } else if (f.kind == "double") {
-            const double v = Load<double>(p);
-            j[key] = std::isfinite(v) ? Json(v) : Json{{"hex", Hex(p, 8)}};
-        } else if (f.kind == "sized") {
-            j[key] = Json{{"length", Load<std::int32_t>(p + f.width)}, {"hex", TrimmedHex(p, f.width)}};
-        } else if (f.kind == "array") {
-            const Layout& e = catalogue_model::Get().At(f.entry);
-            Json entries = Json::array();
-            for (int k = 0; k < f.entries; ++k) entries.push_back(RecordJson(e, p + k * e.size));
-            j[key] = entries;
+        out.Key(Key(f));
+        switch (f.kind) {
+            case FieldKind::Char:
+                if (Printable(*p))
+                    out.String(std::string(1, *p));
+                else
+                    out.Unsigned(static_cast<unsigned char>(*p));
+                break;
+            case FieldKind::Text:
+            case FieldKind::Ascii: DescribeText(p, f.width, out); break;
+            case FieldKind::Bytes:
+            case FieldKind::Uncoded: out.String(TrimmedHex(p, f.width)); break;
+            case FieldKind::Int32: out.Integer(Load<std::int32_t>(p)); break;
+            case FieldKind::Int64: out.Integer(Load<std::int64_t>(p)); break;
+            case FieldKind::Double: DescribeDouble(p, out); break;
+            case FieldKind::Sized:
+                out.BeginObject();
+                out.Key("length");
+                out.Integer(Load<std::int32_t>(p + f.width));
+                out.Key("hex");
+                out.String(TrimmedHex(p, f.width));
+                out.EndObject();
+                break;
+            case FieldKind::Array: {
+                const Layout& e = catalogue_model::Get().At(f.entry);
+                out.BeginList();
+                for (int k = 0; k < f.entries; ++k) DescribeRecord(e, p + k * e.size, out);
+                out.EndList();
+                break;
+            }
         }
     }
-    return j;
+    out.EndObject();
+}
+
+Json RecordJson(const Layout& l, const char* rec) {
+    JsonSink sink;
+    DescribeRecord(l, rec, sink);
+    return sink.Take();
 }
 
 void RecordFromJson(const Layout& l, const Json& j, char* rec, bool fast) {
@@ -250,40 +289,45 @@ void RecordFromJson(const Layout& l, const Json& j, char* rec, bool fast) {
         if (f == nullptr) throw std::runtime_error("\"" + key + "\" is no field of " + l.name);
         char* p = rec + f->offset;
         const std::string what = l.name + " " + Where(*f);
-        if (f->kind == "char") {
-            if (v.is_string()) {
-                const std::string s = v.get<std::string>();
-                if (s.size() > 1) throw std::runtime_error(what + ": a char takes one character or a number 0..255");
-                *p = s.empty() ? 0 : s[0];
-            } else {
-                const auto n = Integer<std::int32_t>(v, what);
-                if (n < -128 || n > 255) throw std::runtime_error(what + ": " + std::to_string(n) + " is out of range");
-                *p = static_cast<char>(n);
+        switch (f->kind) {
+            case FieldKind::Char:
+                if (v.is_string()) {
+                    const std::string text = v.get<std::string>();
+                    if (text.size() > 1) throw std::runtime_error(what + ": a char takes one character or a number 0..255");
+                    *p = text.empty() ? 0 : text[0];
+                } else {
+                    const auto n = Integer<std::int32_t>(v, what);
+                    if (n < -128 || n > 255) throw std::runtime_error(what + ": " + std::to_string(n) + " is out of range");
+                    *p = static_cast<char>(n);
+                }
+                break;
+            case FieldKind::Text:
+            case FieldKind::Ascii: TextFromJson(v, p, f->width, what); break;
+            case FieldKind::Bytes:
+            case FieldKind::Uncoded: HexInto(v, p, f->width, what); break;
+            case FieldKind::Int32: Store(p, Integer<std::int32_t>(v, what)); break;
+            case FieldKind::Int64: Store(p, Integer<std::int64_t>(v, what)); break;
+            case FieldKind::Double:
+                if (v.is_object() && v.contains("hex")) {
+                    HexInto(v.at("hex"), p, 8, what);
+                } else {
+                    if (!v.is_number()) throw std::runtime_error(what + ": expected a number or {\"hex\": ...}");
+                    Store(p, SenderDouble(v.get<double>(), fast));
+                }
+                break;
+            case FieldKind::Sized:
+                if (!v.is_object() || !v.contains("length"))
+                    throw std::runtime_error(what + ": expected {\"length\": N, \"hex\": ...}");
+                Store(p + f->width, Integer<std::int32_t>(v.at("length"), what + " length"));
+                if (v.contains("hex")) HexInto(v.at("hex"), p, f->width, what);
+                break;
+            case FieldKind::Array: {
+                const Layout& e = catalogue_model::Get().At(f->entry);
+                if (!v.is_array() || v.size() > static_cast<std::size_t>(f->entries))
+                    throw std::runtime_error(what + ": expected a list of at most " + std::to_string(f->entries) + " entries");
+                for (std::size_t k = 0; k < v.size(); ++k) RecordFromJson(e, v[k], p + k * static_cast<std::size_t>(e.size), fast);
+                break;
             }
-        } else if (f->kind == "text" || f->kind == "ascii") {
-            TextFromJson(v, p, f->width, what);
-        } else if (f->kind == "bytes" || f->kind == "uncoded") {
-            HexInto(v, p, f->width, what);
-        } else if (f->kind == "int32") {
-            Store(p, Integer<std::int32_t>(v, what));
-        } else if (f->kind == "int64") {
-            Store(p, Integer<std::int64_t>(v, what));
-        } else if (f->kind == "double") {
-            if (v.is_object() && v.contains("hex")) {
-                HexInto(v.at("hex"), p, 8, what);
-            } else {
-                if (!v.is_number()) throw std::runtime_error(what + ": expected a number or {\"hex\": ...}");
-                Store(p, SenderDouble(v.get<double>(), fast));
-            }
-        } else if (f->kind == "sized") {
-            if (!v.is_object() || !v.contains("length")) throw std::runtime_error(what + ": expected {\"length\": N, \"hex\": ...}");
-            Store(p + f->width, Integer<std::int32_t>(v.at("length"), what + " length"));
-            if (v.contains("hex")) HexInto(v.at("hex"), p, f->width, what);
-        } else if (f->kind == "array") {
-            const Layout& e = catalogue_model::Get().At(f->entry);
-            if (!v.is_array() || v.size() > static_cast<std::size_t>(f->entries))
-                throw std::runtime_error(what + ": expected a list of at most " + std::to_string(f->entries) + " entries");
-            for (std::size_t k = 0; k < v.size(); ++k) RecordFromJson(e, v[k], p + k * static_cast<std::size_t>(e.size), fast);
         }
     }
 }

@@ -1,23 +1,26 @@
 // Field by field views of records for the trdcomp tool: as rows of a text
-// table and as JSON, and back from JSON into record bytes. The layouts come
-// from the catalogue (offsets, kinds and widths); a record without a layout
-// is one block of bytes.
+// table and as described values (JSON, the Python module's dicts), and back
+// from JSON into record bytes. The layouts come from the catalogue (offsets,
+// kinds and widths); a record without a layout is one block of bytes.
 #pragma once
 
-#include <nlohmann/json.hpp>
-
+#include <cstdint>
 #include <string>
 #include <vector>
 
+#include "ValueSink.h"
 #include "model/CatalogueModel.h"
 
 namespace tool {
 
-using Json = nlohmann::ordered_json;
 using catalogue_model::Field;
+using catalogue_model::FieldKind;
+using catalogue_model::FieldKindName;
 using catalogue_model::Layout;
 
 std::string Hex(const char* p, std::size_t n);
+// A catalogue fingerprint as printed: 16 lowercase hex digits.
+std::string HashText(std::uint64_t hash);
 // "1 record", "2 records"; `plural` for words that do not just take an s.
 std::string Plural(long long n, const std::string& one, const std::string& plural = "");
 // Parses hex digits (spaces and newlines between bytes allowed). False on
@@ -35,7 +38,13 @@ struct Row {
 // The rows of a record; counted arrays are expanded entry by entry.
 std::vector<Row> RecordRows(const Layout& l, const char* rec);
 
-// The record as a JSON object keyed "f<offset>", in offset order.
+// The record as an object keyed "f<offset>", in offset order: a char as a
+// one-letter string when printable, else its number; texts as DescribeText;
+// blocks as hex without their trailing zeros; numbers as numbers (a double
+// that is no number as {"hex"}); a sized block as {"length", "hex"}; a
+// counted array as a list of its entries, every entry, whatever the count.
+void DescribeRecord(const Layout& l, const char* rec, ValueSink& out);
+// DescribeRecord as a JSON object.
 Json RecordJson(const Layout& l, const char* rec);
 
 // Writes the fields the object names into rec (l.size bytes, zeroed by the
@@ -47,8 +56,8 @@ Json RecordJson(const Layout& l, const char* rec);
 // nearest such value, so that a decoded message packs to the same bytes.
 void RecordFromJson(const Layout& l, const Json& j, char* rec, bool fast);
 
-// Texts as JSON: a string when printable ASCII padded with zeros, else {"hex"}.
-Json TextJson(const char* p, int width);
+// A text: a string when printable ASCII padded with zeros, else {"hex"}.
+void DescribeText(const char* p, int width, ValueSink& out);
 void TextFromJson(const Json& v, char* p, int width, const std::string& what);
 
 }  // namespace tool

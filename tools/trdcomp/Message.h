@@ -1,6 +1,8 @@
-// Whole messages for the trdcomp tool: a received message restored through
-// the library and described section by section, its JSON form, and the
-// inverse, a message packed from that JSON.
+// Whole messages for the trdcomp tool and the Python module (the library
+// trdcomp_message, no command line): a received message restored through the
+// library and split into sections (Decode.cpp), described value by value as
+// JSON or a dict and packed back from JSON (MessageJson.cpp), and printed as
+// text (MessageText.cpp).
 #pragma once
 
 #include <cstddef>
@@ -25,6 +27,9 @@ struct CodingChoice {
 // "2008", "fast" or "fast:V" (V from 1 to 15); throws on anything else.
 int ParseCoding(const std::string& text);
 std::string CodingName(int fastVersion);
+// The head word at byte `at` (a trdcomp::head offset) of a message, 0 where
+// the message ends before it.
+std::int32_t HeadWord(const std::vector<char>& wire, std::size_t at);
 // A head's flags word as printed: "0x11 (coded, fast:1)".
 std::string FlagsText(std::int32_t flags);
 // A head word as the text table and diff print it (the flags in hex).
@@ -64,6 +69,15 @@ struct Refused : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// The record arrays an answer of shape s has.
+int ShapeArrays(const catalogue_model::Shape& s);
+// The layout of array j of an answer of shape s whose arrays hold `count`
+// records, or null for an array the shape does not have.
+const Layout* AnswerLayout(const catalogue_model::Shape& s, int j, int count);
+// What the library said when it refused a message: its reason, and for a
+// head that names an id the id and coding, so that the reader can look it up.
+std::string WhyRefused(const trdcomp::RestoredView& r, const std::vector<char>& wire, int version);
+
 // Restores `wire` through the library and splits the result into sections.
 // Throws Refused naming the failed check when the library refuses,
 // std::runtime_error when the bytes are no message at all or the restore
@@ -86,8 +100,17 @@ const char* OriginName(Origin o);
 // maps. Empty for the 2008 coding and raw records.
 std::vector<std::vector<std::map<int, Origin>>> SentFields(const Decoded& m);
 
-// The head as the sender wrote it, the "head" of ToJson.
+// The head as the sender wrote it, the "head" of DescribeMessage.
+void DescribeHead(const Decoded& m, ValueSink& out);
 Json HeadJson(const Decoded& m);
+// The whole records of a section, each as DescribeRecord (raw records: the
+// hex of their bytes).
+void DescribeRecords(const Section& s, ValueSink& out);
+// The message: direction, coding, flag, bytes, head, arrays (answers),
+// sections (layout or null, count, size, records: empty without `records`),
+// trailing bytes and the note of a restore that kept nothing, where they apply.
+void DescribeMessage(const Decoded& m, ValueSink& out, bool records = true);
+// DescribeMessage as a JSON document.
 Json ToJson(const Decoded& m);
 // Prints ToJson(m).dump(2) record by record, without building the document:
 // the memory it needs does not grow with the number of records.

@@ -9,7 +9,7 @@
 
 #include "Message.h"
 #include "fastcodec/FastPrimitives.h"
-#include "trdcomp/TrdCompData.h"
+#include "trdcomp/MessageHead.hpp"
 
 namespace tool {
 
@@ -26,11 +26,9 @@ std::uint16_t U16(const std::vector<char>& b, std::size_t at) {
 std::vector<std::vector<std::map<int, Origin>>> SentFields(const Decoded& m) {
     std::vector<std::vector<std::map<int, Origin>>> out(m.sections.size());
     if (m.fastVersion == 0 || m.wire.size() < 4) return out;
-    std::int32_t headLen;
-    std::memcpy(&headLen, m.wire.data(), 4);
-    std::int32_t flags = 0;
-    if (m.wire.size() >= 12) std::memcpy(&flags, m.wire.data() + 8, 4);
-    if (!(flags & TRDCOMP_FLAG_CODED) || headLen < 0) return out;
+    const std::int32_t headLen = HeadWord(m.wire, trdcomp::head::kLengthAt);
+    const std::int32_t flags = HeadWord(m.wire, trdcomp::head::kFlagsAt);
+    if (!trdcomp::head::Coded(flags) || headLen < 0) return out;
     // The stream: a u16 count per array, then each array's records, a u16
     // length and the coded record each.
     const std::size_t arrays = m.sections.size();

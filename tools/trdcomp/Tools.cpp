@@ -1,5 +1,7 @@
-// trdcomp decode, encode and catalogue.
+// trdcomp encode and catalogue (the routing of every id, an id's layouts
+// field by field), and the tool's file input and output.
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <fstream>
 #include <iomanip>
@@ -41,23 +43,44 @@ void WriteAll(const std::string& file, const std::vector<char>& bytes) {
     if (!out) throw std::runtime_error("cannot write " + file);
 }
 
+// A cell as the routing table prints it: its kind's name in lower case,
+// words apart ("no records"), and the codec's id when it is another id's.
 std::string CellText(const catalogue_model::Cell& cell, int id) {
-    using Kind = catalogue_model::Cell::Kind;
-    switch (cell.kind) {
-        case Kind::raw: return "raw";
-        case Kind::no_records: return "no records";
-        case Kind::head_only: return "head only";
-        case Kind::nothing: return "nothing";
-        case Kind::codec: break;
-    }
-    return cell.codec == id ? "codec" : "codec " + std::to_string(cell.codec);
+    std::string text = catalogue_model::CellKindName(cell.kind);
+    for (char& c : text) c = c == '_' ? ' ' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return cell.IsCodec() && cell.codec != id ? text + " " + std::to_string(cell.codec) : text;
 }
 
+// "REQ_1002"; "sections A + B"; "switched NARROW / WIDE".
 std::string ShapeText(int codec) {
     const auto& s = Get().AnswerShape(codec);
-    std::string t = s.kind == "switched" ? "switched " : s.kind == "sections" ? "sections " : "";
-    for (std::size_t i = 0; i < s.layouts.size(); ++i) t += (i ? s.kind == "switched" ? " / " : " + " : "") + s.layouts[i];
+    std::string lead, between;
+    switch (s.kind) {
+        case catalogue_model::ShapeKind::Single: break;
+        case catalogue_model::ShapeKind::Sections: lead = "sections ", between = " + "; break;
+        case catalogue_model::ShapeKind::Switched: lead = "switched ", between = " / "; break;
+    }
+    std::string t = lead;
+    for (std::size_t i = 0; i < s.layouts.size(); ++i) t += (i ? between : "") + s.layouts[i];
     return t;
+}
+
+// The notes column of a layout's table.
+std::string FieldNote(const catalogue_model::Field& f) {
+    switch (f.kind) {
+        case FieldKind::Char: return f.def ? "Fast first-record default " + std::to_string(f.def) : "";
+        case FieldKind::Sized: return "length: int32 at " + std::to_string(f.offset + f.width);
+        case FieldKind::Array:
+            return Plural(f.entries, "entry", "entries") + " of " + f.entry + ", count at " + std::to_string(f.countOffset);
+        case FieldKind::Uncoded: return "never coded";
+        case FieldKind::Text:
+        case FieldKind::Ascii:
+        case FieldKind::Bytes:
+        case FieldKind::Int32:
+        case FieldKind::Int64:
+        case FieldKind::Double: return "";
+    }
+    return "";
 }
 
 void PrintLayout(const catalogue_model::Layout& l, const std::string& indent) {
@@ -65,21 +88,15 @@ void PrintLayout(const catalogue_model::Layout& l, const std::string& indent) {
     std::cout << indent << "  " << std::left << std::setw(8) << "offset" << std::setw(9) << "kind" << std::setw(7) << "width"
               << "notes\n";
     for (const auto& f : l.fields) {
-        std::string note;
-        if (f.kind == "char" && f.def) note = "Fast first-record default " + std::to_string(f.def);
-        if (f.kind == "sized") note = "length: int32 at " + std::to_string(f.offset + f.width);
-        if (f.kind == "array")
-            note = Plural(f.entries, "entry", "entries") + " of " + f.entry + ", count at " + std::to_string(f.countOffset);
-        if (f.kind == "uncoded") note = "never coded";
         std::ostringstream row;
-        row << indent << "  " << std::left << std::setw(8) << f.offset << std::setw(9) << f.kind << std::setw(7) << f.width
-            << note;
+        row << indent << "  " << std::left << std::setw(8) << f.offset << std::setw(9) << FieldKindName(f.kind)
+            << std::setw(7) << f.width << FieldNote(f);
         std::string line = row.str();
         line.erase(line.find_last_not_of(' ') + 1);
         std::cout << line << "\n";
     }
     for (const auto& f : l.fields)
-        if (f.kind == "array") PrintLayout(Get().At(f.entry), indent + "  ");
+        if (f.kind == FieldKind::Array) PrintLayout(Get().At(f.entry), indent + "  ");
 }
 
 }  // namespace
@@ -103,12 +120,6 @@ int RunEncode(const EncodeCommandOptions& o) {
         WriteAll(o.out, wire);
     }
     return 0;
-}
-
-std::string HashText(std::uint64_t hash) {
-    char text[17];
-    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
-    return text;
 }
 
 int RunCatalogue(int id) {

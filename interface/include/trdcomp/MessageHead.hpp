@@ -28,6 +28,7 @@ enum : std::size_t {
     kFlagsAt = offsetof(tagREQ_HEAD, nFlags),
     kRequestCountAt = offsetof(tagREQ_HEAD, nRecCount),
     kRequestSizeAt = offsetof(tagREQ_HEAD, nRecSize),
+    kAnswerReservedAt = offsetof(tagANS_HEAD, cReserved),
     kAnswerCountAt = offsetof(tagANS_HEAD, nRecCount),
     kAnswerSizeAt = offsetof(tagANS_HEAD, nRecSize),
     kRequestLength = sizeof(tagREQ_HEAD),
@@ -75,6 +76,20 @@ inline Direction DirectionOf(const char* p, std::size_t size) {
     if (p == NULL || size < 4) return kNoMessage;
     const Word w = Load(p, kLengthAt);
     return w == static_cast<Word>(kRequestLength) ? kRequest : w == static_cast<Word>(kAnswerLength) ? kAnswer : kNoMessage;
+}
+
+/* The whole head as its struct, for what the readers above leave out (a
+ * request's user words, an answer's reserved bytes and texts); p holds
+ * kRequestLength (kAnswerLength) bytes. */
+inline tagREQ_HEAD ReadRequestHead(const char* p) {
+    tagREQ_HEAD h;
+    std::memcpy(&h, p, sizeof h);
+    return h;
+}
+inline tagANS_HEAD ReadAnswerHead(const char* p) {
+    tagANS_HEAD h;
+    std::memcpy(&h, p, sizeof h);
+    return h;
 }
 
 /* Count and record size of the array a head describes directly (a request's,

@@ -1,65 +1,190 @@
-#include "Message.h"
-
+// Messages as JSON both ways: a decoded message described value by value
+// (the JSON document `trdcomp decode --json` prints, the Python module's
+// dict), and a message packed from that JSON.
 #include <algorithm>
 #include <climits>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
-#include <iomanip>
 #include <optional>
-#include <utility>
 #include <ostream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
 
-#include "model/Samples.h"
+#include "Message.h"
+#include "trdcomp/MessageHead.hpp"
 #include "trdcomp/trdcomp.hpp"
 
 namespace tool {
 
 namespace {
 
+namespace head = trdcomp::head;
 using catalogue_model::Get;
 using catalogue_model::Shape;
 
-constexpr int kReqHead = TRDCOMP_REQ_HEAD_LEN;
-constexpr int kAnsHead = TRDCOMP_ANS_HEAD_LEN;
-
-std::int32_t Word(const std::vector<char>& b, std::size_t off) {
-    std::int32_t v = 0;
-    if (off + 4 <= b.size()) std::memcpy(&v, b.data() + off, 4);
-    return v;
-}
-std::int64_t Records(std::int64_t count) { return count > 0 ? count : 0; }
-
-
-int ShapeArrays(const Shape& s) { return s.kind == "sections" ? static_cast<int>(s.layouts.size()) : 1; }
-
-const Layout* AnswerLayout(const Shape& s, int j, int count) {
-    const std::string& name = s.LayoutOf(j, count);
-    return name.empty() ? nullptr : &Get().At(name);
+// The head's bytes, zero-padded to a whole head of the message's direction.
+std::vector<char> WholeHead(const Decoded& m) {
+    std::vector<char> h(m.request ? head::kRequestLength : head::kAnswerLength, 0);
+    std::copy_n(m.wire.begin(), std::min(h.size(), m.wire.size()), h.begin());
+    return h;
 }
 
-// What the library said when it refused a message: its reason, and for a
-// head that names an id the id and coding, so that the reader can look it up.
-std::string WhyRefused(const trdcomp::RestoredView& r, const std::vector<char>& w, int version) {
-    std::string why = trdcomp::Message(r.Why());
-    if (w.size() >= 12)
-        why += " (function id " + std::to_string(Word(w, 4)) + ", " + CodingName(version) + " coding)";
-    return why;
+void IntegerMember(ValueSink& out, const char* key, std::int64_t v) {
+    out.Key(key);
+    out.Integer(v);
 }
 
-// The one place a restore's failure becomes the tool's error.
-[[noreturn]] void ReportRefusal(const trdcomp::Restored& r, const std::vector<char>& wire, int version,
-                                const trdcomp::RestoreOptions& options) {
-    switch (r.Error()) {
-        case trdcomp::Errc::limit_exceeded:
-            throw std::runtime_error("the message restores to " + Plural(static_cast<std::int64_t>(r.Needed()), "byte") +
-                                     ", more than the limit of " + ByteLimitText(options.maxBytes) +
-                                     " (--max-bytes N raises it, --max-bytes unlimited lifts it)");
-        case trdcomp::Errc::out_of_memory: throw Refused("the restore could not allocate its buffer");
-        default: throw Refused(WhyRefused(r, wire, version));
+}  // namespace
+
+void DescribeHead(const Decoded& m, ValueSink& out) {
+    const std::vector<char> bytes = WholeHead(m);
+    const head::Routing routing = head::ReadRouting(bytes.data());
+    out.BeginObject();
+    IntegerMember(out, "nHeadLen", routing.length);
+    IntegerMember(out, "nFuncId", routing.functionId);
+    IntegerMember(out, "nFlags", routing.flags);
+    if (m.request) {
+        const tagREQ_HEAD h = head::ReadRequestHead(bytes.data());
+        out.Key("nUser");
+        out.BeginList();
+        for (int user : h.nUser) out.Integer(user);
+        out.EndList();
+        const head::Array a = head::RequestArray(bytes.data());
+        IntegerMember(out, "nRecCount", a.count);
+        IntegerMember(out, "nRecSize", a.size);
+    } else {
+        const tagANS_HEAD h = head::ReadAnswerHead(bytes.data());
+        out.Key("cReserved");
+        out.String(Hex(h.cReserved, sizeof h.cReserved));
+        out.Key("szShort");
+        DescribeText(h.szShort, sizeof h.szShort, out);
+        out.Key("szLong");
+        DescribeText(h.szLong, sizeof h.szLong, out);
+        const head::Array a = head::AnswerArray(bytes.data());
+        IntegerMember(out, "nRecCount", a.count);
+        IntegerMember(out, "nRecSize", a.size);
+    }
+    out.EndObject();
+}
+
+Json HeadJson(const Decoded& m) {
+    JsonSink sink;
+    DescribeHead(m, sink);
+    return sink.Take();
+}
+
+void DescribeRecords(const Section& s, ValueSink& out) {
+    for (std::size_t off = 0; s.slot > 0 && off + static_cast<std::size_t>(s.slot) <= s.records.size();
+         off += static_cast<std::size_t>(s.slot)) {
+        if (s.layout)
+            DescribeRecord(*s.layout, s.records.data() + off, out);
+        else
+            out.String(Hex(s.records.data() + off, static_cast<std::size_t>(s.slot)));
     }
 }
 
+void DescribeMessage(const Decoded& m, ValueSink& out, bool records) {
+    out.BeginObject();
+    out.Key("direction");
+    out.String(m.request ? "request" : "answer");
+    out.Key("coding");
+    out.String(CodingName(m.fastVersion));
+    IntegerMember(out, "flag", m.flag);
+    out.Key("bytes");
+    out.Unsigned(m.wire.size());
+    out.Key("head");
+    DescribeHead(m, out);
+    if (!m.request) IntegerMember(out, "arrays", m.arrayCount);
+    out.Key("sections");
+    out.BeginList();
+    for (const Section& s : m.sections) {
+        out.BeginObject();
+        out.Key("layout");
+        if (s.layout)
+            out.String(s.layout->name);
+        else
+            out.Null();
+        IntegerMember(out, "count", s.count);
+        IntegerMember(out, "size", s.size);
+        out.Key("records");
+        out.BeginList();
+        if (records) DescribeRecords(s, out);
+        out.EndList();
+        out.EndObject();
+    }
+    out.EndList();
+    if (!m.trailing.empty()) {
+        out.Key("trailing");
+        out.String(Hex(m.trailing.data(), m.trailing.size()));
+    }
+    if (m.restoredNothing) {
+        out.Key("restored");
+        out.String("nothing: the restore handed back no records");
+    }
+    out.EndObject();
+}
+
+Json ToJson(const Decoded& m) {
+    JsonSink sink;
+    DescribeMessage(m, sink);
+    return sink.Take();
+}
+
+namespace {
+
+// Calls f with the JSON of each whole record of the section, one at a time.
+template <class F>
+void EachRecordJson(const Section& s, F f) {
+    JsonSink sink([&](Json record) { f(std::move(record)); });
+    DescribeRecords(s, sink);
+}
+
+// v.dump(2) as it reads `depth` levels down in a document.
+std::string Nested(const Json& v, int depth) {
+    std::string text = v.dump(2);
+    const std::string indent(static_cast<std::size_t>(2 * depth), ' ');
+    for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1)) text.insert(at + 1, indent);
+    return text;
+}
+
+}  // namespace
+
+void WriteJson(const Decoded& m, std::ostream& out) {
+    // The document without its records, which follow one by one.
+    JsonSink skeleton;
+    DescribeMessage(m, skeleton, false);
+    const Json j = skeleton.Take();
+    const Json& sections = j.at("sections");
+    out << "{";
+    const char* comma = "\n";
+    for (const auto& [key, v] : j.items()) {
+        out << comma << "  " << Json(key).dump() << ": ";
+        comma = ",\n";
+        if (key != "sections" || sections.empty()) {
+            out << Nested(v, 1);
+            continue;
+        }
+        out << "[";
+        for (std::size_t k = 0; k < sections.size(); ++k) {
+            out << (k ? ",\n" : "\n") << "    {";
+            for (const auto& [name, field] : sections[k].items())
+                if (name != "records") out << "\n      " << Json(name).dump() << ": " << field.dump() << ",";
+            out << "\n      \"records\": ";
+            const char* sep = "[\n        ";
+            EachRecordJson(m.sections[k], [&](const Json& r) {
+                out << sep << Nested(r, 4);
+                sep = ",\n        ";
+            });
+            out << (*sep == '[' ? "[]" : "\n      ]") << "\n    }";
+        }
+        out << "\n  ]";
+    }
+    out << "\n}\n";
+}
+
+namespace {
 
 // An integer member of the JSON, or `fallback` when it has none.
 template <class T>
@@ -158,279 +283,6 @@ Array ReadArray(const Json& sec, const Layout* expected, const std::string& expe
     return a;
 }
 
-}  // namespace
-
-Json HeadJson(const Decoded& m) {
-    const std::vector<char>& w = m.wire;
-    Json h;
-    h["nHeadLen"] = Word(w, 0);
-    h["nFuncId"] = Word(w, 4);
-    h["nFlags"] = Word(w, 8);
-    if (m.request) {
-        Json user = Json::array();
-        for (int i = 0; i < 14; ++i) user.push_back(Word(w, 12 + 4 * static_cast<std::size_t>(i)));
-        h["nUser"] = user;
-        h["nRecCount"] = Word(w, 68);
-        h["nRecSize"] = Word(w, 72);
-    } else {
-        h["cReserved"] = Hex(w.data() + 12, 8);
-        h["szShort"] = TextJson(w.data() + 20, 4);
-        h["szLong"] = TextJson(w.data() + 24, 64);
-        h["nRecCount"] = Word(w, 88);
-        h["nRecSize"] = Word(w, 92);
-    }
-    return h;
-}
-
-int ParseCoding(const std::string& text) {
-    if (text == "2008") return 0;
-    if (text == "fast") return 1;
-    if (text.rfind("fast:", 0) == 0) {
-        const std::string v = text.substr(5);
-        if (!v.empty() && v.size() <= 2 && v.find_first_not_of("0123456789") == std::string::npos) {
-            const int n = std::stoi(v);
-            if (n >= 1 && n <= 15) return n;
-        }
-    }
-    throw std::runtime_error("coding \"" + text + "\": expected 2008, fast or fast:V with V from 1 to 15");
-}
-
-std::size_t ParseByteLimit(const std::string& text) {
-    if (text == "unlimited" || text == "none") return static_cast<std::size_t>(-1);
-    const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
-    const std::string unit = text.substr(digits);
-    const int shift = unit.empty() ? 0 : unit == "K" || unit == "k" ? 10 : unit == "M" ? 20 : unit == "G" ? 30 : -1;
-    const std::uint64_t n = digits == 0 || shift < 0 || digits > 15 ? 0 : std::stoull(text.substr(0, digits));
-    if (digits == 0 || shift < 0 || digits > 15 || n > (UINT64_MAX >> 1 >> shift))
-        throw std::runtime_error("\"" + text + "\": expected a number of bytes (with K, M or G for KiB, MiB, GiB), "
-                                 "or unlimited");
-    return n == 0 ? static_cast<std::size_t>(-1) : static_cast<std::size_t>(n << shift);
-}
-
-std::string ByteLimitText(std::size_t limit) {
-    if (limit == static_cast<std::size_t>(-1)) return "unlimited";
-    std::string text = Plural(static_cast<long long>(limit), "byte");
-    for (const auto& [shift, unit] : {std::pair{30, " GiB"}, std::pair{20, " MiB"}, std::pair{10, " KiB"}})
-        if (limit >= (std::size_t{1} << shift) && limit % (std::size_t{1} << shift) == 0)
-            return text + " (" + std::to_string(limit >> shift) + unit + ")";
-    return text;
-}
-
-std::string FlagsText(std::int32_t flags) {
-    char hex[16];
-    std::snprintf(hex, sizeof hex, "0x%x", static_cast<unsigned>(flags));
-    std::string bits;
-    if (flags & TRDCOMP_FLAG_CODED) bits += ", coded";
-    if (flags & TRDCOMP_FLAG_SECTIONS) bits += ", several arrays";
-    if (const int v = (flags >> TRDCOMP_FLAG_FAST_SHIFT) & 0xF) bits += ", fast:" + std::to_string(v);
-    return bits.empty() ? hex : std::string(hex) + " (" + bits.substr(2) + ")";
-}
-
-std::string HeadValueText(const std::string& key, const Json& v) {
-    return key == "nFlags" && v.is_number_integer() ? FlagsText(v.get<std::int32_t>()) : v.dump();
-}
-
-std::string CodingName(int fastVersion) { return fastVersion == 0 ? "2008" : "fast:" + std::to_string(fastVersion); }
-
-Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& options) {
-    if (wire.size() < 4) throw std::runtime_error("the input has " + Plural(static_cast<std::int64_t>(wire.size()), "byte") + ": no head");
-    if (wire.size() > static_cast<std::size_t>(INT_MAX)) throw std::runtime_error("the input is longer than a message can be (2 GiB)");
-    Decoded m;
-    m.wire = wire;
-    m.flag = options.flag;
-    const std::int32_t word0 = Word(wire, 0);
-    if (word0 != kReqHead && word0 != kAnsHead)
-        throw std::runtime_error("head word 0 is " + std::to_string(word0) + ": a request head says 76, an answer head 96");
-    m.request = word0 == kReqHead;
-    m.fastVersion = (Word(wire, 8) >> TRDCOMP_FLAG_FAST_SHIFT) & 0xF;
-    const bool fast = m.fastVersion != 0;
-    const std::int32_t id = Word(wire, 4);
-    const trdcomp::span<const char> in(wire.data(), wire.size());
-    const trdcomp::Restored r = m.request ? trdcomp::RestoreRequest(in, options) : trdcomp::RestoreAnswer(in, options);
-    if (!r) ReportRefusal(r, wire, m.fastVersion, options);
-    m.restoredBytes = r.Size();
-    if (r.Size() == 0) {
-        m.restoredNothing = true;
-        return m;
-    }
-    const catalogue_model::Cell cell = Get().RestoreCell(m.request, id, fast);
-    const bool codec = cell.IsCodec();
-    const char* p = r.Data();
-    const std::int64_t size = static_cast<std::int64_t>(r.Size());
-    std::int64_t end = m.request ? kReqHead : kAnsHead;
-    const int sections = r.Sections();
-    if (!m.request) {
-        m.arrayCount = 1;
-        if (Word(wire, 8) & TRDCOMP_FLAG_SECTIONS) {
-            const std::int32_t table = wire.size() >= kAnsHead + 4u ? Word(wire, kAnsHead) : 0;
-            m.arrayCount = !fast && table >= 4 ? (table - 4) / 8 : sections;
-        }
-    }
-    for (int j = 0; j < sections; ++j) {
-        const trdcomp::Restored::Section s = r.GetSection(j);
-        Section out;
-        out.count = s.count;
-        out.slot = s.size;
-        if (codec) {
-            out.layout = m.request ? &Get().At(Get().requestLayoutOf.at(cell.codec))
-                                   : AnswerLayout(Get().AnswerShape(cell.codec), j, s.count);
-            if (out.layout && out.layout->size != s.size) out.layout = nullptr;
-        }
-        // The size the sender stated: the request head, the answer's section
-        // table (2008 coding, raw) or head (first array).
-        out.size = out.slot;
-        if (m.request) {
-            out.size = Word(wire, 72);
-        } else if (!fast && (Word(wire, 8) & TRDCOMP_FLAG_SECTIONS) && j < 5) {
-            out.size = Word(wire, kAnsHead + 8 + 8 * static_cast<std::size_t>(j));
-        } else if (j == 0) {
-            out.size = Word(wire, 92);
-        }
-        if (s.data != nullptr && s.size > 0) {
-            std::int64_t n = Records(s.count);
-            const std::int64_t at = s.data - p;
-            if (n > (size - at) / s.size) n = (size - at) / s.size;  // raw requests: whole records only
-            out.records.assign(s.data, s.data + n * s.size);
-            end = at + n * s.size;
-        }
-        m.sections.push_back(std::move(out));
-    }
-    // A raw request restores to the message itself. A raw answer restores to
-    // its head, section table and records, the message's first `size` bytes
-    // (its head length is 96); the bytes the sender put behind them are only
-    // in the message.
-    if (!codec && m.request && end < size) m.trailing.assign(p + end, p + size);
-    if (!codec && !m.request && size < static_cast<std::int64_t>(wire.size())) m.trailing.assign(wire.begin() + size, wire.end());
-    return m;
-}
-
-namespace {
-
-// The document's members in order; `records` stands in for each section's
-// records, which the callers add one by one.
-Json Skeleton(const Decoded& m, Json& sections) {
-    Json j;
-    j["direction"] = m.request ? "request" : "answer";
-    j["coding"] = CodingName(m.fastVersion);
-    j["flag"] = static_cast<int>(m.flag);
-    j["bytes"] = m.wire.size();
-    j["head"] = HeadJson(m);
-    if (!m.request) j["arrays"] = m.arrayCount;
-    sections = Json::array();
-    for (const Section& s : m.sections) {
-        Json sec;
-        sec["layout"] = s.layout ? Json(s.layout->name) : Json(nullptr);
-        sec["count"] = s.count;
-        sec["size"] = s.size;
-        sec["records"] = Json::array();
-        sections.push_back(sec);
-    }
-    j["sections"] = Json::array();
-    if (!m.trailing.empty()) j["trailing"] = Hex(m.trailing.data(), m.trailing.size());
-    if (m.restoredNothing) j["restored"] = "nothing: the restore handed back no records";
-    return j;
-}
-
-// Calls f with the JSON of each whole record of the section.
-template <class F>
-void EachRecordJson(const Section& s, F f) {
-    for (std::size_t off = 0; s.slot > 0 && off + static_cast<std::size_t>(s.slot) <= s.records.size();
-         off += static_cast<std::size_t>(s.slot))
-        f(s.layout ? RecordJson(*s.layout, s.records.data() + off) : Json(Hex(s.records.data() + off, static_cast<std::size_t>(s.slot))));
-}
-
-// v.dump(2) as it reads `depth` levels down in a document.
-std::string Nested(const Json& v, int depth) {
-    std::string text = v.dump(2);
-    const std::string indent(static_cast<std::size_t>(2 * depth), ' ');
-    for (std::size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1)) text.insert(at + 1, indent);
-    return text;
-}
-
-}  // namespace
-
-Json ToJson(const Decoded& m) {
-    Json sections;
-    Json j = Skeleton(m, sections);
-    for (std::size_t k = 0; k < m.sections.size(); ++k)
-        EachRecordJson(m.sections[k], [&](Json r) { sections[k]["records"].push_back(std::move(r)); });
-    j["sections"] = std::move(sections);
-    return j;
-}
-
-void WriteJson(const Decoded& m, std::ostream& out) {
-    Json sections;
-    const Json j = Skeleton(m, sections);
-    out << "{";
-    const char* comma = "\n";
-    for (const auto& [key, v] : j.items()) {
-        out << comma << "  " << Json(key).dump() << ": ";
-        comma = ",\n";
-        if (key != "sections" || sections.empty()) {
-            out << Nested(v, 1);
-            continue;
-        }
-        out << "[";
-        for (std::size_t k = 0; k < sections.size(); ++k) {
-            out << (k ? ",\n" : "\n") << "    {";
-            for (const auto& [name, field] : sections[k].items())
-                if (name != "records") out << "\n      " << Json(name).dump() << ": " << field.dump() << ",";
-            out << "\n      \"records\": ";
-            const char* sep = "[\n        ";
-            EachRecordJson(m.sections[k], [&](const Json& r) {
-                out << sep << Nested(r, 4);
-                sep = ",\n        ";
-            });
-            out << (*sep == '[' ? "[]" : "\n      ]") << "\n    }";
-        }
-        out << "\n  ]";
-    }
-    out << "\n}\n";
-}
-
-void PrintText(const Decoded& m, std::ostream& out, bool sent) {
-    const Json head = HeadJson(m);
-    const auto origins = sent ? SentFields(m) : std::vector<std::vector<std::map<int, Origin>>>();
-    const int id = Word(m.wire, 4);
-    out << (m.request ? "request " : "answer ") << id << ", " << Plural(static_cast<long long>(m.wire.size()), "byte") << ", coding "
-        << CodingName(m.fastVersion) << (m.fastVersion == 0 ? " (flag " + std::to_string(static_cast<int>(m.flag)) + ")" : "")
-        << "\n\nhead\n";
-    for (const auto& [key, v] : head.items()) out << "  " << std::left << std::setw(10) << key << " " << HeadValueText(key, v) << "\n";
-    if (m.restoredNothing) out << "\nthe restore handed back no records\n";
-    for (std::size_t j = 0; j < m.sections.size(); ++j) {
-        const Section& s = m.sections[j];
-        out << "\nsection " << j + 1 << ": " << (s.layout ? s.layout->name : std::string("raw records")) << ", "
-            << Plural(s.count, "record") << " of " << Plural(s.slot, "byte")
-            << (s.size != s.slot ? " (sender's size " + std::to_string(s.size) + ")" : "") << "\n";
-        for (std::size_t i = 0; s.slot > 0 && (i + 1) * static_cast<std::size_t>(s.slot) <= s.records.size(); ++i) {
-            const char* rec = s.records.data() + i * static_cast<std::size_t>(s.slot);
-            out << "record " << i << "\n";
-            if (!s.layout) {
-                out << "  " << Hex(rec, static_cast<std::size_t>(s.slot)) << "\n";
-                continue;
-            }
-            const std::vector<Row> rows = RecordRows(*s.layout, rec);
-            std::size_t kindWidth = 4;
-            for (const Row& r : rows) kindWidth = std::max(kindWidth, r.kind.size());
-            const std::map<int, Origin>* origin = j < origins.size() && i < origins[j].size() ? &origins[j][i] : nullptr;
-            out << "  " << std::left << std::setw(7) << "offset" << std::setw(static_cast<int>(kindWidth) + 2) << "kind"
-                << std::setw(7) << "width" << (origin ? "origin    " : "") << "value\n";
-            for (const Row& r : rows) {
-                out << "  " << std::left << std::setw(7) << r.offset << std::setw(static_cast<int>(kindWidth) + 2) << r.kind
-                    << std::setw(7) << r.width;
-                if (origin) {
-                    const auto o = origin->find(r.offset);
-                    out << std::setw(10) << (o != origin->end() ? OriginName(o->second) : "-");
-                }
-                out << r.value << "\n";
-            }
-        }
-    }
-    if (!m.trailing.empty()) out << "\ntrailing bytes: " << Hex(m.trailing.data(), m.trailing.size()) << "\n";
-}
-
-namespace {
-
 // Encode writes only messages the library restores: a head the JSON set up
 // against the restore's checks (a request's flag bit 1, the coded bit of a
 // raw id, ...) is refused with the check that would fail.
@@ -438,7 +290,7 @@ std::vector<char> Restorable(std::vector<char> wire, bool request, char flag) {
     const trdcomp::span<const char> in(wire.data(), wire.size());
     const trdcomp::Restored r = request ? trdcomp::RestoreRequest(in, flag) : trdcomp::RestoreAnswer(in, flag);
     if (!r && r.Error() != trdcomp::Errc::out_of_memory) {
-        const int version = (Word(wire, 8) >> TRDCOMP_FLAG_FAST_SHIFT) & 0xF;
+        const int version = head::FastVersion(HeadWord(wire, head::kFlagsAt));
         throw std::runtime_error("the message would not restore: " + WhyRefused(r, wire, version));
     }
     return wire;
@@ -477,7 +329,7 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     const Json sections = msg.contains("sections") ? msg.at("sections") : Json::array();
     if (!sections.is_array()) throw std::runtime_error("\"sections\" must be a list");
     const catalogue_model::Cell cell = Get().PackCell(request, static_cast<int>(id), version != 0);
-    const bool raw = cell.kind == catalogue_model::Cell::Kind::raw;
+    const bool raw = cell.kind == catalogue_model::CellKind::raw;
     std::vector<char> trailing;
     if (msg.contains("trailing")) {
         if (!msg.at("trailing").is_string() || !ParseHex(msg.at("trailing").get<std::string>(), trailing))
@@ -500,7 +352,7 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     if (request) {
         if (sections.size() > 1) throw std::runtime_error("a request has one record array; the JSON has " + std::to_string(sections.size()));
         tagREQ_HEAD h{};
-        h.nHeadLen = kReqHead;
+        h.nHeadLen = trdcomp::head::kRequestLength;
         h.nFuncId = static_cast<int>(id);
         h.nFlags = IntOf<std::int32_t>(head, "nFlags", 0, "head");
         if (codec) h.nFlags &= ~TRDCOMP_FLAG_CODED;  // the codec sets it
@@ -590,12 +442,12 @@ std::vector<char> Encode(const Json& msg, const EncodeOptions& o) {
     // the sender's other flag bits and reserved bytes are placed first.
     const std::int32_t keep = IntOf<std::int32_t>(head, "nFlags", 0, "head") &
                               ~(TRDCOMP_FLAG_CODED | TRDCOMP_FLAG_SECTIONS | TRDCOMP_FLAG_FAST_MASK);
-    std::memcpy(out.data() + 8, &keep, 4);
+    trdcomp::head::Store(out.data(), trdcomp::head::kFlagsAt, keep);
     if (head.contains("cReserved")) {
         std::vector<char> reserved;
         if (!head.at("cReserved").is_string() || !ParseHex(head.at("cReserved").get<std::string>(), reserved) || reserved.size() != 8)
             throw std::runtime_error("head cReserved must be 8 bytes of hex");
-        std::memcpy(out.data() + 12, reserved.data(), 8);
+        std::memcpy(out.data() + trdcomp::head::kAnswerReservedAt, reserved.data(), reserved.size());
     }
     int len = 0;
     CTrdCompData::PackAns2008(out.data(), static_cast<int>(out.size()), len, &proc, data[0].bytes.data(), data[1].bytes.data(),
