@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +19,7 @@
 #include "support/AllocHook.h"
 #include "support/Golden.h"
 #include "support/Messages.h"
+#include "trdcomp/Inspect.hpp"
 #include "trdcomp/trdcomp.hpp"
 
 using catalogue_model::Coding;
@@ -333,4 +335,88 @@ TEST(MessageLength, WhatTheBytesCannotTell) {
         EXPECT_EQ(f.status, c.status);
         EXPECT_EQ(f.length, c.length);
     }
+}
+
+// The coded records CodedRecords frames end where MessageLength says the
+// message ends, one for every record the restored message holds, on every
+// golden message; a cut message frames only the records it holds whole.
+TEST(Inspect, CodedRecordsFrameEveryGoldenMessage) {
+    int coded = 0;
+    for (const std::string& name : golden::Names()) {
+        SCOPED_TRACE(name);
+        const std::vector<char> wire = golden::Wire(name);
+        const std::size_t n = trdcomp::CodedRecords(wire.data(), wire.size(), nullptr, 0);
+        if (n == 0) continue;
+        ++coded;
+        std::vector<trdcomp::CodedRecord> records(n);
+        ASSERT_EQ(trdcomp::CodedRecords(wire.data(), wire.size(), records.data(), n), n);
+        const trdcomp::FrameLength length = trdcomp::MessageLength(Span(wire));
+        ASSERT_EQ(length.status, trdcomp::Framing::complete);
+        EXPECT_EQ(records.back().offset + records.back().length, length.length);
+        // One record per record the restore decodes, array by array, in order.
+        std::vector<char> block(trdcomp::RestoredSize(Span(wire)));
+        const trdcomp::RestoredView v = trdcomp::RestoreInto(block, Span(wire));
+        ASSERT_TRUE(v);
+        std::size_t expected = 0;
+        for (int j = 0; j < v.Sections(); ++j) expected += static_cast<std::size_t>(std::max(0, v.GetSection(j).count));
+        EXPECT_EQ(n, expected);
+        for (std::size_t i = 1; i < n; ++i) {
+            EXPECT_GE(records[i].array, records[i - 1].array);
+            EXPECT_EQ(records[i].index, records[i].array == records[i - 1].array ? records[i - 1].index + 1 : 0u);
+            EXPECT_GT(records[i].offset, records[i - 1].offset);
+        }
+        const std::vector<char> cut(wire.begin(), wire.end() - 1);
+        // The last byte is the last record's (still framed by its length
+        // word), or, for an empty record, its length word's (no longer held).
+        EXPECT_EQ(trdcomp::CodedRecords(cut.data(), cut.size(), nullptr, 0), records.back().length > 0 ? n : n - 1);
+    }
+    EXPECT_GT(coded, 100);
+}
+
+// FastSentFields reads a record's presence map field by field: the first
+// record of an order request sends what differs from the defaults, the
+// second only what differs from the first.
+TEST(Inspect, FastSentFieldsFollowThePresenceMap) {
+    tagREQ_1002 orders[2] = {};
+    std::memcpy(orders[0].f3, "0330100217", 10);
+    std::memcpy(orders[0].f35, "ORD-1", 5);
+    orders[1] = orders[0];
+    std::memcpy(orders[1].f35, "ORD-2", 5);
+    std::vector<char> wire(1024);
+    const trdcomp::PackResult packed = trdcomp::PackRequest(wire, testmsg::ReqHead(1002),
+                                                            trdcomp::span<const tagREQ_1002>(orders, 2),
+                                                            trdcomp::Coding::Fast());
+    ASSERT_TRUE(packed);
+    wire.resize(packed.size);
+    trdcomp::CodedRecord records[2];
+    ASSERT_EQ(trdcomp::CodedRecords(wire.data(), wire.size(), records, 2), 2u);
+    const catalogue_model::Layout& layout = catalogue_model::Get().At("REQ_1002");
+    const std::vector<int>& order = layout.codingOrder;
+    const auto sentOffsets = [&](const trdcomp::CodedRecord& r) {
+        std::unique_ptr<bool[]> sent(new bool[order.size()]());
+        EXPECT_TRUE(trdcomp::FastSentFields(wire.data(), wire.size(), r, sent.get(), order.size()));
+        std::vector<int> offsets;
+        for (std::size_t k = 0; k < order.size(); ++k)
+            if (sent[k]) offsets.push_back(order[k]);
+        return offsets;
+    };
+    // The three chars of the layout have Fast defaults that a zero differs from.
+    std::vector<int> first;
+    for (const catalogue_model::Field& f : layout.fields)
+        if (f.kind == catalogue_model::FieldKind::Char && f.def != 0) first.push_back(f.offset);
+    for (const int off : {3, 35, 59}) first.push_back(off);  // the first record sends every text
+    std::sort(first.begin(), first.end());
+    std::vector<int> got = sentOffsets(records[0]);
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, first);
+    EXPECT_EQ(sentOffsets(records[1]), std::vector<int>{35});
+    // A record whose bytes hold no stop bit sent nothing; one past the message is refused.
+    bool sent[8] = {true, true, true, true, true, true, true, true};
+    trdcomp::CodedRecord empty = records[1];
+    empty.length = 0;
+    EXPECT_FALSE(trdcomp::FastSentFields(wire.data(), wire.size(), empty, sent, 8));
+    EXPECT_EQ(std::count(sent, sent + 8, true), 0);
+    trdcomp::CodedRecord past = records[1];
+    past.offset = wire.size() + 1;
+    EXPECT_FALSE(trdcomp::FastSentFields(wire.data(), wire.size(), past, sent, 8));
 }
