@@ -24,13 +24,13 @@
 #include <type_traits>
 #include <utility>
 
-#include "common/Bytes.h"
-#include "common/Framing.h"
-#include "common/Inline.h"
-#include "common/Layout.h"
-#include "common/RecordFrames.h"
-#include "common/Text.h"
-#include "codec2008/ValueCoders.h"
+#include "Bytes.h"
+#include "Framing.h"
+#include "Inline.h"
+#include "Layout.h"
+#include "RecordFrames.h"
+#include "Text.h"
+#include "ValueCoders.h"
 #include "trdcomp/PriceScale.hpp"
 
 namespace trdcomp::codec2008 {

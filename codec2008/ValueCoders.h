@@ -29,8 +29,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "codec2008/src/KXCoding.h"
-#include "common/Inline.h"
+#include "src/KXCoding.h"
+#include "Inline.h"
 #include "trdcomp/KXNetCompressHelper.h"
 #include "trdcomp/TrdCompData.h"
 

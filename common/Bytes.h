@@ -13,7 +13,7 @@
 #include <emmintrin.h>
 #endif
 
-#include "common/Inline.h"
+#include "Inline.h"
 
 namespace trdcomp::detail {
 

@@ -8,10 +8,10 @@
 #include <cstdint>
 #include <cstring>
 
-#include "common/Bytes.h"
-#include "common/Call.h"
-#include "common/Layout.h"
-#include "common/Text.h"
+#include "Bytes.h"
+#include "Call.h"
+#include "Layout.h"
+#include "Text.h"
 #include "trdcomp/MessageHead.hpp"
 #include "trdcomp/TrdCompData.h"
 

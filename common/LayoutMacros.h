@@ -3,7 +3,7 @@
 // entries kNAME_entries and the built layout kNAME (trdcomp::model::Layout).
 #pragma once
 
-#include "common/Layout.h"
+#include "Layout.h"
 
 #define TRD_LAYOUT(NAME, SIZE) \
     inline constexpr ::trdcomp::model::Entry k##NAME##_entries[] = {::trdcomp::model::Begin(SIZE),

@@ -39,8 +39,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "common/Framing.h"
-#include "common/Inline.h"
+#include "Framing.h"
+#include "Inline.h"
 
 namespace trdcomp::detail {
 

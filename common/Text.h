@@ -11,7 +11,7 @@
 #include <cstring>
 #include <utility>
 
-#include "common/Inline.h"
+#include "Inline.h"
 
 namespace trdcomp::detail {
 

@@ -19,13 +19,13 @@
 #include <cstring>
 #include <utility>
 
-#include "common/Bytes.h"
-#include "common/Framing.h"
-#include "common/Inline.h"
-#include "common/Layout.h"
-#include "common/RecordFrames.h"
-#include "common/Text.h"
-#include "fastcodec/FastPrimitives.h"
+#include "Bytes.h"
+#include "Framing.h"
+#include "Inline.h"
+#include "Layout.h"
+#include "RecordFrames.h"
+#include "Text.h"
+#include "FastPrimitives.h"
 #include "trdcomp/PriceScale.hpp"
 
 namespace trdcomp::fast {

@@ -19,8 +19,8 @@
 #include <cstring>
 #include <type_traits>
 
-#include "common/Bytes.h"
-#include "common/Inline.h"
+#include "Bytes.h"
+#include "Inline.h"
 #include "trdcomp/PriceScale.hpp"
 
 namespace trdcomp::fast {

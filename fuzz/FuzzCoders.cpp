@@ -17,10 +17,10 @@
 #include <cstring>
 #include <vector>
 
-#include "common/LayoutMacros.h"
-#include "common/Text.h"
-#include "fastcodec/FastEngine.h"
-#include "tests/engine_layouts.def"
+#include "LayoutMacros.h"
+#include "Text.h"
+#include "FastEngine.h"
+#include "engine_layouts.def"
 
 using namespace trdcomp::fast;
 namespace d = trdcomp::detail;

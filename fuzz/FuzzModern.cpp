@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "CatalogueTables.h"
-#include "common/Bytes.h"
+#include "Bytes.h"
 #include "trdcomp/trdcomp.hpp"
 
 namespace {

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "codec2008/Engine2008.h"
-#include "common/LayoutMacros.h"
-#include "fastcodec/FastEngine.h"
+#include "Engine2008.h"
+#include "LayoutMacros.h"
+#include "FastEngine.h"
 #include "support/Messages.h"
 
 #include "engine_layouts.def"

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "fastcodec/FastPrimitives.h"
+#include "FastPrimitives.h"
 
 using namespace trdcomp::fast;
 using Bytes = std::vector<unsigned char>;

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "codec2008/Engine2008.h"
-#include "common/LayoutMacros.h"
+#include "Engine2008.h"
+#include "LayoutMacros.h"
 #include "support/Messages.h"
 #include "trdcomp/trdcomp.hpp"
 

@@ -91,6 +91,15 @@ inline const std::set<int> kReqRestoreStubs = {1017};
 // Answer stubs of 1017, which codes nothing.
 inline constexpr int kAnsStub = 1017;
 
+// The function ids the routing tables hold a slot for, as ranges [first,
+// first + count): a dense table over the first, the second behind it. Every
+// routed id lies in one of them; the library's look-up and the model's list
+// of ids are both written from these (RouteSlots.h, CatalogueTables.h).
+struct SlotRange {
+    int first, count;
+};
+inline constexpr SlotRange kSlotRanges[2] = {{1000, 262}, {8996, 4}};
+
 // Reads the catalogue compiled into the generator (the .def files) into the
 // globals above and writes its canonical text.
 void ReadCatalogue();

@@ -1,14 +1,18 @@
 // Build-time generator: reads the catalogue (layouts, the layout of every
 // request id, answer shapes and aliases, both routing tables; ReadCatalogue.cpp
 // into Catalogue.h) and writes
-//   trdcomp/TrdCompMembers.inc  the per-id codec members of CTrdCompData;
-//   trdcomp/TrdCompRecords.h    a packed struct for every record layout;
-//   CatalogueRequests.cpp,      the member definitions and the route rows
-//   CatalogueAnswers.cpp        (these four: WriteLibraryCode.cpp);
-//   CatalogueFingerprint.h      the catalogue's fingerprint;
-//   RecordFields.h              every layout's fields as NumPy formats;
-//   CatalogueTables.h           the whole catalogue as constant run-time data
-//                               (these three: WriteTables.cpp).
+//   trdcomp/TrdCompMembers.inc    the per-id codec members of CTrdCompData;
+//   trdcomp/TrdCompRecords.h      a packed struct for every record layout
+//                                 (these two: public headers);
+//   codecs/CatalogueRequests.cpp, the member definitions and the route rows,
+//   codecs/CatalogueAnswers.cpp   over the engines;
+//   codecs/RouteSlots.h           the ids the route tables hold a slot for
+//                                 (these five: WriteLibraryCode.cpp);
+//   model/CatalogueFingerprint.h  the catalogue's fingerprint;
+//   model/RecordFields.h          every layout's fields as NumPy formats;
+//   model/CatalogueTables.h       the whole catalogue as constant run-time data
+//                                 (these three: WriteTables.cpp), for the
+//                                 model, the tools and the Python module.
 //
 // usage: trdcomp_catalogue_gen OUTPUT_DIR | --canonical | --hash
 #include <fstream>
@@ -39,8 +43,9 @@ int main(int argc, char** argv) {
     const std::string arg = argc == 2 ? argv[1] : "";
     if (argc != 2 || arg == "--help") {
         std::cerr << "usage: trdcomp_catalogue_gen OUTPUT_DIR | --canonical | --hash\n"
-                     "OUTPUT_DIR: writes trdcomp/TrdCompMembers.inc, trdcomp/TrdCompRecords.h, CatalogueRequests.cpp,\n"
-                     "  CatalogueAnswers.cpp, CatalogueFingerprint.h, RecordFields.h and CatalogueTables.h from the\n"
+                     "OUTPUT_DIR: writes trdcomp/TrdCompMembers.inc, trdcomp/TrdCompRecords.h (the public headers),\n"
+                     "  codecs/CatalogueRequests.cpp, codecs/CatalogueAnswers.cpp, codecs/RouteSlots.h (the library's\n"
+                     "  code), model/CatalogueFingerprint.h, model/RecordFields.h and model/CatalogueTables.h from the\n"
                      "  catalogue compiled into this program\n"
                      "--canonical: prints the catalogue's canonical text, of which the fingerprint is the hash\n"
                      "--hash: prints the fingerprint (FNV-1a 64, 16 hex digits) of the text on standard input\n";
@@ -61,21 +66,23 @@ int main(int argc, char** argv) {
         }
         const Members m = Collect();
         const std::string dir = arg;
-        std::ostringstream members, records, requests, answers, fingerprint, fields, tables;
+        std::ostringstream members, records, requests, answers, slots, fingerprint, fields, tables;
         WriteMembers(members, m);
         WriteRecords(records);
         WriteRequests(requests, m);
         WriteAnswers(answers, m);
+        WriteRouteSlots(slots);
         WriteFingerprint(fingerprint);
         WriteRecordFields(fields);
         WriteModelTables(tables);
         Emit(dir + "/trdcomp/TrdCompMembers.inc", members.str());
         Emit(dir + "/trdcomp/TrdCompRecords.h", records.str());
-        Emit(dir + "/CatalogueRequests.cpp", requests.str());
-        Emit(dir + "/CatalogueAnswers.cpp", answers.str());
-        Emit(dir + "/CatalogueFingerprint.h", fingerprint.str());
-        Emit(dir + "/RecordFields.h", fields.str());
-        Emit(dir + "/CatalogueTables.h", tables.str());
+        Emit(dir + "/codecs/CatalogueRequests.cpp", requests.str());
+        Emit(dir + "/codecs/CatalogueAnswers.cpp", answers.str());
+        Emit(dir + "/codecs/RouteSlots.h", slots.str());
+        Emit(dir + "/model/CatalogueFingerprint.h", fingerprint.str());
+        Emit(dir + "/model/RecordFields.h", fields.str());
+        Emit(dir + "/model/CatalogueTables.h", tables.str());
     } catch (const std::exception& e) {
         std::cerr << "trdcomp_catalogue_gen: " << e.what() << "\n";
         return 1;

@@ -262,10 +262,10 @@ const char* const kHeader =
     "// Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
     "#include <algorithm>\n"
     "#include <cstddef>\n\n"
+    "#include \"Engine2008.h\"\n"
+    "#include \"FastEngine.h\"\n"
+    "#include \"LayoutMacros.h\"\n"
     "#include \"Routing.h\"\n"
-    "#include \"codec2008/Engine2008.h\"\n"
-    "#include \"common/LayoutMacros.h\"\n"
-    "#include \"fastcodec/FastEngine.h\"\n"
     "#include \"trdcomp/TrdCompData.h\"\n"
     "#include \"trdcomp/TrdCompRecords.h\"\n\n"
     "using trdcomp::detail::Call;\n"
@@ -379,6 +379,18 @@ void WriteAnswers(std::ostream& o, const Members& m) {
         if (!sections[0].empty() || !sections[1].empty()) o << BoundRowOf(r.id, sections);
     }
     o << "};\nconst BoundTable kAnsBoundTable = Dense(kAnsBoundRows);\n\n}  // namespace trdcomp::detail\n";
+}
+
+void WriteRouteSlots(std::ostream& o) {
+    o << "// Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
+         "// The function ids the routing tables hold a slot for.\n"
+         "#pragma once\n\nnamespace trdcomp::detail {\n\n"
+      << "inline constexpr int kDenseFirst = " << kSlotRanges[0].first << ";\n"
+      << "inline constexpr int kDenseCount = " << kSlotRanges[0].count << ";  // " << kSlotRanges[0].first << ".."
+      << kSlotRanges[0].first + kSlotRanges[0].count - 1 << "\n"
+      << "inline constexpr int kHighFirst = " << kSlotRanges[1].first << ";\n"
+      << "inline constexpr int kHighCount = " << kSlotRanges[1].count << ";  // " << kSlotRanges[1].first << ".."
+      << kSlotRanges[1].first + kSlotRanges[1].count - 1 << "\n\n}  // namespace trdcomp::detail\n";
 }
 
 }  // namespace catalogue_gen

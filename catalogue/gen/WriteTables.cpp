@@ -193,6 +193,10 @@ void WriteModelTables(std::ostream& o) {
             o << "}},\n";
         }
     }
+    o << "};\n\n// The function ids the routing tables hold a slot for: [first, first + count).\n"
+         "struct CatalogueSlotRange {\n    int first, count;\n};\n"
+         "inline constexpr CatalogueSlotRange kCatalogueSlotRanges[] = {";
+    for (const SlotRange& r : kSlotRanges) o << "{" << r.first << ", " << r.count << "}" << (&r == &kSlotRanges[1] ? "" : ", ");
     o << "};\n\ninline constexpr CatalogueShape kCatalogueShapes[] = {\n";
     for (const auto& [id, shape] : g_shapes) {
         o << "    {" << id << ", ShapeKind::" << SpellingOf(shape.kind).enumerator << ", " << shape.layouts.size() << ", {";

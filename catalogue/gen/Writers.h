@@ -14,6 +14,7 @@ void WriteMembers(std::ostream& o, const Members& m);  // trdcomp/TrdCompMembers
 void WriteRecords(std::ostream& o);                    // trdcomp/TrdCompRecords.h
 void WriteRequests(std::ostream& o, const Members& m); // CatalogueRequests.cpp
 void WriteAnswers(std::ostream& o, const Members& m);  // CatalogueAnswers.cpp
+void WriteRouteSlots(std::ostream& o);                 // RouteSlots.h
 
 // The catalogue as data (WriteTables.cpp).
 void WriteFingerprint(std::ostream& o);   // CatalogueFingerprint.h

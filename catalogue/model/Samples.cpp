@@ -4,7 +4,7 @@
 #include <cstring>
 #include <random>
 
-#include "Routing.h"
+#include "model/CatalogueModel.h"
 
 namespace catalogue_model {
 
@@ -16,10 +16,9 @@ int SampleCount(const Layout& l) { return l.size > 4096 ? 1 : 3; }
 }  // namespace
 
 std::vector<int> RoutedIds() {
-    namespace r = trdcomp::detail;
     std::vector<int> ids;
-    for (int i = 0; i < r::kDenseCount; ++i) ids.push_back(r::kDenseFirst + i);
-    for (int i = 0; i < r::kHighCount; ++i) ids.push_back(r::kHighFirst + i);
+    for (const auto& range : trdcomp::generated::kCatalogueSlotRanges)
+        for (int i = 0; i < range.count; ++i) ids.push_back(range.first + i);
     return ids;
 }
 

@@ -19,8 +19,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "common/Inline.h"
-#include "common/Text.h"
+#include "Inline.h"
+#include "Text.h"
 
 namespace trdcomp::kx {
 

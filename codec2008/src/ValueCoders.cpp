@@ -9,7 +9,7 @@
 
 #include <cstring>
 
-#include "codec2008/ValueCoders.h"
+#include "ValueCoders.h"
 #include "trdcomp/trdcomp.hpp"
 
 extern "C" __attribute__((weak)) unsigned long long KXPfdk_trdcomp_value_format();

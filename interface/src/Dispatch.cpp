@@ -13,8 +13,8 @@
 
 #include "RestoreRouting.h"
 #include "Routing.h"
-#include "common/Bytes.h"
-#include "common/Framing.h"
+#include "Bytes.h"
+#include "Framing.h"
 #include "trdcomp/MessageHead.hpp"
 
 namespace trdcomp::detail {

@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "common/Call.h"
+#include "Call.h"
 #include "trdcomp/TrdCompData.h"
 
 namespace trdcomp::detail {

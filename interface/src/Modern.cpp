@@ -10,7 +10,7 @@
 
 #include "Dispatch.h"
 #include "RestoreRouting.h"
-#include "common/Call.h"
+#include "Call.h"
 #include "trdcomp/MessageHead.hpp"
 #include "trdcomp/trdcomp.hpp"
 

@@ -6,7 +6,7 @@
 #pragma once
 
 #include "Routing.h"
-#include "common/Call.h"
+#include "Call.h"
 #include "trdcomp/MessageHead.hpp"
 
 namespace trdcomp::detail {

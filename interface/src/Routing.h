@@ -10,7 +10,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "common/Call.h"
+#include "Call.h"
+#include "RouteSlots.h"
 #include "trdcomp/TrdCompData.h"
 
 namespace trdcomp::detail {
@@ -55,10 +56,8 @@ struct AnsRoutes {
     Route<RestoreAnsFastFn> restoreFast;
 };
 
-inline constexpr int kDenseFirst = 1000;
-inline constexpr int kDenseCount = 262;  // 1000..1261
-inline constexpr int kHighFirst = 8996;
-inline constexpr int kHighCount = 4;     // 8996..8999
+// kDenseFirst, kDenseCount, kHighFirst, kHighCount: RouteSlots.h, written
+// by the catalogue generator.
 inline constexpr int kRouteSlots = kDenseCount + kHighCount;
 
 // Slot of a function id in the route tables, or -1 for an id without one.

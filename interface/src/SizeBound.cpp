@@ -5,7 +5,6 @@
 #include <cstdint>
 
 #include "Routing.h"
-#include "codec2008/ValueCoders.h"
 #include "trdcomp/trdcomp.hpp"
 
 namespace trdcomp {
@@ -40,7 +39,7 @@ std::uint64_t HeldRecords(const tagREQ_HEAD& head, std::size_t dataLen, bool fas
 // KXPfdk the process loaded.
 std::uint64_t MaxRecord(const detail::RecordBounds& b, int j, bool fast) {
     if (fast) return b.packFast[j];
-    return codec2008::BuiltInCodersActive() ? b.pack2008[j] : b.pack2008Exported[j];
+    return BuiltInValueCoders() ? b.pack2008[j] : b.pack2008Exported[j];
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <initializer_list>
 
 #include "Routing.h"
-#include "common/Bytes.h"
+#include "Bytes.h"
 #include "trdcomp/MessageHead.hpp"
 #include "trdcomp/Inspect.hpp"
 #include "trdcomp/trdcomp.hpp"
