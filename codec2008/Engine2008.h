@@ -37,7 +37,6 @@ namespace trdcomp::codec2008 {
 
 using model::Field;
 using model::Kind;
-namespace d = trdcomp::detail;
 
 // Worst-case bytes of an int32 field (an int64 under flag 1).
 template <class C>
@@ -87,7 +86,7 @@ inline std::int32_t ActiveEntries(const char* rec) {
     if constexpr (L.countOffset < 0) {
         return 0;
     } else {
-        const std::int32_t count = d::LoadI32(rec + L.countOffset);
+        const std::int32_t count = detail::LoadI32(rec + L.countOffset);
         return count < 0 ? 0 : (count > static_cast<std::int32_t>(L.countMax) ? L.countMax : count);
     }
 }
@@ -110,7 +109,7 @@ using FixedWidth = std::integral_constant<std::uint32_t, W>;
 // (no byte past the field is read).
 template <class C, std::uint32_t W>
 TRDCOMP_FORCE_INLINE int PutFieldText(char* out, const char* p, FixedWidth<W>) {
-    return C::template PutText<W>(out, p, d::TextLength<W>(p));
+    return C::template PutText<W>(out, p, detail::TextLength<W>(p));
 }
 template <class C>
 TRDCOMP_FORCE_INLINE int PutFieldText(char* out, const char* p, std::uint32_t width) {
@@ -127,7 +126,7 @@ TRDCOMP_FORCE_INLINE std::uint32_t EncodeValueOf(Kind kind, Width width, const c
         case Kind::Char: out[0] = *p; return 1;
         case Kind::Text: return static_cast<std::uint32_t>(PutFieldText<C>(out, p, width));
         case Kind::Bytes: return static_cast<std::uint32_t>(C::PutBlock(out, p, static_cast<int>(width)));
-        case Kind::Int32: return static_cast<std::uint32_t>(CompressInt32<C>(out, d::LoadI32(p), flag));
+        case Kind::Int32: return static_cast<std::uint32_t>(CompressInt32<C>(out, detail::LoadI32(p), flag));
         case Kind::Int64: {
             std::int64_t v;
             std::memcpy(&v, p, 8);
@@ -136,13 +135,13 @@ TRDCOMP_FORCE_INLINE std::uint32_t EncodeValueOf(Kind kind, Width width, const c
         case Kind::Double: {
             double v;
             std::memcpy(&v, p, 8);
-            return static_cast<std::uint32_t>(C::PutInt64(out, d::TruncToInt64(price::Scaled2008(v))));
+            return static_cast<std::uint32_t>(C::PutInt64(out, detail::TruncToInt64(price::Scaled2008(v))));
         }
         case Kind::SizedBlock: {
             // Its length (the int32 behind the block) first; then the block, of
             // that many bytes (the decoder keeps no more than that).
             const std::uint32_t w = width;
-            const std::int32_t len = d::LoadI32(p + w);
+            const std::int32_t len = detail::LoadI32(p + w);
             const std::uint32_t n = static_cast<std::uint32_t>(CompressInt32<C>(out, len, flag));
             const std::int32_t keep = len < 0 ? 0 : (len > static_cast<std::int32_t>(w) ? static_cast<std::int32_t>(w) : len);
             return n + static_cast<std::uint32_t>(C::PutBlock(out + n, p, keep));
@@ -182,12 +181,12 @@ TRDCOMP_FORCE_INLINE std::int64_t DecodeValueOf(Kind kind, std::uint32_t width, 
             if (flag == 0) {
                 int v = 0;
                 const int k = C::GetInt(in, v);
-                d::StoreI32(p, v);
+                detail::StoreI32(p, v);
                 return k;
             }
             long long v = 0;
             const int k = C::GetInt64(in, v);
-            d::StoreI32(p, static_cast<std::int32_t>(v));
+            detail::StoreI32(p, static_cast<std::int32_t>(v));
             return k;
         }
         case Kind::Int64: {
@@ -205,7 +204,7 @@ TRDCOMP_FORCE_INLINE std::int64_t DecodeValueOf(Kind kind, std::uint32_t width, 
         }
         case Kind::SizedBlock: {
             // The block's length was decoded first (see DecodeRecord) and limits it.
-            const std::int32_t len = d::LoadI32(p + width);
+            const std::int32_t len = detail::LoadI32(p + width);
             const int max = len < 0 ? 0 : (len > static_cast<std::int32_t>(width) ? static_cast<int>(width) : len);
             return C::GetBlock(in, p, max);
         }
@@ -355,7 +354,7 @@ consteval bool Fits() {
 
 inline std::int32_t Active(const View& v, const char* rec) {
     if (v.countOffset < 0) return 0;
-    const std::int32_t count = d::LoadI32(rec + v.countOffset);
+    const std::int32_t count = detail::LoadI32(rec + v.countOffset);
     return count < 0 ? 0 : (count > static_cast<std::int32_t>(v.countMax) ? static_cast<std::int32_t>(v.countMax) : count);
 }
 
@@ -458,17 +457,17 @@ struct RecordCoder {
     std::int64_t Encode(const char* rec, const char* /*prev*/, char* dst) const {
         return static_cast<std::int64_t>(EncodeRecord<L, C>(rec, dst, flag));
     }
-    static void StoreLength(char* at, std::int64_t n) { d::StoreI32(at, static_cast<std::int32_t>(n)); }
+    static void StoreLength(char* at, std::int64_t n) { detail::StoreI32(at, static_cast<std::int32_t>(n)); }
 };
 
 // Codes `count` records of layout L read from `data` (extent bytes, stride
 // apart) as length-prefixed records at out + pos. False when the capacity
 // ran out.
 template <const auto& L>
-inline bool EncodeRun(d::Call& call, char* out, std::int64_t& pos, const char* data, std::int64_t extent,
+inline bool EncodeRun(detail::Call& call, char* out, std::int64_t& pos, const char* data, std::int64_t extent,
                       std::int64_t count, std::int32_t stride, char flag) {
     return WithValueCoders([&]<class C>() {
-        return d::EncodeRecords(call, RecordCoder<L, C>{flag}, L.size, out, pos, data, extent, count, stride);
+        return detail::EncodeRecords(call, RecordCoder<L, C>{flag}, L.size, out, pos, data, extent, count, stride);
     });
 }
 
@@ -593,7 +592,7 @@ struct Frames {
 // capacity; a call that measures learns the bytes the message needs.
 // Out of line: the route tables and the members share this one instance.
 template <const auto& L>
-[[gnu::noinline]] int PackRequest(d::Call& call, char* out, int& outLen, const char* data, int dataLen, char flag) {
+[[gnu::noinline]] int PackRequest(detail::Call& call, char* out, int& outLen, const char* data, int dataLen, char flag) {
     if (static_cast<unsigned>(dataLen) < L.size) {
         if (dataLen > 0) {
             if (data == nullptr) return call.Refuse(Reason::null_argument);
@@ -609,36 +608,36 @@ template <const auto& L>
     if (!fits) return 0;
     if (pos > call.capacity) return call.TooSmall(pos);
     outLen = static_cast<int>(pos);
-    d::SetFlags(out, TRDCOMP_FLAG_CODED);
+    detail::SetFlags(out, TRDCOMP_FLAG_CODED);
     return 1;
 }
 
 template <const auto& L>
-[[gnu::noinline]] int RestoreRequest(d::Call& call, const char* in, int inLen, char** out, int& outLen, char flag) {
-    return d::RestoreRequestFrame<L>(call, Frames{flag}, in, inLen, out, outLen);
+[[gnu::noinline]] int RestoreRequest(detail::Call& call, const char* in, int inLen, char** out, int& outLen, char flag) {
+    return detail::RestoreRequestFrame<L>(call, Frames{flag}, in, inLen, out, outLen);
 }
 
 // ---- answers ----
 
 // Appends the coded arrays of an answer behind its head (and section table).
 template <class Shape>
-[[gnu::noinline]] int PackAnswer(d::Call& call, char* out, int& outLen, const tagANS_Proc* proc,
+[[gnu::noinline]] int PackAnswer(detail::Call& call, char* out, int& outLen, const tagANS_Proc* proc,
                                  char* const arrays[5], char flag) {
     std::int64_t pos = outLen;
-    const bool fits = d::PackSections<Shape>(
+    const bool fits = detail::PackSections<Shape>(
         proc, arrays, [&]<const auto& L>(const char* data, std::int64_t extent, std::int32_t count, std::int32_t size) {
             return EncodeRun<L>(call, out, pos, data, extent, count, size, flag);
         });
     if (!fits) return 0;
     if (pos > call.capacity) return call.TooSmall(pos);
     outLen = static_cast<int>(pos);
-    d::SetFlags(out, TRDCOMP_FLAG_CODED);
+    detail::SetFlags(out, TRDCOMP_FLAG_CODED);
     return 1;
 }
 
 template <class Shape>
-[[gnu::noinline]] int RestoreAnswer(d::Call& call, const char* in, int inLen, char** out, int& outLen, char flag) {
-    return d::RestoreAnswerFrame<Shape>(call, Frames{flag}, in, inLen, out, outLen);
+[[gnu::noinline]] int RestoreAnswer(detail::Call& call, const char* in, int inLen, char** out, int& outLen, char flag) {
+    return detail::RestoreAnswerFrame<Shape>(call, Frames{flag}, in, inLen, out, outLen);
 }
 
 }  // namespace trdcomp::codec2008

@@ -143,7 +143,7 @@ struct SizeFamily {
 };
 
 // The records a restore will fill: negative counts hold none.
-inline std::int64_t Records(std::int32_t count) { return count > 0 ? count : 0; }
+inline std::int64_t FilledRecords(std::int32_t count) { return count > 0 ? count : 0; }
 
 // Packs the sections of an answer in order: for section j, run is called
 // with the layout of its records, the caller's array, its bytes, its count
@@ -153,7 +153,7 @@ bool PackSections(const tagANS_Proc* proc, char* const arrays[5], const Run& run
     for (int j = 0; j < Shape::kCount; ++j) {
         const std::int32_t count = proc->nRecCount[j];
         const std::int32_t size = proc->nRecSize[j];
-        const std::int64_t extent = Records(count) * size;
+        const std::int64_t extent = FilledRecords(count) * size;
         if (!Shape::Visit(j, count, size, [&]<const auto& L>() {
                 return run.template operator()<L>(arrays[j], extent, count, size);
             }))
@@ -247,7 +247,7 @@ inline char* OpenRestoredRequest(Call& call, const char* in, const RequestHead& 
         call.Refuse(Reason::size_not_representable);
         return nullptr;
     }
-    char* buf = OpenBlock(call, out, outLen, total, kReqSpare, kReqHeadLen, tail, Records(h.count));
+    char* buf = OpenBlock(call, out, outLen, total, kReqSpare, kReqHeadLen, tail, FilledRecords(h.count));
     if (buf == nullptr) return nullptr;
     // Two fixed copies, both inlined (one of 76 bytes becomes a call).
     std::memcpy(buf, in, 64);

@@ -113,7 +113,7 @@ TRDCOMP_FORCE_INLINE int RestoreRequestFrame(Call& call, const P& p, const char*
     // than the message can describe: the least coded record each, one
     // received byte per copied one.
     if (decode && inLen - h.headLen < P::kCountBytes) return call.Refuse(Reason::count_past_message);
-    const std::int64_t records = Records(h.count);
+    const std::int64_t records = FilledRecords(h.count);
     if (records > (decode ? (inLen - h.headLen - P::kCountBytes) / P::kMinCoded : inLen))
         return call.Refuse(Reason::count_past_message);
     // Into the caller's memory, a count that disagrees is refused before a
@@ -158,8 +158,8 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(Call& call, const P& p, const char* 
     bool negative = false;
     for (int j = 0; j < k; ++j) {
         negative |= counts[j] < 0;
-        records += Records(counts[j]);
-        total += Records(counts[j]) * Shape::Size(j, counts[j]);
+        records += FilledRecords(counts[j]);
+        total += FilledRecords(counts[j]) * Shape::Size(j, counts[j]);
     }
     if (records > p.RecordRoom(inLen, headLen, cursor)) return call.Refuse(Reason::count_past_message);
     if (total > INT_MAX) return call.Refuse(Reason::size_not_representable);
@@ -197,8 +197,8 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(Call& call, const P& p, const char* 
         std::int64_t decoded = 0;
         for (int j = 0; j < k; ++j) {
             Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
-                decoded += p.template DecodeRun<L>(in, inLen, cursor, Records(counts[j]), slots);
-                slots += Records(counts[j]) * L.size;
+                decoded += p.template DecodeRun<L>(in, inLen, cursor, FilledRecords(counts[j]), slots);
+                slots += FilledRecords(counts[j]) * L.size;
                 return true;
             });
         }

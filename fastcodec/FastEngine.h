@@ -32,7 +32,6 @@ namespace trdcomp::fast {
 
 using model::FastKind;
 using model::Field;
-namespace d = trdcomp::detail;
 
 template <const auto& L>
 inline constexpr std::size_t kPresenceBytes = (L.fields.size() + 6) / 7;
@@ -81,7 +80,7 @@ TRDCOMP_FORCE_INLINE bool Sent(const char* c, const char* prev, std::uint32_t of
     if constexpr (K == FastKind::Char) {
         return prev ? *c != prev[off] : static_cast<unsigned char>(*c) != D;
     } else if constexpr (K == FastKind::Int) {
-        return prev ? d::LoadI32(c) != d::LoadI32(prev + off) : d::LoadI32(c) != D;
+        return prev ? detail::LoadI32(c) != detail::LoadI32(prev + off) : detail::LoadI32(c) != D;
     } else if constexpr (K == FastKind::Int64) {
         std::int64_t v, w = 0;
         std::memcpy(&v, c, 8);
@@ -95,9 +94,9 @@ TRDCOMP_FORCE_INLINE bool Sent(const char* c, const char* prev, std::uint32_t of
     } else if constexpr (K == FastKind::String || K == FastKind::Ascii) {
         // strcmp semantics: a full text compares on into the bytes behind it,
         // but never past the end of the record. The first record sends its texts.
-        return !prev || d::TextDiffers<W>(c, prev + off, size - off);
+        return !prev || detail::TextDiffers<W>(c, prev + off, size - off);
     } else if constexpr (K == FastKind::Bytes) {
-        return prev ? d::BlockDiffers<W>(c, prev + off) : d::AnyNonZero<W>(c);
+        return prev ? detail::BlockDiffers<W>(c, prev + off) : detail::AnyNonZero<W>(c);
     } else {
         return true;  // the sized block and its length are always sent
     }
@@ -129,7 +128,7 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
     if constexpr (K == FastKind::Char) {
         return PutSigned<kExact, 8>(out, static_cast<signed char>(*c));
     } else if constexpr (K == FastKind::Int || K == FastKind::BlockLength) {
-        return PutSigned<kExact, 32>(out, d::LoadI32(c));
+        return PutSigned<kExact, 32>(out, detail::LoadI32(c));
     } else if constexpr (K == FastKind::Int64) {
         std::int64_t v;
         std::memcpy(&v, c, 8);
@@ -137,11 +136,11 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
     } else if constexpr (K == FastKind::Double) {
         double v;
         std::memcpy(&v, c, 8);
-        return PutSigned<kExact>(out, d::TruncToInt64(price::ScaledFast(v)));
+        return PutSigned<kExact>(out, detail::TruncToInt64(price::ScaledFast(v)));
     } else if constexpr (K == FastKind::String) {
         // The length, then the text: the whole field is copied when it is
         // short, only the text's bytes count.
-        const std::uint32_t n = d::TextLength<W>(c);
+        const std::uint32_t n = detail::TextLength<W>(c);
         std::uint32_t k;
         if constexpr (W <= 63) {
             k = PutShortLength(out, n);
@@ -149,7 +148,7 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
             k = PutSigned<kExact, 32>(out, static_cast<std::int32_t>(n));
         }
         if constexpr (kExact && W <= 64) {
-            d::CopyAtMost<W>(out + k, c, n);
+            detail::CopyAtMost<W>(out + k, c, n);
         } else if constexpr (W <= 64) {
             std::memcpy(out + k, c, W);
         } else {
@@ -162,7 +161,7 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
         return FastPutBytes(out, c, static_cast<std::int32_t>(W));
     } else {
         // The block, with its length when that lies in 0..N, else N.
-        const std::int32_t len = d::LoadI32(c + W);
+        const std::int32_t len = detail::LoadI32(c + W);
         const std::int32_t n = len >= 0 && len <= static_cast<std::int32_t>(W) ? len : W;
         return FastPutBytes(out, c, n);
     }
@@ -186,7 +185,7 @@ template <FastKind K, std::uint32_t W>
     } else if constexpr (K == FastKind::Int || K == FastKind::BlockLength) {
         std::int32_t v;
         const std::int64_t k = GetSignedAt(in, at, &v);
-        d::StoreI32(c, v);
+        detail::StoreI32(c, v);
         return k;
     } else if constexpr (K == FastKind::Int64) {
         std::int64_t v;
@@ -238,7 +237,7 @@ TRDCOMP_FORCE_INLINE std::int64_t GetAsciiInside(const byte* p, char* c) {
         if (const std::uint64_t m = w & 0x8080808080808080ull) stop = i + static_cast<std::uint32_t>(std::countr_zero(m) >> 3);
     }
     if (stop >= W - 1) return 0;
-    d::CopyAtMost<W>(c, p, stop + 1);
+    detail::CopyAtMost<W>(c, p, stop + 1);
     c[stop] = static_cast<char>(p[stop] & 0x7Fu);
     c[stop + 1] = '\0';
     return stop + 1;
@@ -266,7 +265,7 @@ TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t
             } else if constexpr (K == FastKind::Int || K == FastKind::BlockLength) {
                 std::int32_t v;
                 if (const std::int64_t k = GetWord(p, &v)) {
-                    d::StoreI32(c, v);
+                    detail::StoreI32(c, v);
                     return k;
                 }
             } else if constexpr (K == FastKind::Int64) {
@@ -300,7 +299,7 @@ TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t
                     const std::int32_t keep = len < kMaxKeep ? len : kMaxKeep;
                     // A text at the end of the message: its kept bytes must lie inside too.
                     if (keep <= in.size - at - 1) {
-                        d::CopyShort(c, p + 1, static_cast<std::size_t>(keep));
+                        detail::CopyShort(c, p + 1, static_cast<std::size_t>(keep));
                         if constexpr (K == FastKind::String) c[keep] = '\0';
                         return 1 + len;
                     }
@@ -319,7 +318,7 @@ TRDCOMP_FORCE_INLINE void Fill(char* c, const char* prev, std::uint32_t off) {
     } else if constexpr (K == FastKind::Char) {
         *c = static_cast<char>(D);
     } else if constexpr (K == FastKind::Int) {
-        d::StoreI32(c, D);
+        detail::StoreI32(c, D);
     }
     // Everything else defaults to zero, which the cleared record holds.
 }
@@ -496,16 +495,16 @@ struct RecordCoder {
     static std::int64_t EncodeExact(const char* rec, const char* prev, char* dst) {
         return static_cast<std::int64_t>(EncodeRecord<L, true>(rec, prev, reinterpret_cast<byte*>(dst)));
     }
-    static void StoreLength(char* at, std::int64_t n) { d::StoreU16(at, static_cast<std::uint16_t>(n)); }
+    static void StoreLength(char* at, std::int64_t n) { detail::StoreU16(at, static_cast<std::uint16_t>(n)); }
 };
 
 // Codes records of layout L (data of `extent` bytes, `stride` apart) as
 // u16-length-prefixed records at out + pos, each against the one before.
 // False when the call's capacity ran out.
 template <const auto& L>
-TRDCOMP_FORCE_INLINE bool EncodeRun(d::Call& call, char* out, std::int64_t& pos, const char* data, std::int64_t extent,
+TRDCOMP_FORCE_INLINE bool EncodeRun(detail::Call& call, char* out, std::int64_t& pos, const char* data, std::int64_t extent,
                                     std::int64_t count, std::int32_t stride) {
-    return d::EncodeRecords(call, RecordCoder<L>{}, L.size, out, pos, data, extent, count, stride);
+    return detail::EncodeRecords(call, RecordCoder<L>{}, L.size, out, pos, data, extent, count, stride);
 }
 
 // Decodes up to `count` records from in[cursor, ...) into consecutive slots
@@ -517,7 +516,7 @@ inline std::int64_t DecodeRun(const BoundedSource& in, std::int64_t& cursor, std
     const char* prev = nullptr;
     std::int64_t i = 0;
     for (; i < count && cursor < in.size; ++i) {
-        const std::int64_t len = cursor + 2 <= in.size ? static_cast<std::int64_t>(d::LoadU16(in.p + cursor))
+        const std::int64_t len = cursor + 2 <= in.size ? static_cast<std::int64_t>(detail::LoadU16(in.p + cursor))
                                                        : static_cast<std::int64_t>(in[cursor]) |
                                                              static_cast<std::int64_t>(in[cursor + 1]) << 8;
         char* rec = slots + i * L.size;
@@ -540,7 +539,7 @@ struct Frames {
     int version;
 
     bool Decodes() const { return version >= 1; }
-    static bool CountAgrees(const char* at, std::int32_t count) { return d::LoadU16(at) == count; }
+    static bool CountAgrees(const char* at, std::int32_t count) { return detail::LoadU16(at) == count; }
     template <const auto& L>
     static constexpr std::int64_t Tail() {
         return 0;
@@ -559,7 +558,7 @@ struct Frames {
         if constexpr (k == 1) {
             counts[0] = head::AnswerArray(in).count;
         } else {
-            for (int j = 0; j < k; ++j) counts[j] = Decodes() ? d::LoadU16(in + headLen + 2 * j) : 0;
+            for (int j = 0; j < k; ++j) counts[j] = Decodes() ? detail::LoadU16(in + headLen + 2 * j) : 0;
         }
         cursor = headLen + 2 * k;
         return Reason::none;
@@ -577,7 +576,7 @@ struct Frames {
 // capacity; a call that measures learns the bytes the message needs.
 // Out of line: the route tables and the members share this one instance.
 template <const auto& L>
-[[gnu::noinline]] int PackRequest(d::Call& call, char* out, int& outLen, const char* data, int dataLen, int version) {
+[[gnu::noinline]] int PackRequest(detail::Call& call, char* out, int& outLen, const char* data, int dataLen, int version) {
     if (dataLen < static_cast<std::int64_t>(L.size)) {
         if (dataLen < 0 || (dataLen > 0 && data == nullptr)) return call.Refuse(Reason::null_argument);
         if (dataLen > call.capacity - outLen) return call.TooSmall(static_cast<std::int64_t>(outLen) + dataLen);
@@ -590,7 +589,7 @@ template <const auto& L>
     const auto count = static_cast<std::uint16_t>(array.count);
     std::int64_t pos = outLen;
     if (call.capacity - pos >= 2) {
-        d::StoreU16(out + pos, count);
+        detail::StoreU16(out + pos, count);
     } else if (!call.measure) {
         return call.TooSmall(pos + 2);
     }
@@ -599,13 +598,13 @@ template <const auto& L>
     if (!fits) return 0;
     if (pos > call.capacity) return call.TooSmall(pos);
     outLen = static_cast<int>(pos);
-    d::SetFlags(out, TRDCOMP_FLAG_CODED);
+    detail::SetFlags(out, TRDCOMP_FLAG_CODED);
     return 1;
 }
 
 template <const auto& L>
-[[gnu::noinline]] int RestoreRequest(d::Call& call, const char* in, int inLen, char** out, int& outLen, int version) {
-    return d::RestoreRequestFrame<L>(call, Frames{version}, in, inLen, out, outLen);
+[[gnu::noinline]] int RestoreRequest(detail::Call& call, const char* in, int inLen, char** out, int& outLen, int version) {
+    return detail::RestoreRequestFrame<L>(call, Frames{version}, in, inLen, out, outLen);
 }
 
 // ---- answers ----
@@ -613,33 +612,33 @@ template <const auto& L>
 // Appends the coded arrays of an answer behind its head: every array's u16
 // count, then each array's records as a chain of its own.
 template <class Shape>
-[[gnu::noinline]] int PackAnswer(d::Call& call, char* out, int& outLen, const tagANS_Proc* proc,
+[[gnu::noinline]] int PackAnswer(detail::Call& call, char* out, int& outLen, const tagANS_Proc* proc,
                                  char* const arrays[5], int version) {
     if (version < 1) return 1;
     std::int64_t pos = outLen;
     for (int j = 0; j < Shape::kCount; ++j) {
         if (call.capacity - pos >= 2) {
-            d::StoreU16(out + pos, static_cast<std::uint16_t>(proc->nRecCount[j]));
+            detail::StoreU16(out + pos, static_cast<std::uint16_t>(proc->nRecCount[j]));
         } else if (!call.measure) {
             return call.TooSmall(pos + 2);
         }
         pos += 2;
     }
     // Each array codes as many records as its u16 count says.
-    const bool fits = d::PackSections<Shape>(
+    const bool fits = detail::PackSections<Shape>(
         proc, arrays, [&]<const auto& L>(const char* data, std::int64_t extent, std::int32_t count, std::int32_t size) {
             return EncodeRun<L>(call, out, pos, data, extent, static_cast<std::uint16_t>(count), size);
         });
     if (!fits) return 0;
     if (pos > call.capacity) return call.TooSmall(pos);
     outLen = static_cast<int>(pos);
-    d::SetFlags(out, TRDCOMP_FLAG_CODED);
+    detail::SetFlags(out, TRDCOMP_FLAG_CODED);
     return 1;
 }
 
 template <class Shape>
-[[gnu::noinline]] int RestoreAnswer(d::Call& call, const char* in, int inLen, char** out, int& outLen, int version) {
-    return d::RestoreAnswerFrame<Shape>(call, Frames{version}, in, inLen, out, outLen);
+[[gnu::noinline]] int RestoreAnswer(detail::Call& call, const char* in, int inLen, char** out, int& outLen, int version) {
+    return detail::RestoreAnswerFrame<Shape>(call, Frames{version}, in, inLen, out, outLen);
 }
 
 }  // namespace trdcomp::fast

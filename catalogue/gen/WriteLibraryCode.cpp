@@ -108,8 +108,8 @@ std::vector<std::vector<std::string>> PackSectionLayouts(int codec, bool fast) {
 }
 
 // C++ expression of the largest coded record among `layouts` with the coder
-// of a coding: "e8::MaxRecord" (2008, our KXPfdk), "e8::MaxRecordExported"
-// (2008, another KXPfdk keeping the contract) or "ef::MaxRecord" (Fast).
+// of a coding: "codec2008::MaxRecord" (2008, our KXPfdk), "codec2008::MaxRecordExported"
+// (2008, another KXPfdk keeping the contract) or "fast::MaxRecord" (Fast).
 std::string MaxRecordOf(const std::vector<std::string>& layouts, const std::string& coder) {
     std::string e = "std::max<std::uint32_t>({";
     for (std::size_t i = 0; i < layouts.size(); ++i) e += (i ? ", " : "") + coder + "<k" + layouts[i] + ">()";
@@ -120,7 +120,7 @@ std::string MaxRecordOf(const std::vector<std::string>& layouts, const std::stri
 // each array ({} where the coding packs no records); the 2008 coding once
 // with our KXPfdk and once with another.
 std::string BoundRowOf(int id, const std::vector<std::vector<std::string>> (&sections)[2]) {
-    const char* const coder[3] = {"e8::MaxRecord", "ef::MaxRecord", "e8::MaxRecordExported"};
+    const char* const coder[3] = {"codec2008::MaxRecord", "fast::MaxRecord", "codec2008::MaxRecordExported"};
     const int coding[3] = {0, 1, 0};
     std::string row = "        {" + std::to_string(id) + ", {";
     for (int c = 0; c < 3; ++c) {
@@ -285,18 +285,18 @@ std::string CellOf(const std::string& cell, const Fn& fn) {
 
 // The engine instance of each request family for a codec id.
 std::string RequestEngine(int f, int codec) {
-    const char* const engine[4] = {"&e8::PackRequest<k", "&ef::PackRequest<k", "&e8::RestoreRequest<k",
-                                   "&ef::RestoreRequest<k"};
+    const char* const engine[4] = {"&trdcomp::codec2008::PackRequest<k", "&trdcomp::fast::PackRequest<k", "&trdcomp::codec2008::RestoreRequest<k",
+                                   "&trdcomp::fast::RestoreRequest<k"};
     return engine[f] + RequestLayout(codec) + ">";
 }
 
 // The engine instance of each answer family for a codec id.
 std::string AnswerEngine(int f, int codec) {
     switch (f) {
-        case 0: return "&e8::PackAnswer<" + PackShapeType(codec) + ">";
-        case 1: return "&ef::PackAnswer<" + ShapeType(AnswerShape(codec)) + ">";
-        case 2: return "&e8::RestoreAnswer<" + ShapeType(AnswerShape(codec)) + ">";
-        default: return "&ef::RestoreAnswer<" + ShapeType(AnswerShape(codec)) + ">";
+        case 0: return "&trdcomp::codec2008::PackAnswer<" + PackShapeType(codec) + ">";
+        case 1: return "&trdcomp::fast::PackAnswer<" + ShapeType(AnswerShape(codec)) + ">";
+        case 2: return "&trdcomp::codec2008::RestoreAnswer<" + ShapeType(AnswerShape(codec)) + ">";
+        default: return "&trdcomp::fast::RestoreAnswer<" + ShapeType(AnswerShape(codec)) + ">";
     }
 }
 
@@ -309,7 +309,7 @@ void WriteRequests(std::ostream& o, const Members& m) {
     for (const auto& [layout, encoder] : g_req_shared)
         o << "static_assert(::trdcomp::model::SameKinds(k" << layout << ", k" << encoder << "), \"" << layout
           << " is packed by the encoder of " << encoder << "\");\n";
-    o << "\nnamespace e8 = trdcomp::codec2008;\nnamespace ef = trdcomp::fast;\n\n";
+    o << "\n";
     for (int id : kReqPackStubs)
         o << "int CTrdCompData::" << kFamily[0] << id << Sig(kReqSig[0], false) << " { return 1; }\n";
     for (int id : kReqRestoreStubs)
@@ -344,7 +344,7 @@ void WriteAnswers(std::ostream& o, const Members& m) {
     o << kHeader << "#include \"answer_layouts.def\"\n";
     WriteSharedChunks(o, g_ans_layouts);
     WriteOffsetChecks(o, g_ans_layouts);
-    o << "\nnamespace e8 = trdcomp::codec2008;\nnamespace ef = trdcomp::fast;\n\n";
+    o << "\n";
     o << "int CTrdCompData::PackAns2008_" << kAnsStub << Sig(kAnsSig[0], false) << " { return 1; }\n";
     o << "int CTrdCompData::PackAns2011_Fast_" << kAnsStub << Sig(kAnsSig[1], false) << " { return 1; }\n";
     o << "int CTrdCompData::RestoreAns2008_" << kAnsStub << Sig(kAnsSig[2], false) << " { return 1; }\n";

@@ -44,7 +44,7 @@ struct RecordStream {
     std::int64_t counts[head::kMaxSectionEntries] = {};
 };
 
-RecordStream Records(std::int64_t start, int width, std::initializer_list<std::int64_t> counts) {
+RecordStream CodedStream(std::int64_t start, int width, std::initializer_list<std::int64_t> counts) {
     RecordStream r;
     r.records = true;
     r.start = start;
@@ -94,9 +94,9 @@ RecordStream Request(const char* p, std::int64_t size, std::int32_t id, std::int
     }
     // Records shorter than one record travel raw, with bit 0 clear.
     if (!head::Coded(flags)) return Told(kCannotTell);
-    if (version == 0) return Records(kReqHead, 4, {Positive(head::RequestArray(p).count)});
+    if (version == 0) return CodedStream(kReqHead, 4, {Positive(head::RequestArray(p).count)});
     if (size < kReqHead + 2) return Told(NeedMore(kReqHead + 2));
-    return Records(kReqHead + 2, 2, {LoadU16(p + kReqHead)});
+    return CodedStream(kReqHead + 2, 2, {LoadU16(p + kReqHead)});
 }
 
 RecordStream Answer(const char* p, std::int64_t size, std::int32_t id, std::int32_t flags, int version) {
@@ -111,7 +111,7 @@ RecordStream Answer(const char* p, std::int64_t size, std::int32_t id, std::int3
         if (version != 0) {
             // The counts of every array, then the records of each in turn.
             if (size < kAnsHead + 2 * k) return Told(NeedMore(kAnsHead + 2 * k));
-            RecordStream r = Records(kAnsHead + 2 * k, 2, {});
+            RecordStream r = CodedStream(kAnsHead + 2 * k, 2, {});
             for (int j = 0; j < k; ++j) r.counts[r.arrays++] = LoadU16(p + kAnsHead + 2 * j);
             return r;
         }
@@ -125,10 +125,10 @@ RecordStream Answer(const char* p, std::int64_t size, std::int32_t id, std::int3
             if (table < 4) return Told(kInvalid);
             cursor += table;
         }
-        if (k == 1) return Records(cursor, 4, {Positive(head::AnswerArray(p).count)});
+        if (k == 1) return CodedStream(cursor, 4, {Positive(head::AnswerArray(p).count)});
         if (table < 4 + 8 * k) return Told(kInvalid);  // the restore refuses it too
         if (size < kTable + 4 + 8 * k) return Told(NeedMore(kTable + 4 + 8 * k));
-        RecordStream r = Records(cursor, 4, {});
+        RecordStream r = CodedStream(cursor, 4, {});
         for (int j = 0; j < k; ++j) r.counts[r.arrays++] = Positive(head::SectionEntry(p + kTable, j).count);
         return r;
     }
