@@ -52,8 +52,10 @@ constexpr std::uint32_t MaxCoded(const Field& f) {
         case Kind::SizedBlock: return kMaxInt32<C> + C::kHeader + f.width;  // its length, then the block
         case Kind::BlockLength: return 0;
         case Kind::Int32: return kMaxInt32<C>;
-        default: return C::kInt64;
+        case Kind::Int64:
+        case Kind::Double: return C::kInt64;
     }
+    return 0;
 }
 
 // Worst-case bytes a decoder of C reads for one field.
@@ -64,8 +66,12 @@ constexpr std::uint32_t MaxRead(const Field& f) {
         case Kind::Text:
         case Kind::Bytes: return C::kHeader + f.limit;
         case Kind::SizedBlock: return C::kHeader + f.width;
-        default: return kMaxInt32<C>;
+        case Kind::Int32:
+        case Kind::BlockLength:
+        case Kind::Int64:
+        case Kind::Double: return kMaxInt32<C>;
     }
+    return 0;
 }
 
 // Worst-case coded bytes of a record of layout L with the coders C.

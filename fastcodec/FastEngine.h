@@ -44,8 +44,12 @@ constexpr std::uint32_t MaxCoded(const Field& f) {
         case FastKind::BlockLength: return 5;
         case FastKind::Int64:
         case FastKind::Double: return 10;
-        default: return 5 + f.width;
+        case FastKind::String:
+        case FastKind::Ascii:
+        case FastKind::Bytes:
+        case FastKind::SizedBlock: return 5 + f.width;
     }
+    return 0;
 }
 
 template <const auto& L>
@@ -98,6 +102,7 @@ TRDCOMP_FORCE_INLINE bool Sent(const char* c, const char* prev, std::uint32_t of
     } else if constexpr (K == FastKind::Bytes) {
         return prev ? detail::BlockDiffers<W>(c, prev + off) : detail::AnyNonZero<W>(c);
     } else {
+        static_assert(K == FastKind::SizedBlock || K == FastKind::BlockLength, "a kind without its presence test");
         return true;  // the sized block and its length are always sent
     }
 }
@@ -160,6 +165,7 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
     } else if constexpr (K == FastKind::Bytes) {
         return FastPutBytes(out, c, static_cast<std::int32_t>(W));
     } else {
+        static_assert(K == FastKind::SizedBlock, "a kind without its encoder");
         // The block, with its length when that lies in 0..N, else N.
         const std::int32_t len = detail::LoadI32(c + W);
         const std::int32_t n = len >= 0 && len <= static_cast<std::int32_t>(W) ? len : W;
@@ -202,6 +208,7 @@ template <FastKind K, std::uint32_t W>
     } else if constexpr (K == FastKind::Ascii) {
         return GetAsciiAt(in, at, c, static_cast<int>(W));
     } else {
+        static_assert(K == FastKind::Bytes || K == FastKind::SizedBlock, "a kind without its decoder");
         return GetBytesAt(in, at, c, static_cast<int>(W));
     }
 }
