@@ -380,70 +380,66 @@ void BM_HotPath(benchmark::State& state, int id, int coding, int mode) {
         benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
-// Both pipelines of the hot path in one benchmark: blocks of pack + classic
-// restore alternate with blocks of pack + RestoreInto, each block timed on
-// its own, so that a change of the machine's speed during the run falls on
-// both alike. Counters: ns a message of each, and their ratio.
+// Blocks of `first` and of `second` alternate, each block timed on its own,
+// so that a change of the machine's speed during the run falls on both alike.
+// Counters: ns a message of each (named as given) and their ratio
+// (second / first).
+template <class First, class Second>
+void Paired(benchmark::State& state, const char* firstName, const First& first, const char* secondName,
+            const Second& second) {
+    constexpr int kBlock = 256;
+    using Clock = std::chrono::steady_clock;
+    double a = 0, b = 0;
+    std::int64_t blocks = 0;
+    for (auto _ : state) {
+        const auto t0 = Clock::now();
+        for (int k = 0; k < kBlock; ++k) first();
+        const auto t1 = Clock::now();
+        for (int k = 0; k < kBlock; ++k) second();
+        const auto t2 = Clock::now();
+        a += std::chrono::duration<double>(t1 - t0).count();
+        b += std::chrono::duration<double>(t2 - t1).count();
+        state.SetIterationTime(std::chrono::duration<double>(t2 - t0).count());
+        ++blocks;
+    }
+    const double messages = static_cast<double>(blocks) * kBlock;
+    state.counters[firstName] = messages > 0 ? a / messages * 1e9 : 0;
+    state.counters[secondName] = messages > 0 ? b / messages * 1e9 : 0;
+    state.counters["ratio"] = a > 0 ? b / a : 0;
+}
+
+// Both pipelines of the hot path: pack + classic restore and release against
+// pack + RestoreInto.
 void BM_HotPathPaired(benchmark::State& state, int id, int coding) {
     HotRequest r(id, coding);
     if (r.block.empty()) state.SkipWithError("the request does not restore");
-    constexpr int kBlock = 256;
-    using Clock = std::chrono::steady_clock;
-    double classic = 0, into = 0;
-    std::int64_t blocks = 0;
-    for (auto _ : state) {
-        const auto t0 = Clock::now();
-        for (int k = 0; k < kBlock; ++k) {
+    Paired(
+        state, "classic_ns",
+        [&] {
             r.Pack();
             r.RestoreClassic();
-        }
-        const auto t1 = Clock::now();
-        for (int k = 0; k < kBlock; ++k) {
+        },
+        "into_ns",
+        [&] {
             r.Pack();
             r.RestoreInto();
-        }
-        const auto t2 = Clock::now();
-        classic += std::chrono::duration<double>(t1 - t0).count();
-        into += std::chrono::duration<double>(t2 - t1).count();
-        state.SetIterationTime(std::chrono::duration<double>(t2 - t0).count());
-        ++blocks;
-    }
-    const double messages = static_cast<double>(blocks) * kBlock;
-    state.counters["classic_ns"] = messages > 0 ? classic / messages * 1e9 : 0;
-    state.counters["into_ns"] = messages > 0 ? into / messages * 1e9 : 0;
-    state.counters["ratio"] = classic > 0 ? into / classic : 0;
+        });
 }
 
 // The modern PackRequest against the classic PackReq2008 it stands beside,
-// on the same one-record order: blocks of each alternate, each timed on its
-// own. Counters: ns a message of each, and their ratio (modern / classic).
+// on the same one-record order.
 void BM_PackPaired(benchmark::State& state, int id, int coding) {
     HotRequest r(id, coding);
-    trdcomp::Coding c = coding ? trdcomp::Coding::Fast(coding >> TRDCOMP_FLAG_FAST_SHIFT) : trdcomp::Coding::C2008();
+    const trdcomp::Coding c = coding ? trdcomp::Coding::Fast(coding >> TRDCOMP_FLAG_FAST_SHIFT) : trdcomp::Coding::C2008();
     const trdcomp::span<const char> record(r.record.data(), r.record.size());
     const trdcomp::span<char> out(r.wire.data(), r.wire.size());
-    constexpr int kBlock = 256;
-    using Clock = std::chrono::steady_clock;
-    double classic = 0, modern = 0;
-    std::int64_t blocks = 0;
-    for (auto _ : state) {
-        const auto t0 = Clock::now();
-        for (int k = 0; k < kBlock; ++k) {
+    Paired(
+        state, "classic_ns",
+        [&] {
             r.Pack();
             benchmark::DoNotOptimize(r.wire.data());
-        }
-        const auto t1 = Clock::now();
-        for (int k = 0; k < kBlock; ++k) benchmark::DoNotOptimize(trdcomp::PackRequest(out, r.head, record, c));
-        const auto t2 = Clock::now();
-        classic += std::chrono::duration<double>(t1 - t0).count();
-        modern += std::chrono::duration<double>(t2 - t1).count();
-        state.SetIterationTime(std::chrono::duration<double>(t2 - t0).count());
-        ++blocks;
-    }
-    const double messages = static_cast<double>(blocks) * kBlock;
-    state.counters["classic_ns"] = messages > 0 ? classic / messages * 1e9 : 0;
-    state.counters["modern_ns"] = messages > 0 ? modern / messages * 1e9 : 0;
-    state.counters["ratio"] = classic > 0 ? modern / classic : 0;
+        },
+        "modern_ns", [&] { benchmark::DoNotOptimize(trdcomp::PackRequest(out, r.head, record, c)); });
 }
 
 // What every restore pays before decoding: one allocation and its zero fill.

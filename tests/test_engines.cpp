@@ -90,29 +90,30 @@ struct Codec {
     std::function<int(char*, int, char**, int&)> restore;
     int Flags() const { return fast ? param << 4 : 0; }
 };
-template <const auto& L>
-Codec Fast(int version = 1) {
-    return {static_cast<int>(L.size), version, true,
+// A codec over an engine's pack and restore (each taking the call first):
+// packs with a classic call told `cap` (or not told one), restores with a
+// classic call.
+template <class Pack, class Restore>
+Codec MakeCodec(std::uint32_t size, int param, bool fast, Pack pack, Restore restore) {
+    return {static_cast<int>(size), param, fast,
             [=](char* o, int& n, const char* p, int k, std::int64_t cap) {
                 d::Call call = CallFor(cap);
-                return trdcomp::fast::PackRequest<L>(call, o, n, p, k, version);
+                return pack(call, o, n, p, k);
             },
             [=](char* i, int k, char** o, int& n) {
                 d::Call call = d::ClassicCall();
-                return trdcomp::fast::RestoreRequest<L>(call, i, k, o, n, version);
+                return restore(call, i, k, o, n);
             }};
 }
 template <const auto& L>
+Codec Fast(int version = 1) {
+    return MakeCodec(L.size, version, true, [=](auto&... a) { return trdcomp::fast::PackRequest<L>(a..., version); },
+                     [=](auto&... a) { return trdcomp::fast::RestoreRequest<L>(a..., version); });
+}
+template <const auto& L>
 Codec C2008(char flag = 0) {
-    return {static_cast<int>(L.size), flag, false,
-            [=](char* o, int& n, const char* p, int k, std::int64_t cap) {
-                d::Call call = CallFor(cap);
-                return trdcomp::codec2008::PackRequest<L>(call, o, n, p, k, flag);
-            },
-            [=](char* i, int k, char** o, int& n) {
-                d::Call call = d::ClassicCall();
-                return trdcomp::codec2008::RestoreRequest<L>(call, i, k, o, n, flag);
-            }};
+    return MakeCodec(L.size, flag, false, [=](auto&... a) { return trdcomp::codec2008::PackRequest<L>(a..., flag); },
+                     [=](auto&... a) { return trdcomp::codec2008::RestoreRequest<L>(a..., flag); });
 }
 
 Chars Head(const Codec& c, int flags, int count) {

@@ -3,6 +3,7 @@
 // coding order, the codec members the routing names).
 #include "gen/Catalogue.h"
 
+#include <iterator>
 #include <stdexcept>
 
 namespace catalogue_gen {
@@ -15,41 +16,49 @@ std::map<int, int> g_aliases;
 std::vector<std::pair<std::string, std::string>> g_req_shared;
 std::string g_canonical;
 
-Spelling SpellingOf(FieldKind k) {
-    switch (k) {
-        case FieldKind::Char: return {"Char", "char"};
-        case FieldKind::Text: return {"Text", "text"};
-        case FieldKind::Ascii: return {"Ascii", "ascii"};
-        case FieldKind::Bytes: return {"Bytes", "bytes"};
-        case FieldKind::Int32: return {"Int32", "int32"};
-        case FieldKind::Int64: return {"Int64", "int64"};
-        case FieldKind::Double: return {"Double", "double"};
-        case FieldKind::Uncoded: return {"Uncoded", "uncoded"};
-        case FieldKind::Sized: return {"Sized", "sized"};
-        case FieldKind::Array: return {"Array", "array"};
-    }
-    throw std::logic_error("a field kind without a spelling");
+namespace {
+
+// Each kind's spelling, as a table: the enumerator and the catalogue's name.
+template <class K>
+struct Spelled {
+    K kind;
+    Spelling spelling;
+};
+constexpr Spelled<FieldKind> kFieldSpellings[] = {
+    {FieldKind::Char, {"Char", "char"}},       {FieldKind::Text, {"Text", "text"}},
+    {FieldKind::Ascii, {"Ascii", "ascii"}},    {FieldKind::Bytes, {"Bytes", "bytes"}},
+    {FieldKind::Int32, {"Int32", "int32"}},    {FieldKind::Int64, {"Int64", "int64"}},
+    {FieldKind::Double, {"Double", "double"}}, {FieldKind::Uncoded, {"Uncoded", "uncoded"}},
+    {FieldKind::Sized, {"Sized", "sized"}},    {FieldKind::Array, {"Array", "array"}},
+};
+constexpr Spelled<ShapeKind> kShapeSpellings[] = {
+    {ShapeKind::Single, {"Single", "single"}},
+    {ShapeKind::Sections, {"Sections", "sections"}},
+    {ShapeKind::Switched, {"Switched", "switched"}},
+};
+constexpr Spelled<CellKind> kCellSpellings[] = {
+    {CellKind::codec, {"codec", "CODEC"}},
+    {CellKind::raw, {"raw", "RAW"}},
+    {CellKind::no_records, {"no_records", "NO_RECORDS"}},
+    {CellKind::head_only, {"head_only", "HEAD_ONLY"}},
+    {CellKind::nothing, {"nothing", "NOTHING"}},
+};
+static_assert(std::size(kFieldSpellings) == std::size(kFieldKinds), "every field kind is spelled");
+static_assert(std::size(kShapeSpellings) == std::size(kShapeKinds), "every shape kind is spelled");
+static_assert(std::size(kCellSpellings) == std::size(kCellKinds), "every cell kind is spelled");
+
+template <class K, std::size_t N>
+Spelling Spell(const Spelled<K> (&table)[N], K k) {
+    for (const Spelled<K>& s : table)
+        if (s.kind == k) return s.spelling;
+    throw std::logic_error("a kind without a spelling");
 }
 
-Spelling SpellingOf(ShapeKind k) {
-    switch (k) {
-        case ShapeKind::Single: return {"Single", "single"};
-        case ShapeKind::Sections: return {"Sections", "sections"};
-        case ShapeKind::Switched: return {"Switched", "switched"};
-    }
-    throw std::logic_error("a shape kind without a spelling");
-}
+}  // namespace
 
-Spelling SpellingOf(CellKind k) {
-    switch (k) {
-        case CellKind::codec: return {"codec", "CODEC"};
-        case CellKind::raw: return {"raw", "RAW"};
-        case CellKind::no_records: return {"no_records", "NO_RECORDS"};
-        case CellKind::head_only: return {"head_only", "HEAD_ONLY"};
-        case CellKind::nothing: return {"nothing", "NOTHING"};
-    }
-    throw std::logic_error("a cell kind without a spelling");
-}
+Spelling SpellingOf(FieldKind k) { return Spell(kFieldSpellings, k); }
+Spelling SpellingOf(ShapeKind k) { return Spell(kShapeSpellings, k); }
+Spelling SpellingOf(CellKind k) { return Spell(kCellSpellings, k); }
 
 bool IsCodec(const std::string& cell) { return !cell.empty() && cell[0] >= '0' && cell[0] <= '9'; }
 

@@ -300,6 +300,36 @@ std::string AnswerEngine(int f, int codec) {
     }
 }
 
+// The route rows of one direction ("Req", "Ans") and the dense table over
+// them; `engine(f, codec)` names the engine instance of family f.
+void WriteRouteRows(std::ostream& o, const std::string& dir, const std::vector<Route>& routes,
+                    std::string (*engine)(int, int)) {
+    o << "constexpr " << dir << "Row k" << dir << "RouteRows[] = {\n";
+    for (const Route& r : routes) {
+        o << "    {" << r.id << ", {";
+        for (int f = 0; f < 4; ++f)
+            o << (f ? ", " : "") << CellOf(r.cell[f], [&](int codec) { return engine(f, codec); });
+        o << "}},\n";
+    }
+    o << "};\nconstinit const " << dir << "Table k" << dir << "RouteTable = Dense(k" << dir << "RouteRows);\n\n";
+}
+
+// The size-bound rows of one direction, for the ids a packer codes:
+// `sections(codec, fast)` gives the layouts of each array the codec packs.
+template <class Sections>
+void WriteBoundRows(std::ostream& o, const std::string& dir, const std::vector<Route>& routes,
+                    const Sections& sections) {
+    o << "constexpr BoundRow k" << dir << "BoundRows[] = {\n";
+    for (const Route& r : routes) {
+        std::vector<std::vector<std::string>> layouts[2];
+        for (int f = 0; f < 2; ++f)
+            if (IsCodec(r.cell[f])) layouts[f] = sections(std::stoi(r.cell[f]), f == 1);
+        if (!layouts[0].empty() || !layouts[1].empty()) o << BoundRowOf(r.id, layouts);
+    }
+    o << "};\nconst BoundTable k" << dir << "BoundTable = Dense(k" << dir
+      << "BoundRows);\n\n}  // namespace trdcomp::detail\n";
+}
+
 }  // namespace
 
 void WriteRequests(std::ostream& o, const Members& m) {
@@ -322,22 +352,11 @@ void WriteRequests(std::ostream& o, const Members& m) {
             o << "int CTrdCompData::" << kFamily[f] << id << kReqSig[f] << " {\n    Call call = ClassicCall();\n"
               << "    return " << RequestEngine(f, id).substr(1) << args[f] << ";\n}\n";
     }
-    o << "\nnamespace trdcomp::detail {\n\nconstexpr ReqRow kReqRouteRows[] = {\n";
-    for (const Route& r : g_req_routes) {
-        o << "    {" << r.id << ", {";
-        for (int f = 0; f < 4; ++f)
-            o << (f ? ", " : "") << CellOf(r.cell[f], [f](int codec) { return RequestEngine(f, codec); });
-        o << "}},\n";
-    }
-    o << "};\nconstinit const ReqTable kReqRouteTable = Dense(kReqRouteRows);\n\n";
-    o << "constexpr BoundRow kReqBoundRows[] = {\n";
-    for (const Route& r : g_req_routes) {
-        std::vector<std::vector<std::string>> sections[2];
-        for (int f = 0; f < 2; ++f)
-            if (IsCodec(r.cell[f])) sections[f] = {{RequestLayout(std::stoi(r.cell[f]))}};
-        if (!sections[0].empty() || !sections[1].empty()) o << BoundRowOf(r.id, sections);
-    }
-    o << "};\nconst BoundTable kReqBoundTable = Dense(kReqBoundRows);\n\n}  // namespace trdcomp::detail\n";
+    o << "\nnamespace trdcomp::detail {\n\n";
+    WriteRouteRows(o, "Req", g_req_routes, RequestEngine);
+    WriteBoundRows(o, "Req", g_req_routes, [](int codec, bool) {
+        return std::vector<std::vector<std::string>>{{RequestLayout(codec)}};
+    });
 }
 
 void WriteAnswers(std::ostream& o, const Members& m) {
@@ -363,22 +382,9 @@ void WriteAnswers(std::ostream& o, const Members& m) {
               << ";\n}\n";
         }
     }
-    o << "\nnamespace trdcomp::detail {\n\nconstexpr AnsRow kAnsRouteRows[] = {\n";
-    for (const Route& r : g_ans_routes) {
-        o << "    {" << r.id << ", {";
-        for (int f = 0; f < 4; ++f)
-            o << (f ? ", " : "") << CellOf(r.cell[f], [f](int codec) { return AnswerEngine(f, codec); });
-        o << "}},\n";
-    }
-    o << "};\nconstinit const AnsTable kAnsRouteTable = Dense(kAnsRouteRows);\n\n";
-    o << "constexpr BoundRow kAnsBoundRows[] = {\n";
-    for (const Route& r : g_ans_routes) {
-        std::vector<std::vector<std::string>> sections[2];
-        for (int f = 0; f < 2; ++f)
-            if (IsCodec(r.cell[f])) sections[f] = PackSectionLayouts(std::stoi(r.cell[f]), f == 1);
-        if (!sections[0].empty() || !sections[1].empty()) o << BoundRowOf(r.id, sections);
-    }
-    o << "};\nconst BoundTable kAnsBoundTable = Dense(kAnsBoundRows);\n\n}  // namespace trdcomp::detail\n";
+    o << "\nnamespace trdcomp::detail {\n\n";
+    WriteRouteRows(o, "Ans", g_ans_routes, AnswerEngine);
+    WriteBoundRows(o, "Ans", g_ans_routes, PackSectionLayouts);
 }
 
 void WriteRouteSlots(std::ostream& o) {

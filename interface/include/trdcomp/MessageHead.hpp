@@ -38,6 +38,9 @@ enum : std::size_t {
     /* Bytes a reader must have before it can route a message: length, id, flags. */
     kRoutingBytes = offsetof(tagREQ_HEAD, nFlags) + sizeof(int)
 };
+/* A count and its record size are neighbours in both heads. */
+static_assert(kRequestSizeAt == kRequestCountAt + 4, "a request's record size follows its count");
+static_assert(kAnswerSizeAt == kAnswerCountAt + 4, "an answer's record size follows its count");
 /* Section table entries that carry a count and a size (the table's length
  * may announce more). */
 enum { kMaxSectionEntries = 5 };
@@ -92,24 +95,21 @@ inline tagANS_HEAD ReadAnswerHead(const char* p) {
     return h;
 }
 
-/* Count and record size of the array a head describes directly (a request's,
- * or an answer's first); p holds the whole head. */
+/* Count and record size of an array of records: the two words at `at`. */
 struct Array {
     Word count;
     Word size;
 };
-inline Array RequestArray(const char* p) {
+inline Array ArrayAt(const char* p, std::size_t at) {
     Array a;
-    a.count = Load(p, kRequestCountAt);
-    a.size = Load(p, kRequestSizeAt);
+    a.count = Load(p, at);
+    a.size = Load(p, at + 4);
     return a;
 }
-inline Array AnswerArray(const char* p) {
-    Array a;
-    a.count = Load(p, kAnswerCountAt);
-    a.size = Load(p, kAnswerSizeAt);
-    return a;
-}
+/* The array a head describes directly (a request's, or an answer's first);
+ * p holds the whole head. */
+inline Array RequestArray(const char* p) { return ArrayAt(p, kRequestCountAt); }
+inline Array AnswerArray(const char* p) { return ArrayAt(p, kAnswerCountAt); }
 
 /* A section table: its length word (4 + 8 bytes an array it announces) and
  * the entries that carry a count and a size, at most five. */
@@ -120,12 +120,7 @@ struct SectionTable {
 };
 
 /* Entry i of the table at `table` (which holds 4 + 8 (i + 1) bytes). */
-inline Array SectionEntry(const char* table, int i) {
-    Array a;
-    a.count = Load(table, 4 + 8 * static_cast<std::size_t>(i));
-    a.size = Load(table, 8 + 8 * static_cast<std::size_t>(i));
-    return a;
-}
+inline Array SectionEntry(const char* table, int i) { return ArrayAt(table, 4 + 8 * static_cast<std::size_t>(i)); }
 
 /* What CheckSectionTable found. */
 enum TableCheck {
