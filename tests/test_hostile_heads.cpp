@@ -118,6 +118,7 @@ TEST(HostileInput, EveryRestoreRefusesWithItsReason) {
         {"request of 4 bytes", Short(4), 0, R::head_too_short, true},
         {"request of 11 bytes", Short(11), 0, R::head_too_short, true},
         {"raw request of 12 bytes is copied", Short(12), 1, R::none, true},
+        {"raw request with a negative count", ReqBytes(ReqHead(777, 0, -1, 10), 20), 1, R::negative_count, true},
         {"answer cut inside its records", Edited("ans_1110_2008", -1, 0, 4, 100), 0, R::count_past_message},
         {"Fast stream count other than the head's", Edited("req_1002_fast", 76, 2, 2), 0, R::stream_count_differs, true,
          76 + 3 * 83},
