@@ -474,7 +474,7 @@ void Register() {
     benchmark::RegisterBenchmark("dispatch/fast/tiny", BM_DispatchTiny, 0x10);
     benchmark::RegisterBenchmark("dispatch/2008/tiny", BM_DispatchTiny, 0);
     const char* const modes[] = {"classic", "restore-into", "pack-only", "classic-restore-only", "restore-into-only"};
-    for (const int id : {8996, 1011})
+    for (const int id : {8996, 1002, 1011})
         for (const int coding : {0x10, 0})
             for (int mode = 0; mode < 5; ++mode)
                 benchmark::RegisterBenchmark(("hotpath/" + std::string(coding ? "fast" : "2008") + "/request" +
