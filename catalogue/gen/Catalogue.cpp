@@ -60,12 +60,10 @@ Spelling SpellingOf(FieldKind k) { return Spell(kFieldSpellings, k); }
 Spelling SpellingOf(ShapeKind k) { return Spell(kShapeSpellings, k); }
 Spelling SpellingOf(CellKind k) { return Spell(kCellSpellings, k); }
 
-bool IsCodec(const std::string& cell) { return !cell.empty() && cell[0] >= '0' && cell[0] <= '9'; }
-
-CellKind CellKindOf(const std::string& cell) {
-    if (IsCodec(cell)) return CellKind::codec;
+RouteCell CellNamed(const std::string& cell) {
+    if (!cell.empty() && cell[0] >= '0' && cell[0] <= '9') return RouteCell{CellKind::codec, std::stoi(cell)};
     for (CellKind k : kCellKinds)
-        if (k != CellKind::codec && cell == SpellingOf(k).name) return k;
+        if (k != CellKind::codec && cell == SpellingOf(k).name) return RouteCell{k, 0};
     throw std::runtime_error("unknown routing cell " + cell);
 }
 
@@ -73,10 +71,10 @@ Members Collect() {
     Members m;
     for (const Route& r : g_req_routes)
         for (int f = 0; f < 4; ++f)
-            if (IsCodec(r.cell[f])) m.req[f].insert(std::stoi(r.cell[f]));
+            if (r.cell[f].IsCodec()) m.req[f].insert(r.cell[f].codec);
     for (const Route& r : g_ans_routes)
         for (int f = 0; f < 4; ++f)
-            if (IsCodec(r.cell[f])) m.ans[f].insert(std::stoi(r.cell[f]));
+            if (r.cell[f].IsCodec()) m.ans[f].insert(r.cell[f].codec);
     // Ids whose codecs are those of another id have them under their own number.
     for (const auto& [id, of] : g_aliases)
         for (int f = 0; f < 4; ++f) m.ans[f].insert(id), m.ans[f].insert(of);

@@ -65,9 +65,17 @@ struct Layout {
     std::vector<Entry> entries;
 };
 
+// A routing cell as read: what it says, and for a codec cell the id whose
+// codec serves.
+struct RouteCell {
+    CellKind kind = CellKind::raw;
+    int codec = 0;
+    bool IsCodec() const { return kind == CellKind::codec; }
+};
+
 struct Route {
     int id;
-    std::string cell[4];  // pack 2008, pack Fast, restore 2008, restore Fast
+    RouteCell cell[4];  // pack 2008, pack Fast, restore 2008, restore Fast
 };
 
 struct Shape {
@@ -105,9 +113,10 @@ inline constexpr SlotRange kSlotRanges[2] = {{1000, 262}, {8996, 4}};
 void ReadCatalogue();
 
 // A cell that names a codec (an id) rather than what happens instead.
-bool IsCodec(const std::string& cell);
 // The kind of a cell as the catalogue writes it; throws on an unknown name.
-CellKind CellKindOf(const std::string& cell);
+// A routing cell as the catalogue writes it: a codec id, RAW, NO_RECORDS,
+// HEAD_ONLY or NOTHING; throws on anything else.
+RouteCell CellNamed(const std::string& cell);
 
 // The codec members the routing names, per family (pack 2008, pack Fast,
 // restore 2008, restore Fast).

@@ -10,9 +10,11 @@
 //                                 (these five: WriteLibraryCode.cpp);
 //   model/CatalogueFingerprint.h  the catalogue's fingerprint;
 //   model/RecordFields.h          every layout's fields as NumPy formats;
-//   model/CatalogueTables.h       the whole catalogue as constant run-time data
-//                                 (these three: WriteTables.cpp), for the
-//                                 model, the tools and the Python module.
+//   model/CatalogueTables.h       the whole catalogue as constant run-time data,
+//   model/CatalogueKinds.h        the kinds of field, shape and routing cell
+//                                 (these four: WriteTables.cpp), for the
+//                                 model, the tools and the Python module, and
+//                                 the kinds for the library's routing.
 //
 // usage: trdcomp_catalogue_gen OUTPUT_DIR | --canonical | --hash
 #include <fstream>
@@ -45,7 +47,8 @@ int main(int argc, char** argv) {
         std::cerr << "usage: trdcomp_catalogue_gen OUTPUT_DIR | --canonical | --hash\n"
                      "OUTPUT_DIR: writes trdcomp/TrdCompMembers.inc, trdcomp/TrdCompRecords.h (the public headers),\n"
                      "  codecs/CatalogueRequests.cpp, codecs/CatalogueAnswers.cpp, codecs/RouteSlots.h (the library's\n"
-                     "  code), model/CatalogueFingerprint.h, model/RecordFields.h and model/CatalogueTables.h from the\n"
+                     "  code), model/CatalogueFingerprint.h, model/RecordFields.h, model/CatalogueTables.h and\n"
+                     "  model/CatalogueKinds.h from the\n"
                      "  catalogue compiled into this program\n"
                      "--canonical: prints the catalogue's canonical text, of which the fingerprint is the hash\n"
                      "--hash: prints the fingerprint (FNV-1a 64, 16 hex digits) of the text on standard input\n";
@@ -66,7 +69,7 @@ int main(int argc, char** argv) {
         }
         const Members m = Collect();
         const std::string dir = arg;
-        std::ostringstream members, records, requests, answers, slots, fingerprint, fields, tables;
+        std::ostringstream members, records, requests, answers, slots, fingerprint, fields, tables, kinds;
         WriteMembers(members, m);
         WriteRecords(records);
         WriteRequests(requests, m);
@@ -75,6 +78,7 @@ int main(int argc, char** argv) {
         WriteFingerprint(fingerprint);
         WriteRecordFields(fields);
         WriteModelTables(tables);
+        WriteKinds(kinds);
         Emit(dir + "/trdcomp/TrdCompMembers.inc", members.str());
         Emit(dir + "/trdcomp/TrdCompRecords.h", records.str());
         Emit(dir + "/codecs/CatalogueRequests.cpp", requests.str());
@@ -83,6 +87,7 @@ int main(int argc, char** argv) {
         Emit(dir + "/model/CatalogueFingerprint.h", fingerprint.str());
         Emit(dir + "/model/RecordFields.h", fields.str());
         Emit(dir + "/model/CatalogueTables.h", tables.str());
+        Emit(dir + "/model/CatalogueKinds.h", kinds.str());
     } catch (const std::exception& e) {
         std::cerr << "trdcomp_catalogue_gen: " << e.what() << "\n";
         return 1;

@@ -58,7 +58,8 @@ Entry& Add(FieldKind kind, int off, int width, const char* sub = "", int entries
     for (int id : std::vector<int>{__VA_ARGS__}) g_req_layout_of[id] = #NAME; \
     Canon("REQ_LAYOUT_IDS", #NAME, __VA_ARGS__);
 #define TRD_ROUTE(ID, P8, PF, R8, RF) \
-    g_routes->push_back(Route{ID, {#P8, #PF, #R8, #RF}}), Canon(g_route_tag, ID, #P8, #PF, #R8, #RF);
+    g_routes->push_back(Route{ID, {CellNamed(#P8), CellNamed(#PF), CellNamed(#R8), CellNamed(#RF)}}), \
+        Canon(g_route_tag, ID, #P8, #PF, #R8, #RF);
 #define TRD_ANS_SINGLE(ID, L) g_shapes[ID] = Shape{ShapeKind::Single, {#L}}, Canon("ANS_SINGLE", ID, #L);
 #define TRD_ANS_SECTIONS2(ID, L1, L2) \
     g_shapes[ID] = Shape{ShapeKind::Sections, {#L1, #L2}}, Canon("ANS_SECTIONS", ID, #L1, #L2);

@@ -76,7 +76,7 @@ std::vector<std::string> PackFamily(int codec) {
     const Shape& own = AnswerShape(codec);
     std::vector<std::string> family = {own.kind == ShapeKind::Single ? own.layouts[0] : ""};
     for (const Route& r : g_ans_routes) {
-        if (r.cell[0] != std::to_string(codec)) continue;
+        if (!r.cell[0].IsCodec() || r.cell[0].codec != codec) continue;
         const Shape& s = AnswerShape(r.id);
         if (own.kind != ShapeKind::Single || s.kind != ShapeKind::Single) continue;
         bool seen = false;
@@ -275,12 +275,15 @@ const char* const kHeader =
 // A routing cell as a route: a codec cell names the engine instance `fn`
 // gives for the codec's id.
 template <class Fn>
-std::string CellOf(const std::string& cell, const Fn& fn) {
-    if (cell == "RAW") return "{}";
-    if (cell == "NO_RECORDS") return "{Cell::NoRecords}";
-    if (cell == "HEAD_ONLY") return "{Cell::HeadOnly}";
-    if (cell == "NOTHING") return "{Cell::Nothing}";
-    return "{Cell::Codec, " + fn(std::stoi(cell)) + "}";
+std::string RouteOf(const RouteCell& cell, const Fn& fn) {
+    switch (cell.kind) {
+        case CellKind::raw: return "{}";
+        case CellKind::no_records: return "{Cell::no_records}";
+        case CellKind::head_only: return "{Cell::head_only}";
+        case CellKind::nothing: return "{Cell::nothing}";
+        case CellKind::codec: return "{Cell::codec, " + fn(cell.codec) + "}";
+    }
+    throw std::logic_error("a routing cell of no kind");
 }
 
 // The engine instance of each request family for a codec id.
@@ -308,7 +311,7 @@ void WriteRouteRows(std::ostream& o, const std::string& dir, const std::vector<R
     for (const Route& r : routes) {
         o << "    {" << r.id << ", {";
         for (int f = 0; f < 4; ++f)
-            o << (f ? ", " : "") << CellOf(r.cell[f], [&](int codec) { return engine(f, codec); });
+            o << (f ? ", " : "") << RouteOf(r.cell[f], [&](int codec) { return engine(f, codec); });
         o << "}},\n";
     }
     o << "};\nconstinit const " << dir << "Table k" << dir << "RouteTable = Dense(k" << dir << "RouteRows);\n\n";
@@ -323,7 +326,7 @@ void WriteBoundRows(std::ostream& o, const std::string& dir, const std::vector<R
     for (const Route& r : routes) {
         std::vector<std::vector<std::string>> layouts[2];
         for (int f = 0; f < 2; ++f)
-            if (IsCodec(r.cell[f])) layouts[f] = sections(std::stoi(r.cell[f]), f == 1);
+            if (r.cell[f].IsCodec()) layouts[f] = sections(r.cell[f].codec, f == 1);
         if (!layouts[0].empty() || !layouts[1].empty()) o << BoundRowOf(r.id, layouts);
     }
     o << "};\nconst BoundTable k" << dir << "BoundTable = Dense(k" << dir

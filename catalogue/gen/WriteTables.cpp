@@ -122,9 +122,8 @@ void WriteKind(std::ostream& o, const char* type, const char* what, const Kind (
       << "        if (name == " << type << "Name(k)) return k;\n    return std::nullopt;\n}\n\n";
 }
 
-std::string CellOf(const std::string& cell) {
-    const CellKind kind = CellKindOf(cell);
-    return "{CellKind::" + std::string(SpellingOf(kind).enumerator) + ", " + (kind == CellKind::codec ? cell : "0") + "}";
+std::string CellOf(const RouteCell& cell) {
+    return "{CellKind::" + std::string(SpellingOf(cell.kind).enumerator) + ", " + std::to_string(cell.codec) + "}";
 }
 
 // The offsets of a layout's coded fields in the order the engines code them.
@@ -139,16 +138,7 @@ std::vector<int> CodingOrder(const Layout& l) {
 void WriteModelTables(std::ostream& o) {
     o << "// Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
          "// The catalogue as run-time data (see catalogue/model/CatalogueModel.h).\n"
-         "#pragma once\n\n#include <optional>\n#include <string_view>\n\nnamespace trdcomp::generated {\n\n";
-    WriteKind(o, "FieldKind", "The kinds of field a record layout holds.", kFieldKinds);
-    WriteKind(o, "ShapeKind",
-              "How an answer's arrays take their layouts: one layout, one per array, or the\n"
-              "// narrow or the wide layout by the record count.",
-              kShapeKinds);
-    WriteKind(o, "CellKind",
-              "What a routing cell says: a codec serves the id (its name CODEC), or what\n"
-              "// happens instead (named as the catalogue's routing tables write it).",
-              kCellKinds);
+         "#pragma once\n\n#include \"CatalogueKinds.h\"\n\nnamespace trdcomp::generated {\n\n";
     o << "struct CatalogueField {\n"
          "    FieldKind kind;\n"
          "    int offset, width, def, limit;\n    bool last;\n"
@@ -206,6 +196,23 @@ void WriteModelTables(std::ostream& o) {
     o << "};\n\ninline constexpr CatalogueAlias kCatalogueAliases[] = {\n";
     for (const auto& [id, of] : g_aliases) o << "    {" << id << ", " << of << "},\n";
     o << "};\n\n}  // namespace trdcomp::generated\n";
+}
+
+void WriteKinds(std::ostream& o) {
+    o << "// Generated from the catalogue by trdcomp_catalogue_gen: do not edit.\n"
+         "// The one typing of the catalogue's kinds, for the library's routing, the\n"
+         "// model, the tools and the Python module.\n"
+         "#pragma once\n\n#include <optional>\n#include <string_view>\n\nnamespace trdcomp::generated {\n\n";
+    WriteKind(o, "FieldKind", "The kinds of field a record layout holds.", kFieldKinds);
+    WriteKind(o, "ShapeKind",
+              "How an answer's arrays take their layouts: one layout, one per array, or the\n"
+              "// narrow or the wide layout by the record count.",
+              kShapeKinds);
+    WriteKind(o, "CellKind",
+              "What a routing cell says: a codec serves the id (its name CODEC), or what\n"
+              "// happens instead (named as the catalogue's routing tables write it).",
+              kCellKinds);
+    o << "}  // namespace trdcomp::generated\n";
 }
 
 }  // namespace catalogue_gen

@@ -20,6 +20,7 @@ void WriteRouteSlots(std::ostream& o);                 // RouteSlots.h
 void WriteFingerprint(std::ostream& o);   // CatalogueFingerprint.h
 void WriteRecordFields(std::ostream& o);  // RecordFields.h
 void WriteModelTables(std::ostream& o);   // CatalogueTables.h
+void WriteKinds(std::ostream& o);         // CatalogueKinds.h
 
 // The fingerprint of a text: FNV-1a 64, as 16 lowercase hex digits.
 std::string FingerprintOf(const std::string& text);

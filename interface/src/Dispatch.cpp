@@ -72,7 +72,7 @@ int DispatchPackRequest(Call& call, char* out, int& outLen, const tagREQ_HEAD& h
     const Cell cell = version != 0 ? routes.packFast.cell : routes.pack2008.cell;
     // The raw path copies dataLen bytes of data: a negative length, or bytes
     // without a buffer, cannot be copied.
-    if (cell == Cell::Raw && (dataLen < 0 || (dataLen > 0 && data == nullptr))) {
+    if (cell == Cell::raw && (dataLen < 0 || (dataLen > 0 && data == nullptr))) {
         call.Refuse(Reason::null_argument);
         return -1;
     }
@@ -93,17 +93,17 @@ int DispatchPackRequest(Call& call, char* out, int& outLen, const tagREQ_HEAD& h
 
     int rc = 1;
     switch (cell) {
-        case Cell::NoRecords:
+        case Cell::no_records:
             head::Store(msg, head::kRequestCountAt, 0);
             break;
-        case Cell::HeadOnly:
-        case Cell::Nothing:
+        case Cell::head_only:
+        case Cell::nothing:
             break;
-        case Cell::Codec:
+        case Cell::codec:
             rc = version != 0 ? routes.packFast.fn(call, msg, outLen, data, dataLen, version)
                               : routes.pack2008.fn(call, msg, outLen, data, dataLen, flag);
             break;
-        case Cell::Raw:
+        case Cell::raw:
             if (dataLen > call.capacity - outLen) {
                 call.TooSmall(static_cast<std::int64_t>(outLen) + dataLen);
                 return 0;
@@ -158,11 +158,11 @@ int DispatchPackAnswer(Call& call, char* out, int& outLen, const tagANS_Proc& pr
 
     const auto& routes = FindAnsRoutes(proc.nFuncId);
     switch (version != 0 ? routes.packFast.cell : routes.pack2008.cell) {
-        case Cell::HeadOnly:
-        case Cell::NoRecords:
-        case Cell::Nothing:
+        case Cell::head_only:
+        case Cell::no_records:
+        case Cell::nothing:
             break;
-        case Cell::Codec: {
+        case Cell::codec: {
             // The codec appends behind the running length, bounded by the
             // call's capacity.
             int len = static_cast<int>(length);
@@ -172,7 +172,7 @@ int DispatchPackAnswer(Call& call, char* out, int& outLen, const tagANS_Proc& pr
             length = len;
             break;
         }
-        case Cell::Raw:
+        case Cell::raw:
             // The arrays one after the other, none past the fifth.
             for (int i = 0; i < entries; ++i) {
                 const std::int64_t bytes = static_cast<std::int64_t>(proc.nRecCount[i]) * proc.nRecSize[i];

@@ -35,15 +35,15 @@ template <class Routes>
     const int version = head::FastVersion(flags);
     const Cell cell = version != 0 ? routes.restoreFast.cell : routes.restore2008.cell;
     switch (cell) {
-        case Cell::Nothing:
-        case Cell::HeadOnly:
-        case Cell::NoRecords:
+        case Cell::nothing:
+        case Cell::head_only:
+        case Cell::no_records:
             outLen = 0;
             return 1;
-        case Cell::Codec:
+        case Cell::codec:
             return version != 0 ? routes.restoreFast.fn(call, in, inLen, out, outLen, version)
                                 : routes.restore2008.fn(call, in, inLen, out, outLen, flag);
-        case Cell::Raw:
+        case Cell::raw:
             break;
     }
     return raw(call, in, inLen, flags, out, outLen);

@@ -11,18 +11,18 @@
 #include <cstdint>
 
 #include "Call.h"
+#include "CatalogueKinds.h"
 #include "RouteSlots.h"
 #include "trdcomp/TrdCompData.h"
 
 namespace trdcomp::detail {
 
-enum class Cell : unsigned char {
-    Raw,        // no codec: the bytes travel as they stand
-    Codec,      // the cell's function codes the records
-    NoRecords,  // request packing: head alone, record count forced to 0
-    HeadOnly,   // packing: head alone, record count kept
-    Nothing,    // restoring: succeed with nothing allocated
-};
+// What a routing cell says, as the catalogue generator types it for every
+// reader of the routing: codec (the cell's function codes the records), raw
+// (the bytes travel as they stand), no_records (request packing: head alone,
+// record count forced to 0), head_only (packing: head alone, count kept),
+// nothing (restoring: succeed with nothing allocated).
+using Cell = generated::CellKind;
 
 // The engines' entry points: the call, then the classic arguments (the 2008
 // codings take the flag, the Fast ones the version). Answer packers take the
@@ -38,7 +38,7 @@ using RestoreAnsFastFn = int (*)(Call&, const char*, int, char**, int&, int);
 
 template <class Fn>
 struct Route {
-    Cell cell = Cell::Raw;
+    Cell cell = Cell::raw;
     Fn fn = nullptr;
 };
 

@@ -52,13 +52,13 @@ std::uint64_t RequestSizeBound(const tagREQ_HEAD& head, std::size_t dataLen, Cod
     // A codec sends fewer bytes than one record raw, so its bound covers both.
     const std::uint64_t raw = headOnly + dataLen;
     switch (cell) {
-        case Cell::NoRecords:
-        case Cell::HeadOnly:
-        case Cell::Nothing:
+        case Cell::no_records:
+        case Cell::head_only:
+        case Cell::nothing:
             return headOnly;
-        case Cell::Raw:
+        case Cell::raw:
             return raw;
-        case Cell::Codec:
+        case Cell::codec:
             break;
     }
     const auto& bounds = detail::FindBounds(detail::kReqBoundTable, head.nFuncId);
@@ -74,17 +74,17 @@ std::uint64_t AnswerSizeBound(const tagANS_Proc& proc, Coding coding) noexcept {
     const std::uint64_t head = TRDCOMP_ANS_HEAD_LEN + table;
     const auto& routes = detail::FindAnsRoutes(proc.nFuncId);
     switch (fast ? routes.packFast.cell : routes.pack2008.cell) {
-        case Cell::NoRecords:
-        case Cell::HeadOnly:
-        case Cell::Nothing:
+        case Cell::no_records:
+        case Cell::head_only:
+        case Cell::nothing:
             return head;
-        case Cell::Raw: {
+        case Cell::raw: {
             std::uint64_t bytes = head;
             for (int i = 0; i < std::min(n, 5); ++i)
                 bytes += Positive(static_cast<std::int64_t>(proc.nRecCount[i]) * proc.nRecSize[i]);
             return bytes;
         }
-        case Cell::Codec:
+        case Cell::codec:
             break;
     }
     const auto& bounds = detail::FindBounds(detail::kAnsBoundTable, proc.nFuncId);

@@ -83,13 +83,13 @@ std::int64_t Positive(std::int32_t v) { return v > 0 ? v : 0; }
 RecordStream Request(const char* p, std::int64_t size, std::int32_t id, std::int32_t flags, int version) {
     const auto& routes = detail::FindReqRoutes(id);
     switch (version != 0 ? routes.packFast.cell : routes.pack2008.cell) {
-        case Cell::NoRecords:
-        case Cell::HeadOnly:
-        case Cell::Nothing:
+        case Cell::no_records:
+        case Cell::head_only:
+        case Cell::nothing:
             return Told(Complete(kReqHead));
-        case Cell::Raw:
+        case Cell::raw:
             return Told(kCannotTell);
-        case Cell::Codec:
+        case Cell::codec:
             break;
     }
     // Records shorter than one record travel raw, with bit 0 clear.
@@ -103,7 +103,7 @@ RecordStream Answer(const char* p, std::int64_t size, std::int32_t id, std::int3
     const auto& routes = detail::FindAnsRoutes(id);
     const bool sections = head::SeveralArrays(flags);
     const Cell cell = version != 0 ? routes.packFast.cell : routes.pack2008.cell;
-    if (cell == Cell::Codec) {
+    if (cell == Cell::codec) {
         if (!head::Coded(flags)) return Told(kCannotTell);
         const auto& bounds = detail::FindBounds(detail::kAnsBoundTable, id);
         const int k = version != 0 ? bounds.arraysFast : bounds.arrays2008;
@@ -137,12 +137,12 @@ RecordStream Answer(const char* p, std::int64_t size, std::int32_t id, std::int3
     // the Fast coding none.
     std::int64_t table = 0;
     if (sections) {
-        if (version != 0) return Told(cell == Cell::Raw ? kCannotTell : Complete(kAnsHead));
+        if (version != 0) return Told(cell == Cell::raw ? kCannotTell : Complete(kAnsHead));
         if (size < kTable + 4) return Told(NeedMore(kTable + 4));
         table = LoadI32(p + kTable);
         if (table < 4) return Told(kInvalid);
     }
-    if (cell != Cell::Raw) return Told(Complete(kAnsHead + table));
+    if (cell != Cell::raw) return Told(Complete(kAnsHead + table));
     if (head::Coded(flags)) return Told(kInvalid);  // the raw restore refuses coded records
     std::int64_t bytes = 0;
     if (sections) {

@@ -36,7 +36,7 @@ GENERATED = {
     "TrdCompRecords.h": "generated/trdcomp", "TrdCompMembers.inc": "generated/trdcomp",
     "TrdCompVersion.h": "generated/trdcomp", "RouteSlots.h": "generated/codecs",
     "CatalogueTables.h": "generated/model", "RecordFields.h": "generated/model",
-    "CatalogueFingerprint.h": "generated/model",
+    "CatalogueFingerprint.h": "generated/model", "CatalogueKinds.h": "generated/model",
 }
 # Where a bare name is looked for, after the including file's own folder.
 ROOTS = ["common", "fastcodec", "codec2008", "interface/src", "interface/include", "codec2008/include",
