@@ -7,6 +7,8 @@
 #include <cstdint>
 
 #include "Dispatch.h"
+#include "PackRouting.h"
+#include "RestoreRouting.h"
 #include "trdcomp/TrdCompData.h"
 
 using trdcomp::detail::Call;
@@ -28,13 +30,13 @@ int CTrdCompData::PackReq2008(char* out, int& outLen, tagREQ_HEAD* head, char* d
     // was written gives 0.
     // The head may lie inside out: its flags are read before it is moved.
     const int flags = head->nFlags;
-    return trdcomp::detail::DispatchPackRequest(call, out, outLen, *head, flags, data, dataLen, flag) < 0 ? 0 : 1;
+    return trdcomp::detail::PackRequestMessage(call, out, outLen, *head, flags, data, dataLen, flag) < 0 ? 0 : 1;
 }
 
 int CTrdCompData::RestoreReq2008(char* in, int inLen, char** out, int& outLen, char flag) {
     if (out == nullptr) return 0;
     Call call = ClassicCall();
-    return trdcomp::detail::DispatchRestoreRequest(call, in, inLen, out, outLen, flag);
+    return trdcomp::detail::RestoreMessage<true>(call, in, inLen, out, outLen, flag);
 }
 
 int CTrdCompData::PackAns2008(char* out, int outSize, int& outLen, tagANS_Proc* proc, char* a1, char* a2, char* a3,
@@ -56,5 +58,5 @@ int CTrdCompData::PackAns2008(char* out, int outSize, int& outLen, tagANS_Proc* 
 int CTrdCompData::RestoreAns2008(char* in, int inLen, char** out, int& outLen, char flag) {
     if (out == nullptr) return 0;
     Call call = ClassicCall();
-    return trdcomp::detail::DispatchRestoreAnswer(call, in, inLen, out, outLen, flag);
+    return trdcomp::detail::RestoreMessage<false>(call, in, inLen, out, outLen, flag);
 }

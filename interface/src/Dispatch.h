@@ -12,14 +12,7 @@
 
 namespace trdcomp::detail {
 
-// Packs a request into out (call.capacity bytes): the head (word 0 forced to
-// 76, the flags word `flags`), then the coded or raw records. 1 packed (outLen: the message), 0 the
-// codec stopped after the head was written (call.reason; the classic
-// PackReq2008 still reports 1), -1 refused before anything was written
-// (outLen untouched). With capacity below the head and a call that measures,
-// nothing is written and call.needed says what the message takes.
-int DispatchPackRequest(Call& call, char* out, int& outLen, const tagREQ_HEAD& head, std::int32_t flags,
-                        const char* data, int dataLen, char flag);
+// The pack of a request: PackRequestMessage (PackRouting.h), in line.
 
 // Packs an answer described by proc (arrays: its five record arrays) into out
 // (call.capacity bytes). outLen is 0 on entry and the message length when it

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "Dispatch.h"
+#include "PackRouting.h"
 #include "RestoreRouting.h"
 #include "Call.h"
 #include "trdcomp/MessageHead.hpp"
@@ -75,7 +76,7 @@ PackResult PackRequestInto(char* out, std::size_t capacity, const tagREQ_HEAD& g
     call.capacity = PackCapacity(capacity);
     call.capacityKnown = true;
     int len = 0;
-    const int rc = DispatchPackRequest(call, out, len, given, flags, data, static_cast<int>(dataLen), coding.flag);
+    const int rc = PackRequestMessage(call, out, len, given, flags, data, static_cast<int>(dataLen), coding.flag);
     return Outcome(call, rc, len);
 }
 
