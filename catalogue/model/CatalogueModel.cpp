@@ -1,6 +1,7 @@
 #include "model/CatalogueModel.h"
 
 #include "CatalogueTables.h"
+#include "trdcomp/PriceScale.hpp"
 
 #include <cmath>
 #include <cstring>
@@ -49,8 +50,9 @@ double F64(const char* p) {
 
 // The documented rounding of a double in each coding.
 double Rounded(double v, Coding coding) {
-    if (coding == Coding::kFast) return static_cast<double>(static_cast<std::int64_t>(v * 1000.0 + 0.00005)) / 1000.0;
-    return static_cast<double>(static_cast<std::int64_t>((v + 0.00005) * 10000.0)) * 0.0001;
+    namespace price = trdcomp::price;
+    if (coding == Coding::kFast) return price::RestoredFast(static_cast<std::int64_t>(price::ScaledFast(v)));
+    return price::Restored2008(static_cast<std::int64_t>(price::Scaled2008(v)));
 }
 
 void FillText(char* p, int width, int len, std::mt19937& rng, bool ascii) {

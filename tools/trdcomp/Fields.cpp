@@ -8,6 +8,8 @@
 #include <limits>
 #include <stdexcept>
 
+#include "trdcomp/PriceScale.hpp"
+
 namespace tool {
 
 namespace {
@@ -97,14 +99,14 @@ T Integer(const Json& v, const std::string& what) {
     return static_cast<T>(s);
 }
 
-// The double a sender packs so that the coding restores `restored`. The
-// Fast coding sends trunc(v * 1000 + 0.00005) and the 2008 coding
-// trunc((v + 0.00005) * 10000), both truncating toward zero with the half
-// unit added whatever the sign: a restored negative value packed as it
-// stands would come back one unit nearer zero. The result lies in the
-// middle of the interval of doubles that code to the restored unit.
+// The double a sender packs so that the coding restores `restored`. Both
+// codings send the value scaled (trdcomp/PriceScale.hpp: three places Fast,
+// four 2008) and truncated toward zero with half a step added whatever the
+// sign: a restored negative value packed as it stands would come back one
+// unit nearer zero. The result lies in the middle of the interval of doubles
+// that code to the restored unit.
 double SenderDouble(double restored, bool fast) {
-    const double scale = fast ? 1000.0 : 10000.0;
+    const double scale = fast ? trdcomp::price::kScaleFast : trdcomp::price::kScale2008;
     const double units = restored * scale;
     if (!std::isfinite(units) || std::fabs(units) > 4.0e18) return restored;
     const double n = static_cast<double>(std::llround(units));
