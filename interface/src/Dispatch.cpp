@@ -21,7 +21,6 @@ namespace trdcomp::detail {
 
 namespace {
 
-constexpr int kReqHead = head::kRequestLength;
 constexpr int kAnsHead = head::kAnswerLength;
 constexpr int kRawSpare = 10;  // spare zero bytes behind a block of the raw paths
 constexpr int kMaxArrays = head::kMaxSectionEntries;
