@@ -50,10 +50,10 @@ inline std::int64_t EncodeBounded(const Encode& encode, char* dst, std::int64_t 
     const std::int64_t n = encode(direct ? dst : scratch);
     if (direct || n > room) return n;
     // A short record takes a few word moves, not a call.
-    if constexpr (sizeof scratch <= 32) {
+    if constexpr (sizeof scratch <= 64) {
         CopyAtMost<sizeof scratch>(dst, scratch, static_cast<std::size_t>(n));
-    } else if (n <= 32) {
-        CopyAtMost<32>(dst, scratch, static_cast<std::size_t>(n));
+    } else if (n <= 64) {
+        CopyAtMost<64>(dst, scratch, static_cast<std::size_t>(n));
     } else {
         std::memcpy(dst, scratch, static_cast<std::size_t>(n));
     }
@@ -239,15 +239,17 @@ inline char* OpenBlock(Call& call, char** out, int& outLen, std::int64_t total, 
 // Opens a restored request: count * size + 76 bytes (outLen) and 1024 spare,
 // all zero, with the received head copied to the start. Returns its first
 // record slot, or null (sizes not representable, allocation failed, the
-// caller's block too small).
+// caller's block too small). `recordsCleared`: the caller clears the records
+// of a block of its own itself, so only the head is written here.
 inline char* OpenRestoredRequest(Call& call, const char* in, const RequestHead& h, std::uint32_t size, char** out,
-                                 int& outLen, std::int64_t tail = 0) {
+                                 int& outLen, std::int64_t tail = 0, bool recordsCleared = false) {
     const std::int64_t total = static_cast<std::int64_t>(h.count) * size + kReqHeadLen;
     if (total > INT_MAX || total + kReqSpare < kReqHeadLen) {
         call.Refuse(Reason::size_not_representable);
         return nullptr;
     }
-    char* buf = OpenBlock(call, out, outLen, total, kReqSpare, kReqHeadLen, tail, FilledRecords(h.count));
+    char* buf = OpenBlock(call, out, outLen, total, kReqSpare, recordsCleared ? total : kReqHeadLen, tail,
+                          FilledRecords(h.count));
     if (buf == nullptr) return nullptr;
     // Two fixed copies, both inlined (one of 76 bytes becomes a call).
     std::memcpy(buf, in, 64);

@@ -120,8 +120,13 @@ TRDCOMP_FORCE_INLINE int RestoreRequestFrame(Call& call, const P& p, const char*
     // byte is written (a classic restore hands back the zeroed buffer).
     const bool into = call.IntoCallerBlock();
     if (decode && into && !p.CountAgrees(in + h.headLen, h.count)) return call.Refuse(Reason::stream_count_differs);
-    char* slots = OpenRestoredRequest(call, in, h, L.size, out, outLen, P::template Tail<L>());
+    // One record into the caller's block (a receiver's usual request) is
+    // cleared here by stores of its known size, not by the block's run of
+    // zeros of a length known only now.
+    const bool clearOne = into && h.count == 1;
+    char* slots = OpenRestoredRequest(call, in, h, L.size, out, outLen, P::template Tail<L>(), clearOne);
     if (slots == nullptr) return 0;
+    if (clearOne) ZeroFixed<L.size>(slots);
     if (!h.coded) {
         CopyRawRecords(in, inLen, h.recordSize, L.size, records, slots);
     } else if (decode) {

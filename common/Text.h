@@ -147,6 +147,22 @@ TRDCOMP_FORCE_INLINE void CopyShort(void* dst, const void* src, std::size_t n) {
     }
 }
 
+// memcpy(dst, src, n) for 32 < n <= 64: the first and the last 32 bytes,
+// all loaded before any is stored. (A copy whose length the compiler knows
+// to be bounded would otherwise become a string move, slow to start.)
+TRDCOMP_FORCE_INLINE void CopyHalves32(void* dst, const void* src, std::size_t n) {
+    struct Half {
+        std::uint64_t w[4];
+    };
+    auto* d = static_cast<unsigned char*>(dst);
+    const auto* s = static_cast<const unsigned char*>(src);
+    Half a, b;
+    std::memcpy(&a, s, 32);
+    std::memcpy(&b, s + n - 32, 32);
+    std::memcpy(d, &a, 32);
+    std::memcpy(d + n - 32, &b, 32);
+}
+
 // CopyShort of at most W bytes (n is clamped to W), for a copy out of or
 // into a field of W bytes: only the moves such a length can take are built.
 template <std::size_t W>
@@ -158,8 +174,30 @@ TRDCOMP_FORCE_INLINE void CopyAtMost(void* dst, const void* src, std::size_t n) 
         for (std::size_t i = 0; i < n; ++i) d[i] = s[i];
     } else if constexpr (W <= 32) {
         CopyShort(dst, src, n);
+    } else if constexpr (W <= 64) {
+        if (n > 32) {
+            CopyHalves32(dst, src, n);
+        } else {
+            CopyShort(dst, src, n);
+        }
     } else {
         std::memcpy(dst, src, n);
+    }
+}
+
+// memset(p, 0, N) for a size known when compiling: 16-byte stores (the last
+// one overlapping), not a string store, which is slow to start on short runs.
+// Large runs keep the library's memset.
+template <std::size_t N>
+TRDCOMP_FORCE_INLINE void ZeroFixed(void* p) {
+    auto* d = static_cast<unsigned char*>(p);
+    if constexpr (N < 16 || N > 256) {
+        std::memset(d, 0, N);
+    } else {
+        constexpr unsigned char zero[16] = {};
+        [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
+            ((std::memcpy(d + (16 * K + 16 <= N ? 16 * K : N - 16), zero, 16)), ...);
+        }(std::make_index_sequence<(N + 15) / 16>{});
     }
 }
 

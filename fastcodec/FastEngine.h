@@ -64,8 +64,9 @@ constexpr std::uint32_t MaxRecord() {
 // bytes that belong to the value decides where the next one starts.
 inline constexpr std::uint32_t kEncodeSlack = 16;
 
-// Records whose worst case is at most this many bytes have an exact encoder
-// beside the wide one (RecordCoder).
+// Records whose worst case is at most this many bytes, and records coded in
+// line (kInlineRecord), have an exact encoder beside the wide one
+// (RecordCoder).
 inline constexpr std::size_t kExactInPlaceMax = 64;
 
 namespace internal {
@@ -131,7 +132,11 @@ TRDCOMP_FORCE_INLINE std::uint32_t PutShortLength(byte* out, std::uint32_t n) {
 template <FastKind K, std::uint32_t W, bool kExact = false>
 TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
     if constexpr (K == FastKind::Char) {
-        return PutSigned<kExact, 8>(out, static_cast<signed char>(*c));
+        if constexpr (kExact) {
+            return PutInt8Exact(out, static_cast<signed char>(*c));
+        } else {
+            return PutInt8Wide(out, static_cast<signed char>(*c));
+        }
     } else if constexpr (K == FastKind::Int || K == FastKind::BlockLength) {
         return PutSigned<kExact, 32>(out, detail::LoadI32(c));
     } else if constexpr (K == FastKind::Int64) {
@@ -161,7 +166,23 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
         }
         return k + n;
     } else if constexpr (K == FastKind::Ascii) {
-        return FastPutAscii(out, c, static_cast<int>(W));
+        // The text's characters, the last with the stop bit; the empty text
+        // is 0x80. A field of up to 64 bytes is copied whole (the wide form)
+        // and only the text's bytes count.
+        const std::uint32_t n = detail::TextLength<W>(c);
+        if (n == 0) {
+            out[0] = 0x80u;
+            return 1;
+        }
+        if constexpr (kExact && W <= 64) {
+            detail::CopyAtMost<W>(out, c, n);
+        } else if constexpr (W <= 64) {
+            std::memcpy(out, c, W);
+        } else {
+            std::memcpy(out, c, n);
+        }
+        out[n - 1] |= 0x80u;
+        return n;
     } else if constexpr (K == FastKind::Bytes) {
         return FastPutBytes(out, c, static_cast<std::int32_t>(W));
     } else {
@@ -182,7 +203,7 @@ inline constexpr bool kAlwaysWritten =
 // path near the message's end, out of line and shared by every field of the
 // same kind and width.
 template <FastKind K, std::uint32_t W>
-[[gnu::noinline]] std::int64_t Get(const BoundedSource& in, std::int64_t at, char* c) {
+[[gnu::noinline]] std::int64_t Get(BoundedSource in, std::int64_t at, char* c) {
     if constexpr (K == FastKind::Char) {
         signed char v;
         const std::int64_t k = GetSignedAt(in, at, &v);
@@ -237,12 +258,20 @@ TRDCOMP_FORCE_INLINE std::int64_t GetAsciiInside(const byte* p, char* c) {
         c[0] = '\0';
         return 1;
     }
+    // The words at 0, 8, ... up to the one holding byte W - 2; from a field
+    // of 8 bytes on, the last one ends at the field's end and overlaps the
+    // one before, whose bytes hold no stop bit by then.
     std::uint32_t stop = W;
-    for (std::uint32_t i = 0; i < W - 1 && stop == W; i += 8) {
-        std::uint64_t w = 0;
-        std::memcpy(&w, p + i, W - i < 8 ? W - i : 8);
-        if (const std::uint64_t m = w & 0x8080808080808080ull) stop = i + static_cast<std::uint32_t>(std::countr_zero(m) >> 3);
-    }
+    [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) TRDCOMP_LAMBDA_INLINE {
+        static_cast<void>(((stop == W ? [&]() TRDCOMP_LAMBDA_INLINE {
+            constexpr std::uint32_t at = W >= 8 ? detail::WordAt<W>(K) : 0;
+            std::uint64_t w = 0;
+            std::memcpy(&w, p + at, W >= 8 ? 8 : W);
+            if (const std::uint64_t m = w & 0x8080808080808080ull)
+                stop = at + static_cast<std::uint32_t>(std::countr_zero(m) >> 3);
+            return 0;
+        }() : 0), ...));
+    }(std::make_integer_sequence<std::uint32_t, (W - 1 + 7) / 8>{});
     if (stop >= W - 1) return 0;
     detail::CopyAtMost<W>(c, p, stop + 1);
     c[stop] = static_cast<char>(p[stop] & 0x7Fu);
@@ -253,10 +282,19 @@ TRDCOMP_FORCE_INLINE std::int64_t GetAsciiInside(const byte* p, char* c) {
 // Reads the field at c from in[at]: unchecked when its window lies inside
 // the message, else through the bounded source (same values, same count).
 template <FastKind K, std::uint32_t W>
-TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t at, char* c) {
+TRDCOMP_FORCE_INLINE std::int64_t GetField(BoundedSource in, std::int64_t at, char* c) {
     if constexpr (K == FastKind::Ascii && W >= 2) {
         if (at >= 0 && at <= in.size - static_cast<std::int64_t>(W)) [[likely]] {
             if (const std::int64_t k = GetAsciiInside<W>(in.p + at, c)) return k;
+        }
+    }
+    if constexpr (K == FastKind::Char) {
+        // Most characters take one byte: taken on its own, the cursor's next
+        // position waits for no load (the branch is predicted).
+        if (at >= 0 && at < in.size && (in.p[at] & 0x80u)) [[likely]] {
+            const unsigned b = in.p[at];
+            *c = static_cast<char>(static_cast<byte>((b & 0x7Fu) | (b & 0x40u) << 1));
+            return 1;
         }
     }
     constexpr std::int64_t kWindow = Window<K>();
@@ -265,7 +303,7 @@ TRDCOMP_FORCE_INLINE std::int64_t GetField(const BoundedSource& in, std::int64_t
             const byte* p = in.p + at;
             if constexpr (K == FastKind::Char) {
                 signed char v;
-                if (const std::int64_t k = GetWord(p, &v)) {
+                if (const std::int64_t k = GetInt8Word(p, &v)) {
                     *c = static_cast<char>(v);
                     return k;
                 }
@@ -333,7 +371,7 @@ TRDCOMP_FORCE_INLINE void Fill(char* c, const char* prev, std::uint32_t off) {
 // The fields of one chunk (one presence byte `map`) decoded at in[cursor]:
 // returns the cursor behind them.
 template <auto Fs>
-TRDCOMP_FORCE_INLINE std::int64_t DecodeChunk(const BoundedSource& in, std::int64_t cursor, unsigned map, char* cur,
+TRDCOMP_FORCE_INLINE std::int64_t DecodeChunk(BoundedSource in, std::int64_t cursor, unsigned map, char* cur,
                                               const char* prev) {
     [&]<std::size_t... J>(std::index_sequence<J...>) TRDCOMP_LAMBDA_INLINE {
         ((map & (0x40u >> J)
@@ -344,13 +382,13 @@ TRDCOMP_FORCE_INLINE std::int64_t DecodeChunk(const BoundedSource& in, std::int6
     return cursor;
 }
 template <auto Fs>
-[[gnu::noinline]] std::int64_t DecodeSharedChunk(const BoundedSource& in, std::int64_t cursor, unsigned map, char* cur,
+[[gnu::noinline]] std::int64_t DecodeSharedChunk(BoundedSource in, std::int64_t cursor, unsigned map, char* cur,
                                                  const char* prev) {
     return DecodeChunk<Fs>(in, cursor, map, cur, prev);
 }
 
 template <const auto& L, std::size_t K>
-TRDCOMP_FORCE_INLINE std::int64_t DecodeChunkOf(const BoundedSource& in, std::int64_t cursor, unsigned map, char* cur,
+TRDCOMP_FORCE_INLINE std::int64_t DecodeChunkOf(BoundedSource in, std::int64_t cursor, unsigned map, char* cur,
                                                 const char* prev) {
     constexpr auto kFields = model::ChunkFields<L, K>();
     if constexpr (model::kChunkOutOfLine<L, K>) {
@@ -439,11 +477,34 @@ inline std::uint32_t EncodeRecord(const char* cur, const char* prev, byte* out) 
     }
 }
 
+// Records of at most this many fields are coded in line in their run (the
+// frames' loop over the records): a call and the registers it saves and
+// restores are a large part of coding a small record, and each layout's run
+// has one call site.
+inline constexpr std::size_t kInlineRecordFields = 8;
+template <const auto& L>
+inline constexpr bool kInlineRecord = L.fields.size() <= kInlineRecordFields;
+
+namespace internal {
+template <const auto& L, bool kExact>
+TRDCOMP_FORCE_INLINE std::uint32_t EncodeInRun(const char* cur, const char* prev, byte* out) {
+    if constexpr (kPresenceBytes<L> == 0) {
+        return 0;
+    } else if constexpr (kInlineRecord<L>) {
+        return EncodeFields<L, kExact>(cur, prev, out);
+    } else {
+        return EncodeRecord<L, kExact>(cur, prev, out);
+    }
+}
+}  // namespace internal
+
 // Decodes the record of `len` bytes at in[at] into cur against prev (null:
 // the defaults). Reads outside the message see 0x80 and stop there. The
 // record is cleared first unless the caller hands in one already zero.
-template <const auto& L, bool kZeroed = false>
-inline void DecodeRecord(const BoundedSource& in, std::int64_t at, std::int64_t len, char* cur, const char* prev) {
+namespace internal {
+template <const auto& L, bool kZeroed>
+TRDCOMP_FORCE_INLINE void DecodeFields(BoundedSource in, std::int64_t at, std::int64_t len, char* cur,
+                                       const char* prev) {
     constexpr std::size_t P = kPresenceBytes<L>;
     if constexpr (!kZeroed) std::memset(cur, 0, L.size);
     byte map[P > 0 ? P : 1] = {};
@@ -462,6 +523,25 @@ inline void DecodeRecord(const BoundedSource& in, std::int64_t at, std::int64_t 
         ((cursor = internal::DecodeChunkOf<L, K>(in, cursor, map[K], cur, prev)), ...);
     }(std::make_index_sequence<P>{});
 }
+}  // namespace internal
+
+template <const auto& L, bool kZeroed = false>
+inline void DecodeRecord(const BoundedSource& in, std::int64_t at, std::int64_t len, char* cur, const char* prev) {
+    internal::DecodeFields<L, kZeroed>(in, at, len, cur, prev);
+}
+
+namespace internal {
+// A record of a run: in line when it is small (see kInlineRecord).
+template <const auto& L>
+TRDCOMP_FORCE_INLINE void DecodeInRun(BoundedSource in, std::int64_t at, std::int64_t len, char* cur,
+                                      const char* prev) {
+    if constexpr (kInlineRecord<L>) {
+        DecodeFields<L, true>(in, at, len, cur, prev);
+    } else {
+        DecodeRecord<L, true>(in, at, len, cur, prev);
+    }
+}
+}  // namespace internal
 
 // Can every ascii field of the record travel? Its coding ends a text at the
 // first byte with bit 7, so a text holding one (0x80 and above) would run
@@ -480,8 +560,8 @@ inline bool AsciiRepresentable(const char* rec) {
 // The Fast record policy of the shared frames (common/RecordFrames.h), for
 // records of layout L: a u16 length, then the record coded against the one
 // before. An encoder may use kEncodeSlack bytes behind its worst case as
-// scratch. Records of at most kExactInPlaceMax bytes also have the exact
-// encoder: a classic call codes its last record with it straight into the
+// scratch. Records of at most kExactInPlaceMax bytes, and the small records
+// coded in line, also have the exact encoder: a classic call codes its last record with it straight into the
 // caller's buffer. Encoding into scratch and reading it back right away
 // waits for the encoder's overlapping stores: about a quarter of the pack of
 // a one-record request.
@@ -493,14 +573,14 @@ struct RecordCoder {
     static constexpr std::size_t kSlack = kEncodeSlack;
     static constexpr std::int64_t kLeastRecord = static_cast<std::int64_t>(kPresenceBytes<L>);
     static constexpr bool kExactWrites = false;
-    static constexpr bool kExactInPlace = kMaxRecord <= kExactInPlaceMax;
+    static constexpr bool kExactInPlace = kMaxRecord <= kExactInPlaceMax || kInlineRecord<L>;
 
     static bool Representable(const char* rec) { return AsciiRepresentable<L>(rec); }
-    static std::int64_t Encode(const char* rec, const char* prev, char* dst) {
-        return static_cast<std::int64_t>(EncodeRecord<L>(rec, prev, reinterpret_cast<byte*>(dst)));
+    TRDCOMP_FORCE_INLINE static std::int64_t Encode(const char* rec, const char* prev, char* dst) {
+        return static_cast<std::int64_t>(internal::EncodeInRun<L, false>(rec, prev, reinterpret_cast<byte*>(dst)));
     }
-    static std::int64_t EncodeExact(const char* rec, const char* prev, char* dst) {
-        return static_cast<std::int64_t>(EncodeRecord<L, true>(rec, prev, reinterpret_cast<byte*>(dst)));
+    TRDCOMP_FORCE_INLINE static std::int64_t EncodeExact(const char* rec, const char* prev, char* dst) {
+        return static_cast<std::int64_t>(internal::EncodeInRun<L, true>(rec, prev, reinterpret_cast<byte*>(dst)));
     }
     static void StoreLength(char* at, std::int64_t n) { detail::StoreU16(at, static_cast<std::uint16_t>(n)); }
 };
@@ -519,7 +599,11 @@ TRDCOMP_FORCE_INLINE bool EncodeRun(detail::Call& call, char* out, std::int64_t&
 // stops when the cursor reaches inLen.
 // Returns the records decoded.
 template <const auto& L>
-inline std::int64_t DecodeRun(const BoundedSource& in, std::int64_t& cursor, std::int64_t count, char* slots) {
+TRDCOMP_FORCE_INLINE std::int64_t DecodeRunInLine(BoundedSource in, std::int64_t& cursorOut, std::int64_t count,
+                                                  char* slots) {
+    // The source and the cursor in locals: the records' byte stores cannot
+    // change them, so they stay in registers.
+    std::int64_t cursor = cursorOut;
     const char* prev = nullptr;
     std::int64_t i = 0;
     for (; i < count && cursor < in.size; ++i) {
@@ -527,11 +611,18 @@ inline std::int64_t DecodeRun(const BoundedSource& in, std::int64_t& cursor, std
                                                        : static_cast<std::int64_t>(in[cursor]) |
                                                              static_cast<std::int64_t>(in[cursor + 1]) << 8;
         char* rec = slots + i * L.size;
-        DecodeRecord<L, true>(in, cursor + 2, len, rec, prev);
+        internal::DecodeInRun<L>(in, cursor + 2, len, rec, prev);
         prev = rec;
         cursor += 2 + len;
     }
+    cursorOut = cursor;
     return i;
+}
+// The run as a function of its own, for large layouts; a small layout's run
+// is in line in its frame (Frames::DecodeRun), which has one call site each.
+template <const auto& L>
+inline std::int64_t DecodeRun(BoundedSource in, std::int64_t& cursor, std::int64_t count, char* slots) {
+    return DecodeRunInLine<L>(in, cursor, count, slots);
 }
 
 // The Fast restore policy of the shared frames (common/RecordFrames.h): the
@@ -552,9 +643,14 @@ struct Frames {
         return 0;
     }
     template <const auto& L>
-    static std::int64_t DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count,
-                                  char* slots) {
-        return fast::DecodeRun<L>(BoundedSource{reinterpret_cast<const byte*>(in), inLen}, cursor, count, slots);
+    TRDCOMP_FORCE_INLINE static std::int64_t DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor,
+                                                       std::int64_t count, char* slots) {
+        const BoundedSource source{reinterpret_cast<const byte*>(in), inLen};
+        if constexpr (kInlineRecord<L>) {
+            return DecodeRunInLine<L>(source, cursor, count, slots);
+        } else {
+            return fast::DecodeRun<L>(source, cursor, count, slots);
+        }
     }
     // One section: its count in the head. Several: the stream's u16 counts
     // (none under a version below 1).

@@ -132,6 +132,29 @@ TRDCOMP_FORCE_INLINE std::uint32_t PutInt64Wide(byte* out, std::int64_t v) {
     return n;
 }
 
+// A character's value, the signed writer's bytes for it: one byte for
+// -63..63, else two. Both bytes are stored whatever the length (the second
+// is scratch after a one-byte value), so no branch is taken. The first byte
+// of a two-byte value holds only the sign, the second the low seven bits.
+TRDCOMP_FORCE_INLINE std::uint32_t PutInt8Wide(byte* out, signed char v) {
+    const auto low = static_cast<byte>((static_cast<unsigned>(v) & 0x7Fu) | 0x80u);
+    const bool one = static_cast<unsigned>(v + 63) <= 126u;
+    out[0] = one ? low : static_cast<byte>(v < 0 ? 0x7Fu : 0u);
+    out[1] = low;
+    return one ? 1u : 2u;
+}
+// The same bytes, no byte written behind them.
+TRDCOMP_FORCE_INLINE std::uint32_t PutInt8Exact(byte* out, signed char v) {
+    const auto low = static_cast<byte>((static_cast<unsigned>(v) & 0x7Fu) | 0x80u);
+    if (static_cast<unsigned>(v + 63) <= 126u) {
+        out[0] = low;
+        return 1;
+    }
+    out[0] = static_cast<byte>(v < 0 ? 0x7Fu : 0u);
+    out[1] = low;
+    return 2;
+}
+
 // Signed reader over 8 readable bytes at p: the value when its stop byte is
 // among them (returns its byte count), else 0 and the caller reads it byte
 // by byte. Same result as GetSignedAt, computed in the width of T.
@@ -148,6 +171,20 @@ TRDCOMP_FORCE_INLINE std::int64_t GetWord(const byte* p, T* v) {
     }
     *v = static_cast<T>(static_cast<std::make_unsigned_t<T>>(x));
     return n;
+}
+
+// The character reader over 8 readable bytes at p: GetWord's count and
+// value in the width of a char. A value's low eight bits are the seven of
+// its last byte and the lowest bit of the byte before (of a one-byte value:
+// its sign bit 0x40), so no other byte is gathered.
+TRDCOMP_FORCE_INLINE std::int64_t GetInt8Word(const byte* p, signed char* v) {
+    const std::uint64_t stops = internal::Load64(p) & 0x8080808080808080ull;
+    if (stops == 0) [[unlikely]]
+        return 0;
+    const auto k = static_cast<std::uint32_t>(std::countr_zero(stops)) / 8;
+    const unsigned high = k == 0 ? (p[0] & 0x40u) << 1 : (p[k - 1] & 1u) << 7;
+    *v = static_cast<signed char>(static_cast<byte>((p[k] & 0x7Fu) | high));
+    return k + 1;
 }
 
 inline std::uint32_t FastPutUInt64(byte* out, std::uint64_t v) {

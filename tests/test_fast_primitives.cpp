@@ -174,3 +174,38 @@ TEST(FastPrimitives, PricesKeepThreeDecimals) {
         EXPECT_DOUBLE_EQ(back, c.back);
     }
 }
+
+// The record engine's character coders against the general signed ones:
+// every character, the same bytes both ways; the exact writer writes
+// nothing behind them; and the word reader gives the general reader's
+// count and char value for values of one to eight bytes, including longer
+// codings of a character (a sender that codes wider values into it).
+TEST(FastPrimitives, CharacterCodersMatchTheSignedOnes) {
+    for (int i = -128; i <= 127; ++i) {
+        const auto v = static_cast<signed char>(i);
+        SCOPED_TRACE(i);
+        const Bytes general = Written([&](byte* p) { return FastPutInt8(p, v); });
+        EXPECT_EQ(Written([&](byte* p) { return PutInt8Wide(p, v); }), general);
+        Bytes exact(4, 0xEE);
+        ASSERT_EQ(PutInt8Exact(exact.data(), v), general.size());
+        EXPECT_EQ(Bytes(exact.begin(), exact.begin() + static_cast<std::ptrdiff_t>(general.size())), general);
+        for (std::size_t j = general.size(); j < exact.size(); ++j) EXPECT_EQ(exact[j], 0xEE);
+    }
+    const std::int64_t values[] = {0,    1,     -1,         63,      -63,       64,        -64,      127,
+                                   -128, 128,   -129,       255,     8191,      -8192,     8192,     1000000,
+                                   -1000000, 0x12345678, -0x12345678, 0x7FFFFFFFFFFFll, -0x7FFFFFFFFFFFll};
+    for (const std::int64_t value : values) {
+        SCOPED_TRACE(value);
+        Bytes wire = Written([&](byte* p) { return FastPutInt64(p, value); });
+        ASSERT_LE(wire.size(), 8u);
+        wire.resize(8, 0x00);  // filler without a stop bit behind the value
+        signed char general = 0, word = 0;
+        const std::int64_t n = FastGetInt8(wire.data(), &general);
+        EXPECT_EQ(GetInt8Word(wire.data(), &word), n);
+        EXPECT_EQ(word, general);
+    }
+    // No stop bit among the eight bytes: the word reader leaves it to the bounded one.
+    const Bytes none(8, 0x01);
+    signed char v = 0;
+    EXPECT_EQ(GetInt8Word(none.data(), &v), 0);
+}
