@@ -63,21 +63,56 @@ Reason CheckCoding(const Coding& c) noexcept {
 
 }  // namespace
 
-PackResult PackRequestInto(char* out, std::size_t capacity, const tagREQ_HEAD& given, const char* data,
-                           std::size_t dataLen, const Coding& coding) noexcept {
-    if (out == nullptr) return Fail(Reason::null_argument);
-    if (dataLen > static_cast<std::size_t>(INT_MAX)) return Fail(Reason::length_too_large);
-    if (const Reason why = CheckCoding(coding); why != Reason::none) return Fail(why);
-    if (coding.IsFast() && given.nRecCount > 0xFFFF) return Fail(Reason::too_many_fast_records);
+namespace {
+
+// What a request's arguments refuse before anything is written, or none.
+Reason RequestArgumentsRefused(const char* out, const tagREQ_HEAD& given, std::size_t dataLen,
+                               const Coding& coding) noexcept {
+    if (out == nullptr) return Reason::null_argument;
+    if (dataLen > static_cast<std::size_t>(INT_MAX)) return Reason::length_too_large;
+    if (const Reason why = CheckCoding(coding); why != Reason::none) return why;
+    if (coding.IsFast() && given.nRecCount > 0xFFFF) return Reason::too_many_fast_records;
+    return Reason::none;
+}
+
+// A request packed by a modern call: the caller's capacity, and a pack that
+// measures what it cannot write.
+template <bool kHeadFits>
+[[gnu::always_inline]] inline PackResult PackModernRequest(char* out, std::size_t capacity, const tagREQ_HEAD& given,
+                                                           const char* data, std::size_t dataLen,
+                                                           const Coding& coding) noexcept {
     // The head goes as given, its coding bits replaced by the coding's.
     const std::int32_t flags =
         (given.nFlags & ~TRDCOMP_FLAG_FAST_MASK) | (coding.fastVersion << TRDCOMP_FLAG_FAST_SHIFT);
     Call call = ModernCall(coding.strict);
     call.capacity = PackCapacity(capacity);
     call.capacityKnown = true;
+    if constexpr (kHeadFits) {
+        if (call.capacity < static_cast<std::int64_t>(head::kRequestLength)) __builtin_unreachable();
+    }
     int len = 0;
     const int rc = PackRequestMessage(call, out, len, given, flags, data, static_cast<int>(dataLen), coding.flag);
     return Outcome(call, rc, len);
+}
+
+// The refusals and a capacity below the head, out of the sender's way.
+[[gnu::noinline]] PackResult PackRequestCold(char* out, std::size_t capacity, const tagREQ_HEAD& given,
+                                             const char* data, std::size_t dataLen, const Coding& coding) noexcept {
+    if (const Reason why = RequestArgumentsRefused(out, given, dataLen, coding); why != Reason::none) return Fail(why);
+    return PackModernRequest<false>(out, capacity, given, data, dataLen, coding);
+}
+
+}  // namespace
+
+PackResult PackRequestInto(char* out, std::size_t capacity, const tagREQ_HEAD& given, const char* data,
+                           std::size_t dataLen, const Coding& coding) noexcept {
+    const bool plain = out != nullptr && dataLen <= static_cast<std::size_t>(INT_MAX) &&
+                       static_cast<unsigned>(coding.fastVersion) <= 15u &&
+                       (coding.fastVersion == 0 || given.nRecCount <= 0xFFFF) &&
+                       capacity >= static_cast<std::size_t>(head::kRequestLength);
+    if (!plain) [[unlikely]]
+        return PackRequestCold(out, capacity, given, data, dataLen, coding);
+    return PackModernRequest<true>(out, capacity, given, data, dataLen, coding);
 }
 
 PackResult PackAnswerInto(char* out, std::size_t capacity, const tagANS_Proc& given, const Array* arrays,
