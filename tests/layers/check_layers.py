@@ -30,6 +30,7 @@ ALLOWED = {
     "catalogue/model": PUBLIC + ["generated/model"],
     "tools/trdcomp": PUBLIC + ["catalogue/model", "generated/model"],
     "python": PUBLIC + ["tools/trdcomp", "catalogue/model", "generated/model"],
+    "wireshark": PUBLIC + ["tools/trdcomp", "catalogue/model", "generated/model"],
 }
 # The generated files, by where the generator writes them.
 GENERATED = {
@@ -40,7 +41,7 @@ GENERATED = {
 }
 # Where a bare name is looked for, after the including file's own folder.
 ROOTS = ["common", "fastcodec", "codec2008", "interface/src", "interface/include", "codec2008/include",
-         "catalogue", "tools/trdcomp", "python"]
+         "catalogue", "tools/trdcomp", "python", "wireshark"]
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 
 
@@ -63,7 +64,7 @@ def main():
     for folder, allowed in ALLOWED.items():
         top = os.path.join(src, folder)
         for entry in sorted(os.listdir(top)):
-            if not entry.endswith((".h", ".hpp", ".cpp", ".inc")):
+            if not entry.endswith((".h", ".hpp", ".c", ".cpp", ".inc")):
                 continue
             with open(os.path.join(top, entry), encoding="utf-8") as f:
                 text = f.read()

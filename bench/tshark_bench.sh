@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# The Wireshark plugin's cost: tshark over one capture of trdcomp traffic,
+# without the plugin (TCP alone) and with it, in one run, each pass timed
+# three times (the median counts); prints a Markdown table.
+#   bench/tshark_bench.sh [BUILD_DIR] [MESSAGES]   (build/release, 200000)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+if [ "${1:-}" = "-h" ] || [ "${1:-}" = "--help" ]; then sed -n '2,5p' "$0" | sed 's/^# \{0,1\}//'; exit 0; fi
+build=${1:-build/release}
+messages=${2:-200000}
+plugin=$(find "$build/wireshark/plugins" -name trdcomp.so 2>/dev/null | head -n 1)
+writer=$build/bench/trdcomp_write_capture
+[ -n "$plugin" ] && [ -x "$writer" ] ||
+  { echo "no trdcomp.so or trdcomp_write_capture in $build: build the release preset with Wireshark's development files" >&2; exit 1; }
+command -v tshark >/dev/null || { echo "tshark not found (Debian: apt-get install tshark)" >&2; exit 1; }
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+series=$(basename "$(dirname "$(dirname "$plugin")")")
+mkdir -p "$work/plugins/$series/epan" "$work/empty/$series/epan" "$work/lib" "$work/home"
+cp "$plugin" "$work/plugins/$series/epan/"
+cp -L "$build"/libtrdcomp.so.? "$build"/libKXPfdk.so.? "$work/lib/"
+"$writer" "$work/capture.pcap" --messages "$messages" >&2
+chmod -R a+rwX "$work"
+
+# tshark as root ignores WIRESHARK_PLUGIN_DIR: run it unprivileged.
+as_user=()
+[ "$(id -u)" -eq 0 ] && as_user=(setpriv --reuid=nobody --regid=nogroup --clear-groups)
+run() {  # PLUGIN_FOLDER ARGS...: seconds of one tshark pass
+  local dir=$1
+  shift
+  local start end
+  start=$(date +%s.%N)
+  "${as_user[@]}" env HOME="$work/home" WIRESHARK_PLUGIN_DIR="$work/$dir" LD_LIBRARY_PATH="$work/lib" \
+    tshark -r "$work/capture.pcap" "$@" > /dev/null
+  end=$(date +%s.%N)
+  awk -v a="$start" -v b="$end" 'BEGIN { printf "%.2f\n", b - a }'
+}
+median() { printf '%s\n' "$@" | sort -n | sed -n 2p; }
+pass() {  # LABEL PLUGIN_FOLDER ARGS...
+  local label=$1
+  shift
+  local t=()
+  for _ in 1 2 3; do
+    t+=("$(run "$@")")
+    [ -t 2 ] && printf '\r%s: %s s   ' "$label" "${t[-1]}" >&2
+  done
+  [ -t 2 ] && printf '\n' >&2
+  median "${t[@]}"
+}
+
+decode=(-d tcp.port==7300,trdcomp)
+base=$(pass "TCP only" empty)
+summary=$(pass "trdcomp, summary lines" plugins "${decode[@]}")
+filter=$(pass "trdcomp, filter on a record field" plugins "${decode[@]}" -Y 'trdcomp.REQ_1002.f35 == "600000"')
+tbase=$(pass "TCP only, whole tree" empty -V)
+tree=$(pass "trdcomp, whole tree" plugins "${decode[@]}" -V)
+
+us() { awk -v a="$1" -v b="$2" -v n="$messages" 'BEGIN { printf "%.2f\n", (a - b) * 1000000 / n }'; }
+echo "tshark $(tshark --version | head -n1 | awk '{print $3}'), $messages messages, $(stat -c %s "$work/capture.pcap") bytes of capture, $(nproc) CPUs"
+echo
+echo "| pass | seconds (median of 3) | plugin's cost per message (µs) |"
+echo "|---|---|---|"
+echo "| TCP only (no plugin) | $base | |"
+echo "| trdcomp: summary lines | $summary | $(us "$summary" "$base") |"
+echo "| trdcomp: filter on a record field (\`-Y\`) | $filter | $(us "$filter" "$base") |"
+echo "| TCP only, whole tree (\`-V\`) | $tbase | |"
+echo "| trdcomp: whole tree (\`-V\`) | $tree | $(us "$tree" "$tbase") |"
