@@ -80,11 +80,13 @@ public:
         const fs::path out = dir_ / "out", err = dir_ / "err";
         std::string cmd;
         if (::geteuid() == 0) cmd += "setpriv --reuid=nobody --regid=nogroup --clear-groups ";
-        cmd += "env HOME=" + Quote((dir_ / "home").string()) +
-               " WIRESHARK_PLUGIN_DIR=" + Quote((dir_ / (plugin ? "plugins" : "empty")).string()) +
-               " LD_LIBRARY_PATH=" + Quote((dir_ / "lib").string()) + " WIRESHARK_ABORT_ON_DISSECTOR_BUG=1 " + Quote(program);
-        for (const std::string& a : args) cmd += " " + Quote(a);
-        cmd += " > " + Quote(out.string()) + " 2> " + Quote(err.string()) + " < /dev/null";
+        for (const std::string& part :
+             {std::string("env HOME="), Quote((dir_ / "home").string()), std::string(" WIRESHARK_PLUGIN_DIR="),
+              Quote((dir_ / (plugin ? "plugins" : "empty")).string()), std::string(" LD_LIBRARY_PATH="),
+              Quote((dir_ / "lib").string()), std::string(" WIRESHARK_ABORT_ON_DISSECTOR_BUG=1 "), Quote(program)})
+            cmd += part;
+        for (const std::string& a : args) cmd.append(" ").append(Quote(a));
+        cmd.append(" > ").append(Quote(out.string())).append(" 2> ").append(Quote(err.string())).append(" < /dev/null");
         const int raw = std::system(cmd.c_str());
         Result r;
         r.status = raw != -1 && WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
