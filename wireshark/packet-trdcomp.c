@@ -125,6 +125,10 @@ static guint64 prefix_value(tvbuff_t* tvb, int offset) {
     }
 }
 
+/* The longest message reassembled: the preference, within what a tvb's
+ * offsets can address. */
+static guint max_message(void) { return MIN(pref_max_message, 1u << 30); }
+
 /* The length of the PDU at `offset` for tcp_dissect_pdus: the prefix and
  * the message, 0 to ask for one more segment while the bytes so far do not
  * tell, and what is left of the data for anything that cannot be framed (the
@@ -134,14 +138,14 @@ static guint get_trdcomp_pdu_len(packet_info* pinfo, tvbuff_t* tvb, int offset, 
     const guint remaining = (guint)tvb_reported_length_remaining(tvb, offset);
     if (width != 0) {
         const guint64 length = prefix_value(tvb, offset);
-        return length > pref_max_message ? remaining : (guint)(width + length);
+        return length > max_message() ? remaining : (guint)(width + length);
     }
     const guint available = (guint)tvb_captured_length_remaining(tvb, offset);
     guint64 length = 0;
     switch (trdcomp_ws_message_length(tvb_get_ptr(tvb, offset, available), available, &length)) {
-        case TRDCOMP_WS_COMPLETE: return length > pref_max_message ? remaining : (guint)length;
+        case TRDCOMP_WS_COMPLETE: return length > max_message() ? remaining : (guint)length;
         case TRDCOMP_WS_NEED_MORE:
-            return pref_desegment && pinfo->can_desegment && length <= pref_max_message ? 0 : remaining;
+            return pref_desegment && pinfo->can_desegment && length <= max_message() ? 0 : remaining;
         case TRDCOMP_WS_CANNOT_TELL:
         case TRDCOMP_WS_INVALID: break;
     }
@@ -285,7 +289,7 @@ static int dissect_trdcomp_pdu(tvbuff_t* tvb, packet_info* pinfo, proto_tree* tr
         const guint64 stated = prefix_value(tvb, 0);
         if (stated != pdu - width) {
             expert_add_info_format(pinfo, pi, &ei_too_long, "The prefix states %" PRIu64 " bytes, over the limit of %u",
-                                   stated, pref_max_message);
+                                   stated, max_message());
             col_append_sep_str(pinfo->cinfo, COL_INFO, ", ", "bad transport prefix");
             return (int)pdu;
         }
@@ -297,6 +301,11 @@ static int dissect_trdcomp_pdu(tvbuff_t* tvb, packet_info* pinfo, proto_tree* tr
         col_append_sep_str(pinfo->cinfo, COL_INFO, ", ", "message cut short by the capture");
         return (int)pdu;
     }
+    if (length == 0) {
+        expert_add_info_format(pinfo, ti, &ei_no_message, "The prefix states an empty message");
+        col_append_sep_str(pinfo->cinfo, COL_INFO, ", ", "empty message");
+        return (int)pdu;
+    }
     guint64 framed = 0;
     const guint8* bytes = (const guint8*)tvb_memdup(pinfo->pool, tvb, (gint)width, length);
     const enum trdcomp_ws_framing framing = trdcomp_ws_message_length(bytes, length, &framed);
@@ -305,9 +314,9 @@ static int dissect_trdcomp_pdu(tvbuff_t* tvb, packet_info* pinfo, proto_tree* tr
         col_append_sep_fstr(pinfo->cinfo, COL_INFO, ", ", "%u bytes of no message", length);
         return (int)pdu;
     }
-    if (width == 0 && framing == TRDCOMP_WS_COMPLETE && framed > pref_max_message) {
+    if (width == 0 && framing == TRDCOMP_WS_COMPLETE && framed > max_message()) {
         expert_add_info_format(pinfo, ti, &ei_too_long, "The message states %" PRIu64 " bytes, over the limit of %u", framed,
-                               pref_max_message);
+                               max_message());
         col_append_sep_str(pinfo->cinfo, COL_INFO, ", ", "message over the length limit");
         return (int)pdu;
     }
