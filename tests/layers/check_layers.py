@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Checks that no #include runs back up the house.
 
-Every quoted include of the library, the tools and the Python module is
-resolved the way the compiler finds it (the including file's folder first,
-then the folders of the tree) and must land in a folder its own folder may
-see. The build gives each target only its own include directories; this
+Every quoted include of the library, the tools, the Python module and the
+Wireshark plugin is resolved the way the compiler finds it (the including
+file's folder first, then the folders of the tree) and must land in a folder
+its own folder may see. The build gives each target only its own include directories; this
 check also catches what the build cannot: a relative path, or a header of
 another layer that a target happens to see through a neighbour.
 

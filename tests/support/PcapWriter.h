@@ -19,8 +19,9 @@ public:
         Put32(0xa1b2c3d4);
         Put16(2), Put16(4), Put32(0), Put32(0), Put32(65535), Put32(1);
     }
+    // A segment; with `ack` non-zero, acknowledging the peer's bytes up to it.
     void Segment(std::uint32_t src, std::uint16_t sport, std::uint32_t dst, std::uint16_t dport, std::uint32_t seq,
-                 bool syn, const char* payload, std::size_t n) {
+                 bool syn, const char* payload, std::size_t n, std::uint32_t ack = 0) {
         std::vector<unsigned char> f(14 + 20 + 20 + n, 0);
         f[12] = 0x08;  // IPv4
         unsigned char* ip = f.data() + 14;
@@ -35,7 +36,8 @@ public:
         Be16(tcp + 2, dport);
         Be32(tcp + 4, seq);
         tcp[12] = 5 << 4;
-        tcp[13] = syn ? 0x02 : 0x18;
+        Be32(tcp + 8, ack);
+        tcp[13] = static_cast<unsigned char>((syn ? 0x02 : 0x08) | (ack != 0 || !syn ? 0x10 : 0));
         Be16(tcp + 14, 65535);  // the window
         if (n) std::memcpy(tcp + 20, payload, n);
         Put32(++time_), Put32(0), Put32(static_cast<std::uint32_t>(f.size())), Put32(static_cast<std::uint32_t>(f.size()));
@@ -67,16 +69,18 @@ inline void Connection(PcapWriter& w, std::uint32_t client, std::uint16_t cport,
                        const std::vector<char>& up, const std::vector<char>& down, std::size_t mss = 1460) {
     const std::uint32_t cisn = 1000, sisn = 500000;
     w.Segment(client, cport, server, sport, cisn - 1, true, nullptr, 0);
-    w.Segment(server, sport, client, cport, sisn - 1, true, nullptr, 0);
+    w.Segment(server, sport, client, cport, sisn - 1, true, nullptr, 0, cisn);
     for (std::size_t u = 0, d = 0; u < up.size() || d < down.size();) {
         if (u < up.size()) {
             const std::size_t n = std::min(mss, up.size() - u);
-            w.Segment(client, cport, server, sport, cisn + static_cast<std::uint32_t>(u), false, up.data() + u, n);
+            w.Segment(client, cport, server, sport, cisn + static_cast<std::uint32_t>(u), false, up.data() + u, n,
+                      sisn + static_cast<std::uint32_t>(d));
             u += n;
         }
         if (d < down.size()) {
             const std::size_t n = std::min(mss, down.size() - d);
-            w.Segment(server, sport, client, cport, sisn + static_cast<std::uint32_t>(d), false, down.data() + d, n);
+            w.Segment(server, sport, client, cport, sisn + static_cast<std::uint32_t>(d), false, down.data() + d, n,
+                      cisn + static_cast<std::uint32_t>(u));
             d += n;
         }
     }
