@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
 #include <map>
@@ -412,21 +413,85 @@ TEST(Wireshark, FiltersSelectWhatTheySay) {
     }
 }
 
+// The summary line of a message: what the Info column says of it.
+std::string Summary(const Message& m) {
+    const trdcomp::head::Routing r = trdcomp::head::ReadRouting(m.wire.data());
+    const bool request = r.length == trdcomp::head::kRequestLength;
+    const int version = trdcomp::head::FastVersion(r.flags);
+    char text[512];
+    try {
+        const tool::Decoded d = tool::Decode(m.wire, 0);
+        long long records = 0;
+        for (const tool::Section& s : d.sections) records += s.count > 0 ? s.count : 0;
+        std::snprintf(text, sizeof text, "%s %d, %s, route %s, %lld record%s, %zu -> %zu bytes (%.2f:1)",
+                      request ? "Request" : "Answer", r.functionId, tool::CodingName(version).c_str(),
+                      catalogue_model::Get().RestoreCell(request, r.functionId, version != 0).Text().c_str(), records,
+                      records == 1 ? "" : "s", m.wire.size(), d.restoredBytes,
+                      static_cast<double>(d.restoredBytes) / static_cast<double>(m.wire.size()));
+    } catch (const tool::Refused& e) {
+        std::snprintf(text, sizeof text, "%s %d, %s, refused: %s", request ? "Request" : "Answer", r.functionId,
+                      tool::CodingName(version).c_str(), e.what());
+    }
+    return text;
+}
+
+// The suite's own damage to a request: cut short, a count raised, bytes of
+// the records overwritten.
+std::vector<char> Damaged(const std::vector<char>& wire, int kind, std::mt19937& rng) {
+    std::vector<char> w = wire;
+    if (kind == 0) w.resize(w.size() - 1 - rng() % std::min<std::size_t>(w.size() - 1, 40));
+    if (kind == 1) trdcomp::head::Store(w.data(), trdcomp::head::kRequestCountAt, 1000 + static_cast<int>(rng() % 1000));
+    if (kind == 2)
+        for (int i = 0; i < 8; ++i)
+            w[trdcomp::head::kRequestLength + rng() % (w.size() - trdcomp::head::kRequestLength)] = static_cast<char>(rng());
+    return w;
+}
+
+TEST(Wireshark, SummaryLinesSayWhatTheLibrarySays) {
+    // tshark's plain output builds no tree: the dissector then restores for
+    // the summary alone. One message a frame, behind a prefix, so that each
+    // line is one message's.
+    std::vector<Message> messages = Golden(true, false);
+    for (Message& m : Golden(false, false)) messages.push_back(std::move(m));
+    std::mt19937 rng(31);
+    for (std::size_t i = 0; i < 60; ++i)
+        messages.push_back({"damaged", Damaged(messages[i].wire, static_cast<int>(i % 3), rng)});
+    pcap::PcapWriter w;
+    std::uint32_t seq = 1000;
+    for (const Message& m : messages) {
+        const std::vector<char> framed = Stream({m}, 4);
+        w.Segment(pcap::kLoopback, kClientPort, pcap::kLoopback, kPort, seq, false, framed.data(), framed.size());
+        seq += static_cast<std::uint32_t>(framed.size());
+    }
+    const auto file = Tshark().Place("summary.pcap", w.Bytes());
+    const tshark::Result r = RunTshark({"-r", file.string(), "-d", kDecodeAs, "-o", "trdcomp.frame:u32be"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<std::string> lines;
+    for (std::size_t at = 0, end; at < r.out.size(); at = end + 1) {
+        end = std::min(r.out.find('\n', at), r.out.size());
+        const std::size_t info = r.out.find(" trdcomp ", at);
+        if (info < end) lines.push_back(r.out.substr(r.out.find(' ', info + 9) + 1, end - r.out.find(' ', info + 9) - 1));
+    }
+    ASSERT_EQ(lines.size(), messages.size());
+    int refused = 0;
+    for (std::size_t i = 0; i < messages.size(); ++i) {
+        const std::string want = Summary(messages[i]);
+        refused += want.find("refused") != std::string::npos;
+        EXPECT_EQ(lines[i], want) << messages[i].name;
+    }
+    EXPECT_GT(refused, 15);
+}
+
 TEST(Wireshark, DamagedMessagesGetTheLibrarysReasonAsExpertItems) {
     // The suite's own damage, framed by a transport prefix so that each
-    // damaged message stays one PDU: cut short, a count raised, bytes of the
-    // records overwritten. Every one the library refuses must give one expert
-    // item with the library's reason.
+    // damaged message stays one PDU. Every one the library refuses must give
+    // one expert item with the library's reason.
     std::mt19937 rng(30);
     std::vector<Message> damaged;
     std::vector<std::string> reasons;
     for (const Message& m : Golden(true, true)) {
         for (int kind = 0; kind < 3; ++kind) {
-            std::vector<char> w = m.wire;
-            if (kind == 0) w.resize(w.size() - 1 - rng() % std::min<std::size_t>(w.size() - 1, 40));
-            if (kind == 1) trdcomp::head::Store(w.data(), trdcomp::head::kRequestCountAt, 1000 + static_cast<int>(rng() % 1000));
-            if (kind == 2)
-                for (int i = 0; i < 8; ++i) w[trdcomp::head::kRequestLength + rng() % (w.size() - trdcomp::head::kRequestLength)] = static_cast<char>(rng());
+            std::vector<char> w = Damaged(m.wire, kind, rng);
             try {
                 tool::Decode(w, 0);
             } catch (const tool::Refused& e) {

@@ -8,6 +8,7 @@
 #include <exception>
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "Message.h"
@@ -37,14 +38,29 @@ trdcomp_ws_kind KindOf(FieldKind k) {
     return TRDCOMP_WS_BYTES;
 }
 
-// The catalogue's layouts as C tables, built once.
+// A function id's restore route in one direction and coding, as a key.
+std::uint64_t RouteKey(bool request, std::int32_t id, bool fast) {
+    return static_cast<std::uint64_t>(static_cast<std::uint32_t>(id)) << 2 | (request ? 2u : 0u) | (fast ? 1u : 0u);
+}
+
+// The catalogue's layouts as C tables, and the names a summary shows, built
+// once.
 struct Tables {
     std::vector<trdcomp_ws_layout> layouts;
     std::vector<std::vector<trdcomp_ws_field>> fields;
     std::map<std::string, int> index;
+    std::unordered_map<const catalogue_model::Layout*, int> indexOf;
+    std::unordered_map<std::uint64_t, std::string> routes;  // the restore route of every routed id
+    std::string unrouted;                                   // the route of the others
+    std::string codings[16];                                // by Fast version, 0: the 2008 coding
 
     Tables() {
         const catalogue_model::Catalogue& c = catalogue_model::Get();
+        for (const bool request : {true, false})
+            for (const catalogue_model::Route& r : request ? c.requestRoutes : c.answerRoutes)
+                for (const bool fast : {false, true}) routes[RouteKey(request, r.id, fast)] = c.RestoreCell(request, r.id, fast).Text();
+        unrouted = catalogue_model::Cell{}.Text();
+        for (int v = 0; v < 16; ++v) codings[v] = tool::CodingName(v);
         for (const auto& [name, layout] : c.layouts) index.emplace(name, static_cast<int>(index.size()));
         fields.resize(c.layouts.size());
         for (const auto& [name, layout] : c.layouts) {
@@ -55,7 +71,13 @@ struct Tables {
                                                entry == index.end() ? -1 : entry->second, f.entries, f.countOffset});
             }
             layouts.push_back(trdcomp_ws_layout{layout.name.c_str(), layout.size, static_cast<int>(out.size()), out.data()});
+            indexOf.emplace(&layout, index.at(name));
         }
+    }
+
+    const std::string& Route(bool request, std::int32_t id, bool fast) const {
+        const auto r = routes.find(RouteKey(request, id, fast));
+        return r == routes.end() ? unrouted : r->second;
     }
 };
 
@@ -92,9 +114,10 @@ void Describe(const tool::Decoded& m, const Tables& tables, trdcomp_ws_alloc all
         const tool::Section& s = m.sections[j];
         auto* records = static_cast<uint8_t*>(alloc(context, s.records.size() + 1));
         if (!s.records.empty()) std::memcpy(records, s.records.data(), s.records.size());
-        const auto at = s.layout ? tables.index.find(s.layout->name) : tables.index.end();
-        sections[j] = trdcomp_ws_section{at == tables.index.end() ? -1 : at->second, s.count, s.size, s.slot, records,
+        const auto at = s.layout ? tables.indexOf.find(s.layout) : tables.indexOf.end();
+        sections[j] = trdcomp_ws_section{at == tables.indexOf.end() ? -1 : at->second, s.count, s.size, s.slot, records,
                                          s.records.size()};
+        out->records += s.count > 0 ? static_cast<std::uint64_t>(s.count) : 0;
     }
     out->sections = sections;
     const std::size_t coded = trdcomp::CodedRecords(m.wire.data(), m.wire.size(), nullptr, 0);
@@ -106,6 +129,27 @@ void Describe(const tool::Decoded& m, const Tables& tables, trdcomp_ws_alloc all
     out->coded_record_count = coded;
     out->coded_records = described;
     out->ok = 1;
+}
+
+// What a summary line shows, from a restore into the dissector's memory:
+// false when the library refuses the message or restores nothing, which the
+// full decode then tells apart and words as the tool does.
+bool Summarise(const uint8_t* p, std::size_t size, const trdcomp::RestoreOptions& options, trdcomp_ws_alloc alloc,
+               void* context, trdcomp_ws_message* out) {
+    const trdcomp::span<const char> msg(reinterpret_cast<const char*>(p), size);
+    const std::size_t needed = trdcomp::RestoredSize(msg, options);
+    if (needed == 0) return false;
+    char* dst = static_cast<char*>(alloc(context, needed));
+    const trdcomp::RestoredView r = trdcomp::RestoreInto({dst, needed}, msg, options);
+    if (!r) return false;
+    out->restored_bytes = r.Size();
+    out->section_count = r.Sections();
+    for (int j = 0; j < out->section_count; ++j) {
+        const std::int32_t count = r.GetSection(j).count;
+        out->records += count > 0 ? static_cast<std::uint64_t>(count) : 0;
+    }
+    out->ok = 1;
+    return true;
 }
 
 }  // namespace
@@ -162,25 +206,25 @@ int trdcomp_ws_looks_like_message(const uint8_t* p, size_t size) {
     }
 }
 
-void trdcomp_ws_decode(const uint8_t* p, size_t size, uint64_t max_bytes, trdcomp_ws_alloc alloc, void* context,
-                       trdcomp_ws_message* out) {
+void trdcomp_ws_decode(const uint8_t* p, size_t size, uint64_t max_bytes, int sections, trdcomp_ws_alloc alloc,
+                       void* context, trdcomp_ws_message* out) {
     *out = trdcomp_ws_message{};
     try {
         const Tables* tables = TheTables();
-        const std::vector<char> wire(reinterpret_cast<const char*>(p), reinterpret_cast<const char*>(p) + size);
+        if (tables == nullptr) return Refuse("the catalogue could not be loaded", alloc, context, out);
         if (size >= head::kRoutingBytes) {
-            const head::Routing r = head::ReadRouting(wire.data());
+            const head::Routing r = head::ReadRouting(reinterpret_cast<const char*>(p));
             out->request = r.length == static_cast<head::Word>(head::kRequestLength);
             out->function_id = r.functionId;
             out->flags = r.flags;
             out->fast_version = head::FastVersion(r.flags);
-            out->coding = Copy(tool::CodingName(out->fast_version), alloc, context);
-            out->route = Copy(catalogue_model::Get().RestoreCell(out->request, r.functionId, out->fast_version != 0).Text(),
-                              alloc, context);
+            out->coding = tables->codings[out->fast_version].c_str();
+            out->route = tables->Route(out->request, r.functionId, out->fast_version != 0).c_str();
         }
-        if (tables == nullptr) return Refuse("the catalogue could not be loaded", alloc, context, out);
         trdcomp::RestoreOptions options;
         options.maxBytes = max_bytes > SIZE_MAX ? SIZE_MAX : static_cast<std::size_t>(max_bytes);
+        if (!sections && Summarise(p, size, options, alloc, context, out)) return;
+        const std::vector<char> wire(reinterpret_cast<const char*>(p), reinterpret_cast<const char*>(p) + size);
         Describe(tool::Decode(wire, options), *tables, alloc, context, out);
     } catch (const std::exception& e) {
         try {

@@ -120,18 +120,21 @@ typedef struct {
     int restored_nothing;    /* the id's restore keeps nothing */
     uint64_t restored_bytes; /* what the library restored */
     int array_count;         /* arrays the sender described */
+    uint64_t records;        /* records of all sections */
     int section_count;
-    const trdcomp_ws_section* sections;
+    const trdcomp_ws_section* sections; /* null when only the summary was asked for */
     uint64_t coded_record_count; /* coded records framed in the wire bytes */
     const trdcomp_ws_coded_record* coded_records;
     uint64_t trailing_length;    /* bytes behind the last whole record */
 } trdcomp_ws_message;
 
 /* Restores the message p[0, size) through the library (at most max_bytes
- * restored) and describes it into *out, every pointer from `alloc`. Never
- * throws; a refused message gives ok 0 and the reason. */
-void trdcomp_ws_decode(const uint8_t* p, size_t size, uint64_t max_bytes, trdcomp_ws_alloc alloc, void* context,
-                       trdcomp_ws_message* out);
+ * restored) and describes it into *out, every pointer from `alloc`: with
+ * `sections` 0 only what a summary line shows (direction, id, coding, route,
+ * records, restored bytes; the sections and coded records are left out).
+ * Never throws; a refused message gives ok 0 and the reason. */
+void trdcomp_ws_decode(const uint8_t* p, size_t size, uint64_t max_bytes, int sections, trdcomp_ws_alloc alloc,
+                       void* context, trdcomp_ws_message* out);
 
 #ifdef __cplusplus
 }

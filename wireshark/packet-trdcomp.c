@@ -45,6 +45,7 @@ static const enum_val_t frame_values[] = {
     {NULL, NULL, 0}};
 static gint pref_frame = FRAME_MESSAGE;
 static gboolean pref_desegment = TRUE;
+static gboolean pref_restore = TRUE;
 static guint pref_max_message = 64u << 20;
 static guint pref_max_restored = 256u << 20;
 
@@ -322,15 +323,24 @@ static int dissect_trdcomp_pdu(tvbuff_t* tvb, packet_info* pinfo, proto_tree* tr
     }
     if (width == 0 && framing == TRDCOMP_WS_CANNOT_TELL)
         expert_add_info(pinfo, ti, &ei_length_unknown);
+    if (!pref_restore) {
+        /* Framing only: the head as it stands, nothing restored. */
+        const int request = length >= 4 && tvb_get_letohl(tvb, (gint)width + head->length_at) == (guint32)head->request_length;
+        const gint32 id = length >= (guint)head->routing_bytes ? tvb_get_letohil(tvb, (gint)width + head->function_id_at) : 0;
+        col_append_sep_fstr(pinfo->cinfo, COL_INFO, ", ", "%s %d, %u bytes", request ? "Request" : "Answer", id, length);
+        proto_item_append_text(ti, ", %s %d, %u bytes", request ? "Request" : "Answer", id, length);
+        add_head(t, tvb, (gint)width, length, request);
+        return (int)pdu;
+    }
 
     trdcomp_ws_message m;
-    trdcomp_ws_decode(bytes, length, pref_max_restored, pool_alloc, pinfo->pool, &m);
+    /* Without a tree only the summary line is wanted. */
+    trdcomp_ws_decode(bytes, length, pref_max_restored, tree != NULL, pool_alloc, pinfo->pool, &m);
 
     const char* direction = m.request ? "Request" : "Answer";
     const char* coding = m.coding != NULL ? m.coding : "?";
     if (m.ok) {
-        guint64 records = 0;
-        for (int j = 0; j < m.section_count; ++j) records += m.sections[j].count > 0 ? (guint64)m.sections[j].count : 0;
+        const guint64 records = m.records;
         const double ratio = length > 0 ? (double)m.restored_bytes / length : 0.0;
         const char* summary = wmem_strdup_printf(
             pinfo->pool, "%s %d, %s, route %s, %" PRIu64 " record%s, %u -> %" PRIu64 " bytes (%.2f:1)", direction,
@@ -510,6 +520,9 @@ static void proto_register_trdcomp(void) {
     prefs_register_bool_preference(module, "desegment", "Reassemble messages spanning several TCP segments",
                                    "Needs the TCP preference \"Allow subdissectors to reassemble TCP streams\"",
                                    &pref_desegment);
+    prefs_register_bool_preference(module, "restore", "Restore each message through the library",
+                                   "Off: messages are framed and their heads shown, nothing is restored (the fastest "
+                                   "pass over a large capture)", &pref_restore);
     prefs_register_uint_preference(module, "max_message", "Longest message (bytes)",
                                    "A longer stated length is shown as an error, not reassembled", 10, &pref_max_message);
     prefs_register_uint_preference(module, "max_restored", "Largest restore (bytes)",
