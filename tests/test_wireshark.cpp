@@ -362,17 +362,23 @@ TEST(Wireshark, TinySegmentsReassembleThroughHeadsCutAnywhere) {
     ExpectSameAsLibrary(Capture(up, down, 0, 5), up, down, {});
 }
 
-TEST(Wireshark, HeuristicFindsTheStreamWithoutAPort) {
+TEST(Wireshark, ThePortPreferenceAndTheHeuristicFindTheStream) {
     auto up = Golden(true, true), down = Golden(false, true);
     const auto file = Tshark().Place("heuristic.pcap", Capture(up, down, 0, 1460));
     const tshark::Result off = RunTshark({"-r", file.string(), "-Y", "trdcomp"});
-    EXPECT_EQ(off.out, "") << "the heuristic is off by default";
-    const tshark::Result on = RunTshark({"-r", file.string(), "--enable-heuristic", "trdcomp_tcp", "-T", "fields", "-e", "trdcomp.func_id",
-                                         "-E", "occurrence=a", "-E", "aggregator=\n"});
-    ASSERT_EQ(on.status, 0) << on.err;
-    std::size_t ids = 0;
-    for (std::size_t at = 0; (at = on.out.find_first_of("0123456789", at)) != std::string::npos; at = on.out.find('\n', at)) ++ids;
-    EXPECT_EQ(ids, up.size() + down.size());
+    EXPECT_EQ(off.out, "") << "no port and the heuristic off by default: no trdcomp";
+    for (const std::vector<std::string>& how : {std::vector<std::string>{"--enable-heuristic", "trdcomp_tcp"},
+                                                std::vector<std::string>{"-o", "trdcomp.tcp.port:7300"}}) {
+        SCOPED_TRACE(how[0]);
+        std::vector<std::string> args = {"-r", file.string(), "-T", "fields", "-e", "trdcomp.func_id", "-E", "occurrence=a",
+                                         "-E", "aggregator=\n"};
+        args.insert(args.end(), how.begin(), how.end());
+        const tshark::Result on = RunTshark(args);
+        ASSERT_EQ(on.status, 0) << on.err;
+        std::size_t ids = 0;
+        for (std::size_t at = 0; (at = on.out.find_first_of("0123456789", at)) != std::string::npos; at = on.out.find('\n', at)) ++ids;
+        EXPECT_EQ(ids, up.size() + down.size());
+    }
 }
 
 TEST(Wireshark, FiltersSelectWhatTheySay) {
