@@ -180,6 +180,24 @@ static void add_head(proto_tree* tree, tvbuff_t* tvb, int at, guint length, int 
     }
 }
 
+/* The field type, display and encoding of each kind of record field. */
+static const struct {
+    enum ftenum type;
+    int display;
+    guint encoding;
+} kinds[] = {
+    [TRDCOMP_WS_CHAR] = {FT_CHAR, BASE_HEX, ENC_NA},
+    [TRDCOMP_WS_TEXT] = {FT_STRINGZPAD, BASE_NONE, ENC_ASCII},
+    [TRDCOMP_WS_ASCII] = {FT_STRINGZPAD, BASE_NONE, ENC_ASCII},
+    [TRDCOMP_WS_BYTES] = {FT_BYTES, BASE_NONE, ENC_NA},
+    [TRDCOMP_WS_INT32] = {FT_INT32, BASE_DEC, ENC_LITTLE_ENDIAN},
+    [TRDCOMP_WS_INT64] = {FT_INT64, BASE_DEC, ENC_LITTLE_ENDIAN},
+    [TRDCOMP_WS_DOUBLE] = {FT_DOUBLE, BASE_NONE, ENC_LITTLE_ENDIAN},
+    [TRDCOMP_WS_UNCODED] = {FT_BYTES, BASE_NONE, ENC_NA},
+    [TRDCOMP_WS_SIZED] = {FT_BYTES, BASE_NONE, ENC_NA},
+    [TRDCOMP_WS_ARRAY] = {FT_NONE, BASE_NONE, ENC_NA},
+};
+
 /* The fields of one record of layout `l` at `base` in the restored bytes. */
 static void add_fields(proto_tree* tree, tvbuff_t* rtvb, int base, int l, int depth) {
     const trdcomp_ws_layout* layout = &layouts[l];
@@ -188,18 +206,14 @@ static void add_fields(proto_tree* tree, tvbuff_t* rtvb, int base, int l, int de
         const int at = base + f->offset;
         switch (f->kind) {
             case TRDCOMP_WS_CHAR:
-            case TRDCOMP_WS_BYTES:
-            case TRDCOMP_WS_UNCODED:
-                proto_tree_add_item(tree, layout_hf[l][k], rtvb, at, f->width, ENC_NA);
-                break;
             case TRDCOMP_WS_TEXT:
             case TRDCOMP_WS_ASCII:
-                proto_tree_add_item(tree, layout_hf[l][k], rtvb, at, f->width, ENC_ASCII);
-                break;
+            case TRDCOMP_WS_BYTES:
             case TRDCOMP_WS_INT32:
             case TRDCOMP_WS_INT64:
             case TRDCOMP_WS_DOUBLE:
-                proto_tree_add_item(tree, layout_hf[l][k], rtvb, at, f->width, ENC_LITTLE_ENDIAN);
+            case TRDCOMP_WS_UNCODED:
+                proto_tree_add_item(tree, layout_hf[l][k], rtvb, at, f->width, kinds[f->kind].encoding);
                 break;
             case TRDCOMP_WS_SIZED:
                 proto_tree_add_item(tree, layout_hf[l][k], rtvb, at, f->width, ENC_NA);
@@ -467,28 +481,14 @@ static void register_record_fields(void) {
         for (int k = 0; k < layout->field_count; ++k) {
             const trdcomp_ws_field* f = &layout->fields[k];
             layout_hf[l][k] = layout_hf_length[l][k] = -1;
-            enum ftenum type = FT_BYTES;
-            int display = BASE_NONE;
-            switch (f->kind) {
-                case TRDCOMP_WS_CHAR: type = FT_CHAR, display = BASE_HEX; break;
-                case TRDCOMP_WS_TEXT:
-                case TRDCOMP_WS_ASCII: type = FT_STRINGZPAD; break;
-                case TRDCOMP_WS_BYTES:
-                case TRDCOMP_WS_UNCODED:
-                case TRDCOMP_WS_SIZED: type = FT_BYTES; break;
-                case TRDCOMP_WS_INT32: type = FT_INT32, display = BASE_DEC; break;
-                case TRDCOMP_WS_INT64: type = FT_INT64, display = BASE_DEC; break;
-                case TRDCOMP_WS_DOUBLE: type = FT_DOUBLE; break;
-                case TRDCOMP_WS_ARRAY: type = FT_NONE; break;
-            }
             char* abbrev = g_strdup_printf("trdcomp.%s.f%d", layout->name, f->offset);
             char* blurb = g_strdup_printf("%s offset %d: %s of %d bytes", layout->name, f->offset, f->kind_name, f->width);
             set_field(&hf[n++], &layout_hf[l][k], g_strdup_printf("f%d (%s, %d)", f->offset, f->kind_name, f->width), abbrev,
-                       type, display, blurb);
+                      kinds[f->kind].type, kinds[f->kind].display, blurb);
             if (f->kind == TRDCOMP_WS_SIZED)
                 set_field(&hf[n++], &layout_hf_length[l][k], g_strdup_printf("f%d length", f->offset),
-                           g_strdup_printf("%s.length", abbrev), FT_INT32, BASE_DEC,
-                           g_strdup_printf("%s offset %d: the length of the sized field", layout->name, f->offset + f->width));
+                          g_strdup_printf("%s.length", abbrev), FT_INT32, BASE_DEC,
+                          g_strdup_printf("%s offset %d: the length of the sized field", layout->name, f->offset + f->width));
         }
     }
     proto_register_field_array(proto_trdcomp, hf, n);
