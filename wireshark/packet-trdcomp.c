@@ -312,8 +312,10 @@ static int dissect_trdcomp_pdu(tvbuff_t* tvb, packet_info* pinfo, proto_tree* tr
     const guint length = pdu - width;
     const guint captured = (guint)tvb_captured_length_remaining(tvb, (gint)width);
     if (captured < length) {
-        expert_add_info_format(pinfo, ti, &ei_truncated, "The capture holds %u of the message's %u bytes", captured, length);
-        col_append_sep_str(pinfo->cinfo, COL_INFO, ", ", "message cut short by the capture");
+        expert_add_info_format(pinfo, ti, &ei_truncated,
+                               "Only %u of the message's %u bytes are here (reassembly off, or bytes missing from the capture)",
+                               captured, length);
+        col_append_sep_str(pinfo->cinfo, COL_INFO, ", ", "message incomplete");
         return (int)pdu;
     }
     if (length == 0) {
@@ -503,7 +505,7 @@ static void proto_register_trdcomp(void) {
                               "The records travel raw: the message's length is not in its bytes (set the transport prefix "
                               "preference when the link has one)", EXPFILL}},
         {&ei_too_long, {"trdcomp.too_long", PI_MALFORMED, PI_ERROR, "Message over the length limit", EXPFILL}},
-        {&ei_truncated, {"trdcomp.truncated", PI_MALFORMED, PI_WARN, "Message cut short by the capture", EXPFILL}},
+        {&ei_truncated, {"trdcomp.truncated", PI_MALFORMED, PI_WARN, "Message incomplete in the data at hand", EXPFILL}},
         {&ei_trailing, {"trdcomp.trailing_bytes", PI_PROTOCOL, PI_NOTE, "Bytes behind the last whole record", EXPFILL}},
     };
     head = trdcomp_ws_head();
