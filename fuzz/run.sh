@@ -23,6 +23,9 @@ for f in tests/golden/corpus/*.wire; do
   for o in 0 1; do { printf "\\x0$o\\x$(printf %02x "$d")"; cat "$f"; } > "$work/modern/$o-$name"; done
 done
 cp fuzz/json/*.json "$work/json/"
+# The plugin's bridge: the golden messages as they are.
+mkdir -p "$work/bridge"
+cp tests/golden/corpus/*.wire "$work/bridge/"
 # The coders: values around the byte-count boundaries, records of every test layout.
 mkdir -p "$work/coders"
 for i in $(seq 0 20); do
@@ -63,5 +66,10 @@ else
   echo "fuzz_tool_json: not built (no nlohmann-json), skipped"
 fi
 wait $a || status=1
+if [ -x "$build/fuzz/fuzz_wireshark_bridge" ]; then
+  run fuzz_wireshark_bridge bridge -dict=fuzz/heads.dict || status=1
+else
+  echo "fuzz_wireshark_bridge: not built (no nlohmann-json), skipped"
+fi
 if [ $status -ne 0 ]; then echo "fuzzing found a problem: see $findings/"; else echo "fuzzing: no findings"; fi
 exit $status

@@ -20,6 +20,7 @@
 #include "Message.h"
 #include "Stream.h"
 #include "support/Golden.h"
+#include "support/PcapWriter.h"
 #include "trdcomp/trdcomp.hpp"
 
 namespace fs = std::filesystem;
@@ -27,6 +28,7 @@ namespace fs = std::filesystem;
 namespace {
 
 using golden::Wire;
+using pcap::PcapWriter;
 
 // Every golden message whose length is in its bytes, requests or answers.
 std::vector<std::vector<char>> Framed(bool requests) {
@@ -53,45 +55,6 @@ void Write(const fs::path& p, const std::vector<char>& bytes) {
 }
 
 std::string LastLines(const std::string& text, const std::string& from) { return text.substr(text.rfind(from)); }
-
-// A classic pcap file of Ethernet frames carrying IPv4 TCP segments.
-class PcapWriter {
-public:
-    PcapWriter() {
-        Put32(0xa1b2c3d4);
-        Put16(2), Put16(4), Put32(0), Put32(0), Put32(65535), Put32(1);
-    }
-    void Segment(std::uint32_t src, std::uint16_t sport, std::uint32_t dst, std::uint16_t dport, std::uint32_t seq,
-                 bool syn, const char* payload, std::size_t n) {
-        std::vector<unsigned char> f(14 + 20 + 20 + n, 0);
-        f[12] = 0x08;  // IPv4
-        unsigned char* ip = f.data() + 14;
-        ip[0] = 0x45;
-        Be16(ip + 2, static_cast<std::uint16_t>(40 + n));
-        ip[8] = 64;
-        ip[9] = 6;
-        Be32(ip + 12, src);
-        Be32(ip + 16, dst);
-        unsigned char* tcp = ip + 20;
-        Be16(tcp, sport);
-        Be16(tcp + 2, dport);
-        Be32(tcp + 4, seq);
-        tcp[12] = 5 << 4;
-        tcp[13] = syn ? 0x02 : 0x18;
-        if (n) std::memcpy(tcp + 20, payload, n);
-        Put32(++time_), Put32(0), Put32(static_cast<std::uint32_t>(f.size())), Put32(static_cast<std::uint32_t>(f.size()));
-        bytes_.insert(bytes_.end(), f.begin(), f.end());
-    }
-    const std::vector<char>& Bytes() const { return bytes_; }
-
-private:
-    static void Be16(unsigned char* p, std::uint16_t v) { p[0] = static_cast<unsigned char>(v >> 8), p[1] = static_cast<unsigned char>(v); }
-    static void Be32(unsigned char* p, std::uint32_t v) { Be16(p, static_cast<std::uint16_t>(v >> 16)), Be16(p + 2, static_cast<std::uint16_t>(v)); }
-    void Put16(std::uint16_t v) { bytes_.insert(bytes_.end(), {static_cast<char>(v), static_cast<char>(v >> 8)}); }
-    void Put32(std::uint32_t v) { Put16(static_cast<std::uint16_t>(v)), Put16(static_cast<std::uint16_t>(v >> 16)); }
-    std::vector<char> bytes_;
-    std::uint32_t time_ = 1700000000;
-};
 
 // One direction's stream as segments cut at random points, some swapped
 // with their neighbour, some sent twice, some retransmitted overlapping,
