@@ -13,6 +13,11 @@
 
 #include "Inline.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#define TRDCOMP_TEXT_MASKS 1
+#endif
+
 namespace trdcomp::detail {
 
 inline std::uint64_t LoadWord(const void* p) {
@@ -80,6 +85,51 @@ TRDCOMP_FORCE_INLINE bool TextDiffers(const char* a, const char* b, std::size_t 
         return limit > W && std::strncmp(a + W, b + W, limit - W) != 0;
     }
 }
+
+#if TRDCOMP_TEXT_MASKS
+// A text field of W bytes (16 to 64) at a, against the same field at b, as
+// bit masks over its bytes, 16 at a time (the last load overlaps the one
+// before when W is not a multiple of 16): bit i of `same` when byte i is
+// equal in both, of `zero` when a's byte i is zero.
+struct TextMasks {
+    std::uint64_t same;
+    std::uint64_t zero;
+};
+template <std::uint32_t W>
+inline constexpr bool kMaskedText = W >= 16 && W <= 64;
+template <std::uint32_t W>
+TRDCOMP_FORCE_INLINE TextMasks CompareText(const char* a, const char* b) {
+    static_assert(kMaskedText<W>);
+    const __m128i zero = _mm_setzero_si128();
+    TextMasks m{0, 0};
+    [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) TRDCOMP_LAMBDA_INLINE {
+        (([&]() TRDCOMP_LAMBDA_INLINE {
+             constexpr std::uint32_t at = 16 * K + 16 <= W ? 16 * K : W - 16;
+             const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + at));
+             const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + at));
+             m.same |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, y)))) << at;
+             m.zero |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, zero)))) << at;
+         }()),
+         ...);
+    }(std::make_integer_sequence<std::uint32_t, (W + 15) / 16>{});
+    return m;
+}
+// The text's length (strnlen(a, W)) from its masks.
+template <std::uint32_t W>
+TRDCOMP_FORCE_INLINE std::uint32_t MaskedLength(const TextMasks& m) {
+    return m.zero ? static_cast<std::uint32_t>(std::countr_zero(m.zero)) : W;
+}
+// TextDiffers from the masks: the bytes up to and including a's first zero
+// decide; without a zero, any difference does, else the bytes behind the
+// field (limit: the bytes of the record from the field on).
+template <std::uint32_t W>
+TRDCOMP_FORCE_INLINE bool MaskedTextDiffers(const TextMasks& m, const char* a, const char* b, std::size_t limit) {
+    constexpr std::uint64_t kField = W == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << W) - 1;
+    if (m.zero) return (~m.same & (m.zero ^ (m.zero - 1))) != 0;
+    if (~m.same & kField) return true;
+    return limit > W && std::strncmp(a + W, b + W, limit - W) != 0;
+}
+#endif
 
 // Is any of the W bytes at p non-zero? Are the W bytes at a and b different?
 template <std::uint32_t W>

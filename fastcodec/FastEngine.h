@@ -130,6 +130,9 @@ TRDCOMP_FORCE_INLINE std::uint32_t PutShortLength(byte* out, std::uint32_t n) {
 // Writes the value of the field at c to out and returns the bytes of the
 // value. The wide form may write up to MaxCoded(F) + kEncodeSlack bytes; the
 // exact form (kExact) writes only the bytes it returns.
+template <FastKind K, std::uint32_t W, bool kExact>
+TRDCOMP_FORCE_INLINE std::uint32_t PutText(byte* out, const char* c, std::uint32_t n);
+
 template <FastKind K, std::uint32_t W, bool kExact = false>
 TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
     if constexpr (K == FastKind::Char) {
@@ -148,10 +151,26 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
         double v;
         std::memcpy(&v, c, 8);
         return PutSigned<kExact>(out, detail::TruncToInt64(price::ScaledFast(v)));
-    } else if constexpr (K == FastKind::String) {
+    } else if constexpr (K == FastKind::String || K == FastKind::Ascii) {
+        return PutText<K, W, kExact>(out, c, detail::TextLength<W>(c));
+    } else if constexpr (K == FastKind::Bytes) {
+        return FastPutBytes(out, c, static_cast<std::int32_t>(W));
+    } else {
+        static_assert(K == FastKind::SizedBlock, "a kind without its encoder");
+        // The block, with its length when that lies in 0..N, else N.
+        const std::int32_t len = detail::LoadI32(c + W);
+        const std::int32_t n = len >= 0 && len <= static_cast<std::int32_t>(W) ? len : W;
+        return FastPutBytes(out, c, n);
+    }
+}
+
+// A text of n bytes (its length inside the field of W bytes at c): a counted
+// string or an ascii text.
+template <FastKind K, std::uint32_t W, bool kExact>
+TRDCOMP_FORCE_INLINE std::uint32_t PutText(byte* out, const char* c, std::uint32_t n) {
+    if constexpr (K == FastKind::String) {
         // The length, then the text: the whole field is copied when it is
         // short, only the text's bytes count.
-        const std::uint32_t n = detail::TextLength<W>(c);
         std::uint32_t k;
         if constexpr (W <= 63) {
             k = PutShortLength(out, n);
@@ -166,11 +185,11 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
             std::memcpy(out + k, c, n);
         }
         return k + n;
-    } else if constexpr (K == FastKind::Ascii) {
+    } else {
+        static_assert(K == FastKind::Ascii, "a text kind");
         // The text's characters, the last with the stop bit; the empty text
         // is 0x80. A field of up to 64 bytes is copied whole (the wide form)
         // and only the text's bytes count.
-        const std::uint32_t n = detail::TextLength<W>(c);
         if (n == 0) {
             out[0] = 0x80u;
             return 1;
@@ -184,21 +203,14 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
         }
         out[n - 1] |= 0x80u;
         return n;
-    } else if constexpr (K == FastKind::Bytes) {
-        return FastPutBytes(out, c, static_cast<std::int32_t>(W));
-    } else {
-        static_assert(K == FastKind::SizedBlock, "a kind without its encoder");
-        // The block, with its length when that lies in 0..N, else N.
-        const std::int32_t len = detail::LoadI32(c + W);
-        const std::int32_t n = len >= 0 && len <= static_cast<std::int32_t>(W) ? len : W;
-        return FastPutBytes(out, c, n);
     }
 }
 
-// Is the value always written, sent or not (cheap to code, no branch)?
+// Is the value always written, sent or not, so that a change costs no
+// branch? The numbers that move from record to record (prices, amounts);
+// characters and ints mostly keep their value and are coded when sent.
 template <FastKind K>
-inline constexpr bool kAlwaysWritten =
-    K == FastKind::Char || K == FastKind::Int || K == FastKind::Int64 || K == FastKind::Double;
+inline constexpr bool kAlwaysWritten = K == FastKind::Int64 || K == FastKind::Double;
 
 // Reads a value through the bounded source into the field at c: the cold
 // path near the message's end, out of line and shared by every field of the
@@ -456,6 +468,26 @@ template <FastKind K, std::uint32_t W, std::int32_t D, std::size_t J, bool kExac
 TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* prev, std::uint32_t off, std::uint32_t size,
                                       byte* out, std::uint32_t& n, unsigned& map) {
     const char* c = cur + off;
+#if TRDCOMP_TEXT_MASKS
+    if constexpr ((K == FastKind::Ascii || K == FastKind::String) && detail::kMaskedText<W>) {
+        // One pass over the text: its masks against the previous record's
+        // give both whether it is sent and its length.
+        std::uint32_t len;
+        bool sent = true;
+        if (prev) {
+            const detail::TextMasks m = detail::CompareText<W>(c, prev + off);
+            sent = detail::MaskedTextDiffers<W>(m, c, prev + off, size - off);
+            len = detail::MaskedLength<W>(m);
+        } else {
+            len = detail::TextLength<W>(c);
+        }
+        if (sent) {
+            n += PutText<K, W, kExact>(out + n, c, len);
+            map |= 0x40u >> J;
+        }
+        return;
+    }
+#endif
     const bool sent = Sent<K, W, D>(c, prev, off, size);
     if constexpr (kAlwaysWritten<K> && !kExact) {
         const std::uint32_t k = Put<K, W>(out + n, c);

@@ -110,9 +110,21 @@ TRDCOMP_FORCE_INLINE void Store64(void* p, std::uint64_t v) { std::memcpy(p, &v,
 // The n (1..8) bytes of a value, first group first, with the stop bit on the
 // last byte and `sign` (0 or 0x40) in the first, as one 8-byte store: the
 // bytes after the n-th are scratch that the caller allows to be written.
+// Spread7 of the low 7n bits of v (n from 1 to 8), by the stages those
+// bits need: a field keeps its magnitude from record to record, so the
+// branch is predicted.
+TRDCOMP_FORCE_INLINE std::uint64_t SpreadBytes(std::uint64_t v, std::uint32_t n) {
+    if (n <= 2) return (v & 0x7Fu) | ((v << 1) & 0x7F00u);
+    if (n <= 4) {
+        v &= 0x0FFFFFFFu;
+        v = (v & 0x3FFFu) | ((v & 0x0FFFC000u) << 2);
+        return (v & 0x007F007Fu) | ((v & 0x3F803F80u) << 1);
+    }
+    return Spread7(v);
+}
 TRDCOMP_FORCE_INLINE void PutWord(byte* out, std::uint64_t v, std::uint32_t n, std::uint64_t sign) {
     const std::uint32_t shift = 8 * (8 - n);
-    const std::uint64_t w = (Spread7(v) << shift) | (std::uint64_t{0x80} << shift) | (sign << 56);
+    const std::uint64_t w = (SpreadBytes(v, n) << shift) | (std::uint64_t{0x80} << shift) | (sign << 56);
     Store64(out, __builtin_bswap64(w));
 }
 }  // namespace internal
