@@ -159,14 +159,34 @@ TRDCOMP_FORCE_INLINE bool BlockDiffers(const char* a, const char* b) {
     }
 }
 
+// memcpy(dst, src, n) for 32 < n <= 64: the first and the last 32 bytes,
+// all loaded before any is stored. (A copy whose length the compiler knows
+// to be bounded would otherwise become a string move, slow to start.)
+TRDCOMP_FORCE_INLINE void CopyHalves32(void* dst, const void* src, std::size_t n) {
+    struct Half {
+        std::uint64_t w[4];
+    };
+    auto* d = static_cast<unsigned char*>(dst);
+    const auto* s = static_cast<const unsigned char*>(src);
+    Half a, b;
+    std::memcpy(&a, s, 32);
+    std::memcpy(&b, s + n - 32, 32);
+    std::memcpy(d, &a, 32);
+    std::memcpy(d + n - 32, &b, 32);
+}
+
 // memcpy(dst, src, n) for the short copies of texts: overlapping word moves
-// up to 32 bytes, the library call beyond.
+// up to 64 bytes, the library call beyond.
 TRDCOMP_FORCE_INLINE void CopyShort(void* dst, const void* src, std::size_t n) {
     auto* d = static_cast<unsigned char*>(dst);
     const auto* s = static_cast<const unsigned char*>(src);
     if (n >= 8) {
         if (n > 32) {
-            std::memcpy(d, s, n);
+            if (n <= 64) {
+                CopyHalves32(d, s, n);
+            } else {
+                std::memcpy(d, s, n);
+            }
         } else if (n > 16) {
             std::uint64_t a, b, c, e;
             std::memcpy(&a, s, 8);
@@ -195,22 +215,6 @@ TRDCOMP_FORCE_INLINE void CopyShort(void* dst, const void* src, std::size_t n) {
         d[n / 2] = s[n / 2];
         d[n - 1] = s[n - 1];
     }
-}
-
-// memcpy(dst, src, n) for 32 < n <= 64: the first and the last 32 bytes,
-// all loaded before any is stored. (A copy whose length the compiler knows
-// to be bounded would otherwise become a string move, slow to start.)
-TRDCOMP_FORCE_INLINE void CopyHalves32(void* dst, const void* src, std::size_t n) {
-    struct Half {
-        std::uint64_t w[4];
-    };
-    auto* d = static_cast<unsigned char*>(dst);
-    const auto* s = static_cast<const unsigned char*>(src);
-    Half a, b;
-    std::memcpy(&a, s, 32);
-    std::memcpy(&b, s + n - 32, 32);
-    std::memcpy(d, &a, 32);
-    std::memcpy(d + n - 32, &b, 32);
 }
 
 // CopyShort of at most W bytes (n is clamped to W), for a copy out of or
