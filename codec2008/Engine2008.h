@@ -267,8 +267,18 @@ TRDCOMP_FORCE_INLINE std::int64_t DecodeAt(const char* in, std::int64_t len, std
 template <ValueKey V, class C>
 TRDCOMP_FORCE_INLINE bool DecodeField(const char* in, std::int64_t len, std::int64_t& used, char* p, char flag,
                                       bool skip) {
+    if (skip) return used < len;
+    if constexpr (V.kind != Kind::SizedBlock && V.kind != Kind::BlockLength) {
+        // Room for the field's worst case: bytes remain and its read stays
+        // inside the record, both told by one test.
+        constexpr auto kMaxRead =
+            static_cast<std::int64_t>(MaxRead<C>(Field{V.kind, {}, 0, V.width, V.limit, 0, false, -1}));
+        if (len - used >= kMaxRead) [[likely]] {
+            used += DecodeValue<V, C>(in + used, p, flag);
+            return true;
+        }
+    }
     if (used >= len) return false;
-    if (skip) return true;
     if constexpr (V.kind == Kind::SizedBlock) {
         used += DecodeAt<ValueKey{Kind::BlockLength, 4, 4}, C>(in, len, used, p + V.width, flag);
         if (used >= len) return false;
