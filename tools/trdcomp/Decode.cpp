@@ -106,6 +106,14 @@ std::int32_t TableEntrySize(const std::vector<char>& wire, int j) {
 }
 
 
+// A message that tells its length: the bytes the sender put behind it
+// (which the restore passes over unless strict).
+void KeepTrailing(Decoded& m) {
+    const trdcomp::FrameLength f = trdcomp::MessageLength(m.wire.data(), m.wire.size());
+    if (f.status == trdcomp::Framing::complete && f.length < m.wire.size())
+        m.trailing.assign(m.wire.begin() + static_cast<std::ptrdiff_t>(f.length), m.wire.end());
+}
+
 }  // namespace
 
 Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& options) {
@@ -129,6 +137,7 @@ Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& opt
     m.restoredBytes = r.Size();
     if (r.Size() == 0) {
         m.restoredNothing = true;
+        KeepTrailing(m);
         return m;
     }
     const catalogue_model::Cell cell = Get().RestoreCell(m.request, id, fast);
@@ -179,6 +188,7 @@ Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& opt
     // in the message.
     if (!codec && m.request && end < size) m.trailing.assign(p + end, p + size);
     if (!codec && !m.request && size < static_cast<std::int64_t>(wire.size())) m.trailing.assign(wire.begin() + size, wire.end());
+    if (m.trailing.empty()) KeepTrailing(m);
     return m;
 }
 

@@ -2,12 +2,15 @@
 // section's records field by field (with each Fast field's origin when
 // asked), as `trdcomp decode` shows it.
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <iomanip>
 #include <map>
+#include <optional>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Message.h"
@@ -19,58 +22,162 @@ namespace tool {
 namespace head = trdcomp::head;
 
 std::string FlagsText(std::int32_t flags) {
-    char hex[16];
-    std::snprintf(hex, sizeof hex, "0x%x", static_cast<unsigned>(flags));
-    std::string bits;
-    if (head::Coded(flags)) bits += ", coded";
-    if (head::SeveralArrays(flags)) bits += ", several arrays";
-    if (const int v = head::FastVersion(flags)) bits += ", fast:" + std::to_string(v);
-    return bits.empty() ? hex : std::string(hex) + " (" + bits.substr(2) + ")";
+    char hex[16] = {'0', 'x'};
+    std::string text(hex, std::to_chars(hex + 2, hex + sizeof hex, static_cast<unsigned>(flags), 16).ptr);
+    const char* sep = " (";
+    if (head::Coded(flags)) text += std::exchange(sep, ", "), text += "coded";
+    if (head::SeveralArrays(flags)) text += std::exchange(sep, ", "), text += "several arrays";
+    if (const int v = head::FastVersion(flags)) text += std::exchange(sep, ", "), text += "fast:" + std::to_string(v);
+    if (*sep == ',') text += ')';
+    return text;
 }
 
 std::string HeadValueText(const std::string& key, const Json& v) {
     return key == "nFlags" && v.is_number_integer() ? FlagsText(v.get<std::int32_t>()) : v.dump();
 }
 
-void PrintText(const Decoded& m, std::ostream& out, bool sent) {
-    const Json head = HeadJson(m);
+namespace {
+
+// `text` and spaces up to `width` (at least one column apart when longer).
+void Padded(std::string& out, std::string_view text, std::size_t width) {
+    out.append(text);
+    if (text.size() < width) out.append(width - text.size(), ' ');
+}
+
+void Number(std::string& out, long long v) {
+    char digits[24];
+    out.append(digits, std::to_chars(digits, digits + sizeof digits, v).ptr);
+}
+
+// The head's members a line each: its name, then its value as the JSON
+// writes it (the flags word as FlagsText).
+class HeadLines final : public ValueSink {
+public:
+    explicit HeadLines(std::string& out) : out_(out) {}
+    void BeginObject() override { Open(&JsonTextSink::BeginObject); }
+    void Key(std::string_view key) override {
+        if (depth_ == 1) {
+            out_ += "  ";
+            Padded(out_, key, 10);
+            out_ += ' ';
+            flags_ = key == "nFlags";
+            return;
+        }
+        value_->Key(key);
+    }
+    void EndObject() override { Close(&JsonTextSink::EndObject); }
+    void BeginList() override { Open(&JsonTextSink::BeginList); }
+    void EndList() override { Close(&JsonTextSink::EndList); }
+    void Null() override { Value([](JsonTextSink& s) { s.Null(); }); }
+    void Integer(std::int64_t v) override {
+        if (depth_ == 1 && flags_) {
+            out_ += FlagsText(static_cast<std::int32_t>(v)) + "\n";
+            return;
+        }
+        Value([&](JsonTextSink& s) { s.Integer(v); });
+    }
+    void Unsigned(std::uint64_t v) override { Value([&](JsonTextSink& s) { s.Unsigned(v); }); }
+    void Double(double v) override { Value([&](JsonTextSink& s) { s.Double(v); }); }
+    void String(std::string_view v) override { Value([&](JsonTextSink& s) { s.String(v); }); }
+
+private:
+    // A value of a member (depth 1) or inside one.
+    template <class F>
+    void Value(F f) {
+        if (depth_ == 1) Start();
+        f(*value_);
+        if (depth_ == 1) End();
+    }
+    void Open(void (JsonTextSink::*open)()) {
+        if (depth_ == 1) Start();
+        if (depth_ >= 1) ((*value_).*open)();
+        ++depth_;
+    }
+    void Close(void (JsonTextSink::*close)()) {
+        --depth_;
+        if (depth_ >= 1) ((*value_).*close)();
+        if (depth_ == 1) End();
+    }
+    void Start() { value_.emplace(text_); }
+    void End() {
+        value_.reset();
+        out_.append(text_.View());
+        out_ += '\n';
+        text_.Clear();
+    }
+
+    std::string& out_;
+    int depth_ = 0;
+    bool flags_ = false;
+    TextBuffer text_;
+    std::optional<JsonTextSink> value_;
+};
+
+}  // namespace
+
+void AppendText(const Decoded& m, std::string& out, bool sent) {
     const auto origins = sent ? SentFields(m) : std::vector<std::vector<std::map<int, Origin>>>();
     const int id = HeadWord(m.wire, head::kFunctionIdAt);
-    out << (m.request ? "request " : "answer ") << id << ", " << Plural(static_cast<long long>(m.wire.size()), "byte") << ", coding "
-        << CodingName(m.fastVersion) << (m.fastVersion == 0 ? " (flag " + std::to_string(static_cast<int>(m.flag)) + ")" : "")
-        << "\n\nhead\n";
-    for (const auto& [key, v] : head.items()) out << "  " << std::left << std::setw(10) << key << " " << HeadValueText(key, v) << "\n";
-    if (m.restoredNothing) out << "\nthe restore handed back no records\n";
+    out += m.request ? "request " : "answer ";
+    Number(out, id);
+    out += ", " + Plural(static_cast<long long>(m.wire.size()), "byte") + ", coding " + CodingName(m.fastVersion);
+    if (m.fastVersion == 0) out += " (flag " + std::to_string(static_cast<int>(m.flag)) + ")";
+    out += "\n\nhead\n";
+    HeadLines lines(out);
+    DescribeHead(m, lines);
+    if (m.restoredNothing) out += "\nthe restore handed back no records\n";
+    std::vector<Row> rows;
     for (std::size_t j = 0; j < m.sections.size(); ++j) {
         const Section& s = m.sections[j];
-        out << "\nsection " << j + 1 << ": " << (s.layout ? s.layout->name : std::string("raw records")) << ", "
-            << Plural(s.count, "record") << " of " << Plural(s.slot, "byte")
-            << (s.size != s.slot ? " (sender's size " + std::to_string(s.size) + ")" : "") << "\n";
+        out += "\nsection ";
+        Number(out, static_cast<long long>(j + 1));
+        out += ": " + (s.layout ? s.layout->name : std::string("raw records")) + ", " + Plural(s.count, "record") + " of " +
+               Plural(s.slot, "byte") + (s.size != s.slot ? " (sender's size " + std::to_string(s.size) + ")" : "") + "\n";
         for (std::size_t i = 0; s.slot > 0 && (i + 1) * static_cast<std::size_t>(s.slot) <= s.records.size(); ++i) {
             const char* rec = s.records.data() + i * static_cast<std::size_t>(s.slot);
-            out << "record " << i << "\n";
+            out += "record ";
+            Number(out, static_cast<long long>(i));
+            out += '\n';
             if (!s.layout) {
-                out << "  " << Hex(rec, static_cast<std::size_t>(s.slot)) << "\n";
+                out += "  ";
+                AppendHex(out, rec, static_cast<std::size_t>(s.slot));
+                out += '\n';
                 continue;
             }
-            const std::vector<Row> rows = RecordRows(*s.layout, rec);
+            FillRecordRows(*s.layout, rec, rows);
             std::size_t kindWidth = 4;
             for (const Row& r : rows) kindWidth = std::max(kindWidth, r.kind.size());
             const std::map<int, Origin>* origin = j < origins.size() && i < origins[j].size() ? &origins[j][i] : nullptr;
-            out << "  " << std::left << std::setw(7) << "offset" << std::setw(static_cast<int>(kindWidth) + 2) << "kind"
-                << std::setw(7) << "width" << (origin ? "origin    " : "") << "value\n";
+            out += "  offset ";
+            Padded(out, "kind", kindWidth + 2);
+            out += origin ? "width  origin    value\n" : "width  value\n";
+            char number[24];
             for (const Row& r : rows) {
-                out << "  " << std::left << std::setw(7) << r.offset << std::setw(static_cast<int>(kindWidth) + 2) << r.kind
-                    << std::setw(7) << r.width;
+                out += "  ";
+                Padded(out, std::string_view(number, static_cast<std::size_t>(std::to_chars(number, number + 24, r.offset).ptr - number)), 7);
+                Padded(out, r.kind, kindWidth + 2);
+                Padded(out, std::string_view(number, static_cast<std::size_t>(std::to_chars(number, number + 24, r.width).ptr - number)), 7);
                 if (origin) {
                     const auto o = origin->find(r.offset);
-                    out << std::setw(10) << (o != origin->end() ? OriginName(o->second) : "-");
+                    Padded(out, o != origin->end() ? OriginName(o->second) : "-", 10);
                 }
-                out << r.value << "\n";
+                out += r.value;
+                out += '\n';
             }
         }
     }
-    if (!m.trailing.empty()) out << "\ntrailing bytes: " << Hex(m.trailing.data(), m.trailing.size()) << "\n";
+    if (!m.trailing.empty()) {
+        // The first 64 of them; the JSON keeps them all.
+        const std::size_t shown = std::min<std::size_t>(m.trailing.size(), 64);
+        out += "\ntrailing bytes: " + Plural(static_cast<long long>(m.trailing.size()), "byte") + " behind the last record: " +
+               Hex(m.trailing.data(), shown) + (shown < m.trailing.size() ? "..." : "") + "\n";
+    }
+}
+
+void PrintText(const Decoded& m, std::ostream& out, bool sent) {
+    std::string text;
+    AppendText(m, text, sent);
+    out << text;
 }
 
 }  // namespace tool
