@@ -252,12 +252,72 @@ TEST(Tool, EncodeRefusesJsonThatCannotBeRight) {
          "\"layout\" must be a layout's name"},
         {"a count that is no integer", edit(answer, [](tool::Json& j) { j["sections"][0]["count"] = "3"; }), {},
          "section 1: \"count\" must be an integer"},
+        // Every key is one a message has, or it is named with the nearest that is.
+        {"a misspelt key of the message", edit(request, [](tool::Json& j) { j["sektions"] = j["sections"], j.erase("sections"); }), {},
+         "\"sektions\" is no key of a message: the nearest is \"sections\""},
+        {"a misspelt key of a section", edit(request, [](tool::Json& j) { j["sections"][0]["recrods"] = 1; }), {},
+         "section 1: \"recrods\" is no key of a section: the nearest is \"records\""},
+        {"a misspelt key of the head", edit(request, [](tool::Json& j) { j["head"]["nFlag"] = 1; }), {},
+         "\"nFlag\" is no key of the head: the nearest is \"nFlags\""},
+        {"a field a record does not have", record([](tool::Json& r) { r["f36"] = "x"; }), {},
+         "section 1 record 0: \"f36\" is no field of REQ_1002: the nearest is \"f3\""},
+        {"a misspelt key of a text's value", record([](tool::Json& r) { r["f3"] = tool::Json{{"hx", "00"}}; }), {},
+         "\"hx\" is no key of a value of field f3: the nearest is \"hex\""},
+        {"a list where a field takes one value", record([](tool::Json& r) { r["f1"] = tool::Json::array({1}); }), {},
+         "field f1 (char) takes no list"},
+        {"a list where the message has a value", edit(request, [](tool::Json& j) { j["coding"] = tool::Json::array(); }), {},
+         "\"coding\" must be a single value, not a list"},
+        // Words the heads hold in 32 bits.
+        {"a count of 2^31", edit(answer, [](tool::Json& j) { j["sections"][0]["count"] = 2147483648u; }), {},
+         "section 1: \"count\" is 2147483648, out of range of a 32-bit word"},
+        {"a user word beyond 32 bits", edit(request, [](tool::Json& j) { j["head"]["nUser"][3] = 4294967296ll; }), {},
+         "head nUser[3] is 4294967296, out of range of a 32-bit word"},
+        // What the library refuses, in its own words.
+        {"more records than a Fast array counts",
+         edit(request, [](tool::Json& j) {
+             j["coding"] = "fast:1";
+             j["head"].erase("nRecCount");
+             j["sections"][0]["records"] = tool::Json(std::vector<tool::Json>(70000, tool::Json::object()));
+             j["sections"][0].erase("count");
+         }),
+         {}, "section 1 lists 70000 records: too many records for the Fast coding (65535 per array)"},
+        {"a byte the Fast coding's ascii field cannot carry",
+         edit(request, [](tool::Json& j) { j["coding"] = "fast:1", j["sections"][0]["records"][0]["f35"] = "Z\xc3\xbcrich"; }), {},
+         "REQ_1002 field f35 (ascii, 24 bytes): byte 1 is 0xc3, which the Fast coding cannot carry"},
+        {"a line of a refused message", edit(request, [](tool::Json& j) { j["refused"] = "negative record count"; }), {},
+         "the message was refused when it was decoded (negative record count)"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         const std::string error = EncodeError(c.message, c.options);
         EXPECT_NE(error.find(c.error), std::string::npos) << error;
     }
+    // Nesting no message has, and keys by the hundred thousand, are refused
+    // where they stand.
+    const std::string nested = std::string(150000, '[') + std::string(150000, ']');
+    const std::string deep = R"({"direction": "request", "sections": [{"records": [)" + nested + "]}]}";
+    std::string keys = R"({"direction": "request", "head": {"nFuncId": 1002}, "coding": "2008", "sections": [{"records": [{"f0": 1)";
+    for (int i = 0; i < 100000; ++i) keys += ",\"k" + std::to_string(i) + "\": 1";
+    keys += "}]}]}";
+    for (const auto& [text, error] : {std::pair{nested, "the input must be a JSON object"},
+                                      std::pair{deep, "the JSON nests deeper than 64 levels"},
+                                      std::pair{keys, "section 1 record 0: \"k0\" is no field of REQ_1002"}}) {
+        try {
+            tool::EncodeText(text, {});
+            ADD_FAILURE() << "accepted " << error;
+        } catch (const std::runtime_error& e) {
+            EXPECT_NE(std::string(e.what()).find(error), std::string::npos) << e.what();
+        }
+    }
+    // --classic packs the byte as the classic members do: the field behind
+    // it is garbled on restore, which is why it must be asked for.
+    tool::EncodeOptions classic;
+    classic.classic = true;
+    tool::Json zurich = edit(request, [](tool::Json& j) { j["coding"] = "fast:1", j["sections"][0]["records"][0]["f35"] = "Z\xc3\xbcrich"; });
+    const tool::Json back = tool::ToJson(tool::Decode(tool::Encode(zurich, classic), 0));
+    EXPECT_NE(back["sections"][0]["records"][0]["f35"], zurich["sections"][0]["records"][0]["f35"]);
+    EXPECT_NE(back["sections"][0]["records"][0]["f59"], zurich["sections"][0]["records"][0]["f59"]);
+
     // The options override the JSON: the same records as a Fast request.
     tool::EncodeOptions o;
     o.fastVersion = 2;

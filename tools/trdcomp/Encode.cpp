@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -180,44 +181,34 @@ private:
 
 bool Reader::key(std::string& k) {
     Frame& f = frames_.back();
+    auto check = [&](const std::vector<std::string>& known, const std::string& what) {
+        if (std::find(known.begin(), known.end(), k) != known.end()) return;
+        try {
+            Unknown(k, known, what);
+        } catch (const std::runtime_error& e) {
+            Fail(e.what());
+        }
+    };
     switch (f.ctx) {
         case Ctx::top:
-            if (std::find(kMessageKeys.begin(), kMessageKeys.end(), k) == kMessageKeys.end()) Unknown(k, kMessageKeys, "key of a message");
+            check(kMessageKeys, "key of a message");
             // Two lists of sections would be read as one.
-            if (k == "sections" && sectionsSeen_++) throw std::runtime_error("the JSON names \"sections\" twice");
+            if (k == "sections" && sectionsSeen_++) Fail("the JSON names \"sections\" twice");
             break;
-        case Ctx::head:
-            if (std::find(kHeadKeys.begin(), kHeadKeys.end(), k) == kHeadKeys.end()) Unknown(k, kHeadKeys, "key of the head");
-            break;
+        case Ctx::head: check(kHeadKeys, "key of the head"); break;
         case Ctx::section:
-            if (std::find(kSectionKeys.begin(), kSectionKeys.end(), k) == kSectionKeys.end()) Unknown(k, kSectionKeys, "key of a section");
+            check(kSectionKeys, "key of a section");
             if (k == "records" && recordsSeen_++) Fail("the section names \"records\" twice");
             break;
-        case Ctx::hexValue:
-            if (k != "hex") Unknown(k, kHexKeys, "key of a text's value");
-            break;
+        case Ctx::hexValue: check(kHexKeys, "key of a text's value"); break;
         case Ctx::record:
             f.keyField = FieldNamed(*f.layout, k);
-            if (f.keyField == nullptr) {
-                try {
-                    Unknown(k, FieldKeys(*f.layout), "field of " + f.layout->name);
-                } catch (const std::runtime_error& e) {
-                    Fail(e.what());
-                }
-            }
+            if (f.keyField == nullptr) check(FieldKeys(*f.layout), "field of " + f.layout->name);
             break;
-        case Ctx::fieldObject: {
-            const std::vector<std::string>& known = f.field->kind == FieldKind::Sized ? kSizedKeys : kHexKeys;
-            if (std::find(known.begin(), known.end(), k) == known.end()) {
-                try {
-                    Unknown(k, known, "key of a value of field f" + std::to_string(f.field->offset));
-                } catch (const std::runtime_error& e) {
-                    Fail(e.what());
-                }
-            }
+        case Ctx::fieldObject:
+            check(f.field->kind == FieldKind::Sized ? kSizedKeys : kHexKeys, "key of a value of field f" + std::to_string(f.field->offset));
             break;
-        }
-        case Ctx::skip: break;
+        case Ctx::skip:
         case Ctx::user:
         case Ctx::sections:
         case Ctx::records:
@@ -386,16 +377,19 @@ void Reader::Record(const JsonIn& value) {
     if (!raw.empty()) std::memcpy(rec, raw.data(), raw.size());
 }
 
-// An integer member of the JSON, or `fallback` when it has none: a 32-bit
-// word, as the heads and the section table hold them.
-std::int32_t IntOf(const JsonIn& j, const char* key, std::int32_t fallback, const std::string& where = "") {
-    if (!j.is_object() || !j.contains(key)) return fallback;
-    const JsonIn& v = j.at(key);
-    const std::string name = (where.empty() ? "" : where + ": ") + "\"" + key + "\"";
+// A 32-bit word, as the heads and the section table hold them, named `name`
+// in an error.
+std::int32_t Int32Of(const JsonIn& v, const std::string& name) {
     if (!v.is_number_integer()) throw std::runtime_error(name + " must be an integer");
     if (v.is_number_unsigned() ? v.get<std::uint64_t>() > INT32_MAX : v.get<std::int64_t>() < INT32_MIN || v.get<std::int64_t>() > INT32_MAX)
         throw std::runtime_error(name + " is " + v.dump() + ", out of range of a 32-bit word (-2147483648 to 2147483647)");
     return static_cast<std::int32_t>(v.get<std::int64_t>());
+}
+
+// An integer member of the JSON, or `fallback` when it has none.
+std::int32_t IntOf(const JsonIn& j, const char* key, std::int32_t fallback, const std::string& where = "") {
+    if (!j.is_object() || !j.contains(key)) return fallback;
+    return Int32Of(j.at(key), (where.empty() ? "" : where + ": ") + "\"" + key + "\"");
 }
 
 const JsonIn* Member(const JsonIn& j, const char* key) { return j.is_object() && j.contains(key) ? &j.at(key) : nullptr; }
@@ -418,8 +412,7 @@ Array ReadArray(const JsonIn& sec, std::int64_t given, const Layout* expected, c
         throw std::runtime_error(where + ": its count is " + std::to_string(a.count) + " but it lists " + Plural(given, "record") +
                                  ": the count must be the number of records listed");
     if (fastVersion != 0 && given > 0xFFFF)
-        throw std::runtime_error(where + " lists " + Plural(given, "record") + ": " + trdcomp::Message(trdcomp::Reason::too_many_fast_records) +
-                                 " (the Fast coding counts an array's records in 16 bits)");
+        throw std::runtime_error(where + " lists " + Plural(given, "record") + ": " + trdcomp::Message(trdcomp::Reason::too_many_fast_records));
     a.layout = expected;
     if (const JsonIn* l = Member(sec, "layout"); l && !l->is_null()) {
         if (!l->is_string()) throw std::runtime_error(where + ": \"layout\" must be a layout's name or null (raw records)");
@@ -454,15 +447,36 @@ Array ReadArray(const JsonIn& sec, std::int64_t given, const Layout* expected, c
 
 // Encode writes only messages the library restores: a head the JSON set up
 // against the restore's checks (a request's flag bit 1, the coded bit of a
-// raw id, ...) is refused with the check that would fail.
+// raw id, ...) is refused with the check that would fail. The checks come
+// before the restore needs its buffer, so none is given (the answer is
+// then "too small", with the size a restore needs).
 void CheckRestores(const std::vector<char>& wire, bool request, char flag) {
     const trdcomp::span<const char> in(wire.data(), wire.size());
-    const trdcomp::Restored r = request ? trdcomp::RestoreRequest(in, flag) : trdcomp::RestoreAnswer(in, flag);
-    if (!r && r.Error() != trdcomp::Errc::out_of_memory) {
+    trdcomp::RestoreOptions options;
+    options.flag = flag;
+    const trdcomp::RestoredView r = request ? trdcomp::RestoreRequestInto({}, in, options) : trdcomp::RestoreAnswerInto({}, in, options);
+    if (!r && r.Error() != trdcomp::Errc::buffer_too_small) {
         const int version = head::FastVersion(HeadWord(wire, head::kFlagsAt));
         throw std::runtime_error("the message would not restore: " + WhyRefused(r, wire, version));
     }
 }
+
+// Room for a packed message of at most `bound` bytes, not cleared (only what
+// the packer writes is touched), and the message once packed: its bytes and
+// what the sender put behind it.
+struct PackBuffer {
+    explicit PackBuffer(std::uint64_t bound) : size(static_cast<std::size_t>(bound)), data(new char[size]) {}
+    std::vector<char> Message(std::size_t length, const std::vector<char>& behind) {
+        std::vector<char> wire;
+        wire.reserve(length + behind.size());
+        wire.assign(data.get(), data.get() + length);
+        wire.insert(wire.end(), behind.begin(), behind.end());
+        data.reset();
+        return wire;
+    }
+    std::size_t size;
+    std::unique_ptr<char[]> data;
+};
 
 // The records of every section, read from the text a second time into the
 // arrays the first reading sized.
@@ -473,9 +487,10 @@ void FillRecords(std::string_view text, std::vector<Array>& arrays, bool fast, b
 
 }  // namespace
 
-std::vector<char> Encode(const Json& message, const EncodeOptions& options) { return EncodeText(message.dump(), options); }
+namespace {
 
-std::vector<char> EncodeText(std::string_view text, const EncodeOptions& o) {
+// EncodeText; `owner`, when given, holds the text and lets it go once read.
+std::vector<char> EncodeImpl(std::string_view text, const EncodeOptions& o, std::vector<char>* owner) {
     Reader skeleton(Reader::Pass::skeleton, nullptr, false, false);
     JsonIn::sax_parse(text, &skeleton);
     const JsonIn& msg = skeleton.Document();
@@ -539,10 +554,7 @@ std::vector<char> EncodeText(std::string_view text, const EncodeOptions& o) {
         if (head.contains("nUser")) {
             const JsonIn& u = head.at("nUser");
             if (!u.is_array() || u.size() != 14) throw std::runtime_error("\"nUser\" must be a list of 14 integers");
-            for (int i = 0; i < 14; ++i) {
-                const JsonIn word = {{"w", u[static_cast<std::size_t>(i)]}};
-                h.nUser[i] = IntOf(word, "w", 0, "head nUser[" + std::to_string(i) + "]");
-            }
+            for (int i = 0; i < 14; ++i) h.nUser[i] = Int32Of(u[static_cast<std::size_t>(i)], "head nUser[" + std::to_string(i) + "]");
         }
         // The head's count and size are the section's unless it says otherwise.
         std::optional<std::int32_t> headCount, headSize;
@@ -566,6 +578,7 @@ std::vector<char> EncodeText(std::string_view text, const EncodeOptions& o) {
                                      std::to_string(headSize.value_or(a.size)) + ") differ from section 1's count and size (" +
                                      std::to_string(a.count) + ", " + std::to_string(a.size) + ")");
         FillRecords(text, arrays, version != 0, o.classic);
+        if (owner) std::vector<char>().swap(*owner);
         h.nRecCount = a.count;
         h.nRecSize = a.size;
         // A raw request's bytes behind its records travel with them; a coded
@@ -573,12 +586,12 @@ std::vector<char> EncodeText(std::string_view text, const EncodeOptions& o) {
         if (raw) a.bytes.insert(a.bytes.end(), trailing.begin(), trailing.end());
         const std::uint64_t bound = trdcomp::RequestSizeBound(h, a.bytes.size(), coding);
         if (bound + (raw ? 0 : trailing.size()) > static_cast<std::uint64_t>(INT_MAX)) throw std::runtime_error("the message would exceed 2 GiB");
-        std::vector<char> out(static_cast<std::size_t>(bound));
-        const trdcomp::PackResult res = trdcomp::PackRequest(out, h, trdcomp::span<const char>(a.bytes.data(), a.bytes.size()), coding);
+        PackBuffer buffer(bound);
+        const trdcomp::PackResult res = trdcomp::PackRequest(trdcomp::span<char>(buffer.data.get(), buffer.size), h,
+                                                             trdcomp::span<const char>(a.bytes.data(), a.bytes.size()), coding);
         if (!res) throw std::runtime_error(std::string("the library refused to pack the request: ") + trdcomp::Message(res.reason));
         arrays.clear();
-        out.resize(res.size);
-        if (!raw) out.insert(out.end(), trailing.begin(), trailing.end());
+        std::vector<char> out = buffer.Message(res.size, raw ? std::vector<char>() : trailing);
         CheckRestores(out, true, flag);
         return out;
     }
@@ -623,36 +636,50 @@ std::vector<char> EncodeText(std::string_view text, const EncodeOptions& o) {
             throw std::runtime_error("the head's nRecCount is " + std::to_string(proc.nRecCount[0]) + " but the JSON lists no records");
     }
     FillRecords(text, data, version != 0, o.classic);
+    if (owner) std::vector<char>().swap(*owner);
     const std::uint64_t bound = trdcomp::AnswerSizeBound(proc, coding);
     if (bound + trailing.size() > static_cast<std::uint64_t>(INT_MAX)) throw std::runtime_error("the message would exceed 2 GiB");
-    std::vector<char> out(static_cast<std::size_t>(bound), 0);
+    PackBuffer buffer(bound);
+    char* const out = buffer.data.get();
+    std::memset(out, 0, std::min<std::size_t>(buffer.size, head::kAnswerLength));
     // PackAns2008 or-s its bits into the flags word and leaves bytes 12..19:
     // the sender's other flag bits and reserved bytes are placed first.
     const std::int32_t keep = IntOf(head, "nFlags", 0, "head") & ~(TRDCOMP_FLAG_CODED | TRDCOMP_FLAG_SECTIONS | TRDCOMP_FLAG_FAST_MASK);
-    trdcomp::head::Store(out.data(), trdcomp::head::kFlagsAt, keep);
+    trdcomp::head::Store(out, trdcomp::head::kFlagsAt, keep);
     if (head.contains("cReserved")) {
         std::vector<char> reserved;
         if (!head.at("cReserved").is_string() || !ParseHex(head.at("cReserved").get<std::string>(), reserved) || reserved.size() != 8)
             throw std::runtime_error("head cReserved must be 8 bytes of hex");
-        std::memcpy(out.data() + trdcomp::head::kAnswerReservedAt, reserved.data(), reserved.size());
+        std::memcpy(out + trdcomp::head::kAnswerReservedAt, reserved.data(), reserved.size());
     }
     int len = 0;
-    CTrdCompData::PackAns2008(out.data(), static_cast<int>(out.size()), len, &proc, data[0].bytes.data(), data[1].bytes.data(),
+    CTrdCompData::PackAns2008(out, static_cast<int>(buffer.size), len, &proc, data[0].bytes.data(), data[1].bytes.data(),
                               data[2].bytes.data(), data[3].bytes.data(), data[4].bytes.data(), flag, version << TRDCOMP_FLAG_FAST_SHIFT);
     if (len == 0) {
         // The modern packer says why (it takes the arrays that carry records).
         std::vector<trdcomp::Array> arrays;
         for (std::size_t j = 0; j < std::min<std::size_t>(static_cast<std::size_t>(arrayCount), 5); ++j)
             arrays.emplace_back(data[j].bytes.data(), data[j].count, data[j].size);
-        const trdcomp::PackResult why = trdcomp::PackAnswer(out, proc, trdcomp::span<const trdcomp::Array>(arrays.data(), arrays.size()), coding);
+        const trdcomp::PackResult why = trdcomp::PackAnswer(trdcomp::span<char>(out, buffer.size), proc,
+                                                            trdcomp::span<const trdcomp::Array>(arrays.data(), arrays.size()), coding);
         throw std::runtime_error(std::string("the library refused to pack the answer: ") +
                                  (why ? "its classic packer returned no message" : trdcomp::Message(why.reason)));
     }
     data.clear();
-    out.resize(static_cast<std::size_t>(len));
-    out.insert(out.end(), trailing.begin(), trailing.end());
-    CheckRestores(out, false, flag);
-    return out;
+    std::vector<char> wire = buffer.Message(static_cast<std::size_t>(len), trailing);
+    CheckRestores(wire, false, flag);
+    return wire;
 }
+
+}  // namespace
+
+std::vector<char> EncodeText(std::string_view text, const EncodeOptions& options) { return EncodeImpl(text, options, nullptr); }
+
+std::vector<char> EncodeText(std::vector<char>&& text, const EncodeOptions& options) {
+    std::vector<char> owned = std::move(text);
+    return EncodeImpl(std::string_view(owned.data(), owned.size()), options, &owned);
+}
+
+std::vector<char> Encode(const Json& message, const EncodeOptions& options) { return EncodeText(message.dump(), options); }
 
 }  // namespace tool

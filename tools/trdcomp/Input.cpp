@@ -1,5 +1,6 @@
 #include "Input.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -75,6 +76,10 @@ long InputFile::Read(char* p, std::size_t n) {
 bool InputFile::ReadAll(std::vector<char>& bytes, std::size_t limit) {
     bytes.clear();
     const std::size_t cap = limit == static_cast<std::size_t>(-1) ? limit : limit + 1;
+    // A file's size is known: room for it at once, not twice as it grows.
+    struct stat st {};
+    if (::fstat(fd_, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0)
+        bytes.reserve(std::min(cap, static_cast<std::size_t>(st.st_size) + 1));
     for (;;) {
         const std::size_t at = bytes.size();
         if (at >= cap) return false;

@@ -144,6 +144,8 @@ struct EncodeOptions {
 // text is read as it stands, never built into one document: memory goes to
 // the text, the records' bytes and the message.
 std::vector<char> EncodeText(std::string_view text, const EncodeOptions& options);
+// The same, letting the text go once it is read, before the message is packed.
+std::vector<char> EncodeText(std::vector<char>&& text, const EncodeOptions& options);
 // EncodeText of the document's text.
 std::vector<char> Encode(const Json& message, const EncodeOptions& options);
 

@@ -105,14 +105,14 @@ void PrintLayout(const catalogue_model::Layout& l, const std::string& indent) {
 }  // namespace
 
 int RunEncode(const EncodeCommandOptions& o) {
-    const std::vector<char> text = ReadAll(o.in, static_cast<std::size_t>(-1), "");
+    std::vector<char> text = ReadAll(o.in, static_cast<std::size_t>(-1), "");
     EncodeOptions e;
     e.direction = o.request ? 1 : o.answer ? 2 : 0;
     e.id = o.id;
     e.fastVersion = o.coding.empty() ? -1 : ParseCoding(o.coding);
     e.flag = o.flag;
     e.classic = o.classic;
-    const std::vector<char> wire = EncodeText(std::string_view(text.data(), text.size()), e);
+    const std::vector<char> wire = EncodeText(std::move(text), e);
     if (o.hex) {
         const std::string h = Hex(wire.data(), wire.size()) + "\n";
         WriteAll(o.out, std::vector<char>(h.begin(), h.end()));
