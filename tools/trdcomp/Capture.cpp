@@ -498,6 +498,11 @@ void TcpMessages::Tcp(bool v6, const unsigned char* src, const unsigned char* ds
 
 void TcpMessages::Place(Direction& d, std::int64_t offset, const unsigned char* p, std::size_t n, std::size_t missing, Timestamp time) {
     std::int64_t end = offset + static_cast<std::int64_t>(n);
+    if (d.ended) {
+        // Bytes after the FIN are no part of the stream.
+        if (offset < d.nextOff) Compare(d, offset, p, static_cast<std::size_t>(std::min(end, d.nextOff) - offset));
+        return;
+    }
     if (end <= d.nextOff) {
         Compare(d, offset, p, n);  // a retransmission of bytes handed on
         if (missing == 0) return;
@@ -642,7 +647,14 @@ void TcpMessages::Ready(Direction& d) {
 }
 
 void TcpMessages::Close(std::unique_ptr<Connection> c) {
-    for (Direction& d : c->side) EndDirection(d);
+    for (Direction& d : c->side) {
+        EndDirection(d);
+        // (Nothing is held by a direction that ended; a guard all the same,
+        // for the connection is let go once its messages are out.)
+        for (const auto& [at, bytes] : d.ahead) held_ -= bytes.size();
+        d.ahead.clear();
+        holding_.erase(&d);
+    }
     if (closed_.size() >= kMaxClosed) closed_.clear();
     Closed& gone = closed_[c->key];
     gone.firstSource = c->firstSource;
