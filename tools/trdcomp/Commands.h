@@ -40,6 +40,7 @@ struct DecodeOptions : FeedOptions {
     bool json = false;
     bool jsonl = false;    // one JSON object a line a message (streams and captures)
     bool sent = false;     // mark each Fast field's origin
+    int threads = -1;      // streams and captures: threads that decode and write out (-1: one a core; 0: none but the reader)
 };
 // Prints a message; or each message of a stream or capture as soon as its
 // last byte has come, and then the count per direction, id and coding. The

@@ -3,16 +3,20 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <iomanip>
+#include <deque>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <unistd.h>
 #include <vector>
@@ -227,47 +231,95 @@ bool NoPayload(const Feed& feed, const FeedOptions& o, std::ostream& err, const 
 
 namespace {
 
+// Messages are decoded and written out in batches on worker threads (as many
+// as the machine has cores), and the batches' text is written in order: the
+// reading thread only cuts, copies and writes.
 class DecodeRun {
 public:
     DecodeRun(const DecodeOptions& o, std::ostream& out, std::ostream& err)
         : o_(o), out_(out), err_(err), filter_(ParseFilter(o.ids, o.dir)), options_(RestoreOptionsOf(o)) {
-        text_.Grow(kFlushAt * 2);
-        text_.Clear();
+        // As many workers as cores (one core: none, the reading thread formats too).
+        const unsigned cores = std::min(8u, std::thread::hardware_concurrency());
+        const unsigned n = o.threads >= 0 ? static_cast<unsigned>(o.threads) : cores > 1 ? cores : 0;
+        for (unsigned i = 0; i < n; ++i) workers_.emplace_back([this] { Work(); });
+    }
+    ~DecodeRun() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        for (std::thread& t : workers_) t.join();
     }
 
     int Run() {
-        Feed feed(o_, [this] { Flush(); });
+        // Before the input waits, everything read so far is written.
+        Feed feed(o_, [this] { WriteAll(); });
         Progress progress(o_.progress, "decode");
         Found f;
         while (feed.Next(f)) {
             if (f.cut.isReport) Reported(f);
             else Message(f);
-            if (text_.Size() > kFlushAt) Flush();
+            if (batch_->entries.size() >= kBatch || batch_->bytes.size() >= kBatchBytes) Submit();
             progress.Show(outcome_.messages, feed.BytesRead());
         }
+        WriteAll();
         const bool empty = NoPayload(feed, o_, err_, "decode");
         if (!o_.jsonl) Summary();
-        Flush();
         return outcome_.problems || outcome_.refused || empty ? 1 : 0;
     }
 
 private:
-    void Flush() {
-        out_.write(text_.View().data(), static_cast<std::streamsize>(text_.Size()));
-        text_.Clear();
-        out_.flush();
+    struct Count {
+        std::uint64_t messages = 0, refused = 0;
+    };
+    // A message of the feed (its bytes in the batch's), or a report's line.
+    struct Entry {
+        bool report = false;
+        std::string line;  // a report: its line; a message: where it was found ("name, ", and the time after it)
+        std::string time;
+        std::uint64_t number = 0, offset = 0;
+        std::size_t at = 0, size = 0;
+        Kind kind;
+    };
+    struct Batch {
+        std::vector<Entry> entries;
+        std::vector<char> bytes;
+        TextBuffer out;
+        std::string err;
+        std::map<Kind, std::uint64_t> refused;
+        std::string failure;  // what went wrong on the worker (an allocation)
+        bool done = false;
+    };
+    static constexpr std::size_t kBatch = 256;                       // messages a batch
+    static constexpr std::size_t kBatchBytes = std::size_t{1} << 20;  // or bytes
+    static constexpr std::size_t kInFlight = 16;                       // batches in the workers' hands at most
+
+    // The batch being filled: a written one again (its buffers kept), or a new one.
+    Batch& Current() {
+        if (batch_) return *batch_;
+        if (spare_.empty()) {
+            batch_ = std::make_unique<Batch>();
+        } else {
+            batch_ = std::move(spare_.back());
+            spare_.pop_back();
+            batch_->entries.clear();
+            batch_->bytes.clear();
+            batch_->out.Clear();
+            batch_->err.clear();
+            batch_->refused.clear();
+            batch_->done = false;
+        }
+        return *batch_;
     }
 
     void Reported(const Found& f) {
         const Report& r = f.cut.report;
         if (r.kind != ReportKind::skipped || r.bytes > 0) ++outcome_.problems;
-        const std::string line = std::string(ReportKindName(r.kind)) + ": " + Where(f) + r.text + "\n";
-        if (o_.jsonl) {
-            Flush();
-            err_ << "trdcomp decode: " << line << std::flush;
-        } else {
-            text_.Append(line + "\n");
-        }
+        Entry e;
+        e.report = true;
+        e.line = std::string(ReportKindName(r.kind)) + ": " + Where(f) + r.text + "\n";
+        Current().entries.push_back(std::move(e));
     }
 
     void Message(const Found& f) {
@@ -276,93 +328,186 @@ private:
         const std::size_t n = f.cut.size;
         if (!filter_.Keeps(p, n)) return;
         ++outcome_.kept;
-        const Kind kind = KindOf(p, n);
-        Count& count = perKind_[kind];
-        ++count.messages;
-        std::optional<Decoded> m;
-        std::string why;
-        try {
-            m = Decode(std::vector<char>(p, p + n), options_);
-        } catch (const std::exception& e) {
-            why = e.what();
-            ++count.refused;
-            ++outcome_.refused;
+        Batch& b = Current();
+        Entry e;
+        e.number = number;
+        e.offset = f.cut.offset;
+        e.kind = KindOf(p, n);
+        ++perKind_[e.kind].messages;
+        if (f.flow != nullptr && f.flow->connection != 0) {
+            e.line = f.flow->name;
+            e.time = times_.Text(f.time);
         }
-        if (o_.jsonl) {
-            JsonLine(f, number, kind, m ? &*m : nullptr, why);
+        e.at = b.bytes.size();
+        e.size = n;
+        b.bytes.insert(b.bytes.end(), p, p + n);
+        b.entries.push_back(std::move(e));
+    }
+
+    void Submit() {
+        if (!batch_ || batch_->entries.empty()) return;
+        if (workers_.empty()) {
+            Format(*batch_);
+            batch_->done = true;
+            inFlight_.push_back(std::move(batch_));
+            WriteDone(false);
             return;
         }
-        text_.Append("== message " + std::to_string(number) + ": " + Where(f) + "offset " + std::to_string(f.cut.offset) + ", " +
-                     Plural(static_cast<long long>(n), "byte") + (f.flow && f.flow->connection ? ", " + times_.Text(f.time) : "") + "\n");
-        if (m) {
-            line_.clear();
-            AppendText(*m, line_, o_.sent);
-            text_.Append(line_);
-        } else {
-            text_.Append("refused: " + why + "\n");
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            queue_.push_back(batch_.get());
+            inFlight_.push_back(std::move(batch_));
         }
-        text_.Append('\n');
+        wake_.notify_one();
+        WriteDone(inFlight_.size() > kInFlight);
+    }
+
+    // Writes the batches done, in order; with `wait`, at least the first.
+    void WriteDone(bool wait) {
+        while (!inFlight_.empty()) {
+            std::unique_ptr<Batch> b;
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                if (!inFlight_.front()->done) {
+                    if (!wait) return;
+                    done_.wait(lock, [&] { return inFlight_.front()->done; });
+                }
+                b = std::move(inFlight_.front());
+                inFlight_.pop_front();
+            }
+            wait = false;
+            if (!b->failure.empty()) throw std::runtime_error(b->failure);
+            for (const auto& [kind, n] : b->refused) {
+                perKind_[kind].refused += n;
+                outcome_.refused += n;
+            }
+            out_.write(b->out.View().data(), static_cast<std::streamsize>(b->out.Size()));
+            if (!b->err.empty()) {
+                out_.flush();
+                err_ << b->err << std::flush;
+            }
+            spare_.push_back(std::move(b));
+        }
+    }
+
+    // Everything read so far, written out.
+    void WriteAll() {
+        Submit();
+        while (!inFlight_.empty()) WriteDone(true);
+        out_.flush();
+    }
+
+    void Work() {
+        for (;;) {
+            Batch* b;
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                wake_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
+                if (queue_.empty()) return;
+                b = queue_.front();
+                queue_.pop_front();
+            }
+            try {
+                Format(*b);
+            } catch (const std::exception& e) {
+                b->failure = e.what();
+            }
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                b->done = true;
+            }
+            done_.notify_all();
+        }
+    }
+
+    void Format(Batch& b) {
+        thread_local std::string text;
+        for (const Entry& e : b.entries) {
+            if (e.report) {
+                if (o_.jsonl) b.err += "trdcomp decode: " + e.line;
+                else b.out.Append(e.line + "\n");
+                continue;
+            }
+            std::optional<Decoded> m;
+            std::string why;
+            try {
+                m = Decode(std::vector<char>(b.bytes.begin() + static_cast<std::ptrdiff_t>(e.at),
+                                             b.bytes.begin() + static_cast<std::ptrdiff_t>(e.at + e.size)),
+                           options_);
+            } catch (const std::exception& x) {
+                why = x.what();
+                ++b.refused[e.kind];
+            }
+            if (o_.jsonl) {
+                JsonLine(b.out, e, m ? &*m : nullptr, why);
+                continue;
+            }
+            text = "== message " + std::to_string(e.number) + ": " + (e.line.empty() ? "" : e.line + ", ") + "offset " +
+                   std::to_string(e.offset) + ", " + Plural(static_cast<long long>(e.size), "byte") + (e.time.empty() ? "" : ", " + e.time) + "\n";
+            if (m) AppendText(*m, text, o_.sent);
+            else text += "refused: " + why + "\n";
+            text += '\n';
+            b.out.Append(text);
+        }
     }
 
     // The message as one line of JSON: where it was found, then the message
     // as --json describes it, or the refusal.
-    void JsonLine(const Found& f, std::uint64_t number, const Kind& kind, const Decoded* m, const std::string& why) {
+    void JsonLine(TextBuffer& out, const Entry& e, const Decoded* m, const std::string& why) const {
         {
-            JsonTextSink sink(text_);
+            JsonTextSink sink(out);
             sink.BeginObject();
             sink.Key("message");
-            sink.Unsigned(number);
-            if (f.flow != nullptr && f.flow->connection != 0) {
+            sink.Unsigned(e.number);
+            if (!e.line.empty()) {
                 sink.Key("time");
-                sink.String(times_.Text(f.time));
+                sink.String(e.time);
                 sink.Key("connection");
-                sink.String(f.flow->name);
+                sink.String(e.line);
             }
             sink.Key("offset");
-            sink.Unsigned(f.cut.offset);
+            sink.Unsigned(e.offset);
             if (m) {
                 sink.Key("id");
-                sink.Integer(kind.id);
+                sink.Integer(e.kind.id);
                 DescribeMembers(*m, sink);
             } else {
                 sink.Key("bytes");
-                sink.Unsigned(f.cut.size);
-                if (kind.direction != head::kNoMessage) {
+                sink.Unsigned(e.size);
+                if (e.kind.direction != head::kNoMessage) {
                     sink.Key("direction");
-                    sink.String(kind.direction == head::kRequest ? "request" : "answer");
+                    sink.String(e.kind.direction == head::kRequest ? "request" : "answer");
                     sink.Key("id");
-                    sink.Integer(kind.id);
+                    sink.Integer(e.kind.id);
                     sink.Key("coding");
-                    sink.String(CodingName(kind.coding));
+                    sink.String(CodingName(e.kind.coding));
                 }
                 sink.Key("refused");
                 sink.String(why);
             }
             sink.EndObject();
         }
-        text_.Append('\n');
+        out.Append('\n');
     }
 
     void Summary() {
-        std::string line = Plural(static_cast<long long>(outcome_.messages), "message");
-        if (outcome_.kept != outcome_.messages) line += ", " + std::to_string(outcome_.kept) + " of them kept by --id/--dir";
-        if (outcome_.refused) line += " (" + std::to_string(outcome_.refused) + " refused)";
-        text_.Append(line + "\n");
-        if (perKind_.empty()) return;
-        std::vector<std::vector<std::string>> rows = {{"direction", "id", "coding", "messages", "refused"}};
-        for (const auto& [k, c] : perKind_) {
-            std::vector<std::string> row = KindCells(k);
-            row.push_back(std::to_string(c.messages));
-            row.push_back(std::to_string(c.refused));
-            rows.push_back(row);
+        std::string text = Plural(static_cast<long long>(outcome_.messages), "message");
+        if (outcome_.kept != outcome_.messages) text += ", " + std::to_string(outcome_.kept) + " of them kept by --id/--dir";
+        if (outcome_.refused) text += " (" + std::to_string(outcome_.refused) + " refused)";
+        text += "\n";
+        if (!perKind_.empty()) {
+            std::vector<std::vector<std::string>> rows = {{"direction", "id", "coding", "messages", "refused"}};
+            for (const auto& [k, c] : perKind_) {
+                std::vector<std::string> row = KindCells(k);
+                row.push_back(std::to_string(c.messages));
+                row.push_back(std::to_string(c.refused));
+                rows.push_back(row);
+            }
+            text += Table(rows, "  ", 3);
         }
-        text_.Append(Table(rows, "  ", 3));
+        out_ << text << std::flush;
     }
 
-    struct Count {
-        std::uint64_t messages = 0, refused = 0;
-    };
-    static constexpr std::size_t kFlushAt = std::size_t{1} << 16;  // bytes of output written at once
     const DecodeOptions& o_;
     std::ostream& out_;
     std::ostream& err_;
@@ -370,9 +515,15 @@ private:
     const trdcomp::RestoreOptions options_;
     Outcome outcome_;
     std::map<Kind, Count> perKind_;
-    TextBuffer text_;  // output not written yet
-    std::string line_;  // a message's text
     TimeCache times_;
+    std::unique_ptr<Batch> batch_;                 // being filled
+    std::vector<std::unique_ptr<Batch>> spare_;    // written, to be filled again
+    std::deque<std::unique_ptr<Batch>> inFlight_;  // with the workers, in the order they are written
+    std::deque<Batch*> queue_;                     // not taken by a worker yet
+    std::mutex mutex_;
+    std::condition_variable wake_, done_;
+    bool stopping_ = false;
+    std::vector<std::thread> workers_;
 };
 
 }  // namespace

@@ -106,6 +106,10 @@ int main(int argc, char** argv) {
                         "Fast coding: mark each field as sent, taken from the previous record, or the default");
     decodeCmd->add_option("--max-bytes", decode.maxBytes, kMaxBytesHelp)->check(kByteLimit)->capture_default_str();
     decodeCmd->add_flag("--strict", decode.strict, kStrictHelp);
+    decodeCmd->add_option("--threads", decode.threads,
+                          "Streams and captures: threads that decode and write out the messages beside the one that reads "
+                          "(default: one a core; 0: the reading thread does it all)")
+        ->check(CLI::Range(0, 64));
     AddFeedOptions(decodeCmd, decode);
 
     tool::FeedOptions stats;
