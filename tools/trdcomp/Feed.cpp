@@ -421,7 +421,6 @@ private:
     }
 
     void Format(Batch& b) {
-        thread_local std::string text;
         for (const Entry& e : b.entries) {
             if (e.report) {
                 if (o_.jsonl) b.err += "trdcomp decode: " + e.line;
@@ -442,12 +441,12 @@ private:
                 JsonLine(b.out, e, m ? &*m : nullptr, why);
                 continue;
             }
-            text = "== message " + std::to_string(e.number) + ": " + (e.line.empty() ? "" : e.line + ", ") + "offset " +
-                   std::to_string(e.offset) + ", " + Plural(static_cast<long long>(e.size), "byte") + (e.time.empty() ? "" : ", " + e.time) + "\n";
-            if (m) AppendText(*m, text, o_.sent);
-            else text += "refused: " + why + "\n";
-            text += '\n';
-            b.out.Append(text);
+            b.out.Append("== message " + std::to_string(e.number) + ": " + (e.line.empty() ? "" : e.line + ", ") + "offset " +
+                         std::to_string(e.offset) + ", " + Plural(static_cast<long long>(e.size), "byte") + (e.time.empty() ? "" : ", " + e.time) +
+                         "\n");
+            if (m) AppendText(*m, b.out, o_.sent);
+            else b.out.Append("refused: " + why + "\n");
+            b.out.Append('\n');
         }
     }
 
@@ -537,7 +536,7 @@ namespace {
 class StatsRun {
 public:
     StatsRun(const FeedOptions& o, std::ostream& out, std::ostream& err)
-        : o_(o), out_(out), err_(err), filter_(ParseFilter(o.ids, o.dir)), options_(RestoreOptionsOf(o)), block_(1 << 20) {}
+        : o_(o), out_(out), err_(err), filter_(ParseFilter(o.ids, o.dir)), options_(RestoreOptionsOf(o)) {}
 
     int Run() {
         Feed feed(o_, nullptr);
@@ -596,13 +595,15 @@ private:
         // a record: a restore into no room at all makes them and says the
         // size. The coded records are counted by the walk of their framing.
         // Raw records and --strict: the whole restore.
-        const bool whole = options_.strict || !coded;
+        const std::int32_t flags = head::Load(p, head::kFlagsAt);
+        const bool several = kind.direction == head::kAnswer && head::SeveralArrays(flags);
+        const bool whole = options_.strict || (!coded && several && head::FastVersion(flags) != 0);
         trdcomp::RestoredView r = trdcomp::RestoreInto(trdcomp::span<char>(), wire, options_);
         const std::size_t needed = r ? r.Size() : r.Needed();
         if (!r && r.Error() == trdcomp::Errc::buffer_too_small) {
             if (!whole) {
                 c.restored += needed;
-                c.records += trdcomp::CodedRecords(p, n, nullptr, 0);
+                c.records += coded ? trdcomp::CodedRecords(p, n, nullptr, 0) : RawRecords(p, n, kind.direction == head::kRequest, several);
                 return;
             }
             if (block_.size() < needed) block_.resize(needed);
@@ -620,6 +621,21 @@ private:
             const std::int32_t count = r.GetSection(j).count;
             if (count > 0) c.records += static_cast<std::uint64_t>(count);
         }
+    }
+
+    // The records a raw message the restore accepted holds, as its head or
+    // section table states them (the arrays a restore shows: at most five).
+    static std::uint64_t RawRecords(const char* p, std::size_t n, bool request, bool several) {
+        const head::Array first = request ? head::RequestArray(p) : head::AnswerArray(p);
+        if (!several) return first.count > 0 ? static_cast<std::uint64_t>(first.count) : 0;
+        head::SectionTable table{};
+        if (head::CheckSectionTable(p + head::kSectionTableAt, static_cast<long long>(n) - head::kSectionTableAt, head::kMaxSectionEntries,
+                                    &table, nullptr, nullptr) != head::kTableOk)
+            return 0;
+        std::uint64_t records = 0;
+        for (int j = 0; j < table.entries; ++j)
+            if (table.entry[j].count > 0) records += static_cast<std::uint64_t>(table.entry[j].count);
+        return records;
     }
 
     void Print(const Feed& feed) {

@@ -199,12 +199,64 @@ void AddRows(const Layout& l, const char* rec, int base, const std::string& pref
 }
 
 // A double that is no number goes as the hex of its bytes.
-void DescribeDouble(const char* p, ValueSink& out) {
+template <class Sink>
+void DescribeDouble(const char* p, Sink& out) {
     const double v = Load<double>(p);
     if (std::isfinite(v)) return out.Double(v);
     out.BeginObject();
     out.Key("hex");
     out.HexBytes(p, 8);
+    out.EndObject();
+}
+
+template <class Sink>
+void DescribeTextAs(const char* p, int width, Sink& out) {
+    const std::size_t n = PlainText(p, width);
+    if (n != static_cast<std::size_t>(-1)) return out.String(std::string_view(p, n));
+    out.BeginObject();
+    out.Key("hex");
+    out.HexBytes(p, Trimmed(p, width));
+    out.EndObject();
+}
+
+template <class Sink>
+void DescribeRecordAs(const Layout& l, const char* rec, Sink& out) {
+    out.BeginObject();
+    for (const Field& f : l.fields) {
+        const char* p = rec + f.offset;
+        char key[16] = {'f'};
+        out.Key(std::string_view(key, static_cast<std::size_t>(std::to_chars(key + 1, key + sizeof key, f.offset).ptr - key)));
+        switch (f.kind) {
+            case FieldKind::Char:
+                if (Printable(*p))
+                    out.String(std::string_view(p, 1));
+                else
+                    out.Unsigned(static_cast<unsigned char>(*p));
+                break;
+            case FieldKind::Text:
+            case FieldKind::Ascii: DescribeTextAs(p, f.width, out); break;
+            case FieldKind::Bytes:
+            case FieldKind::Uncoded: out.HexBytes(p, Trimmed(p, f.width)); break;
+            case FieldKind::Int32: out.Integer(Load<std::int32_t>(p)); break;
+            case FieldKind::Int64: out.Integer(Load<std::int64_t>(p)); break;
+            case FieldKind::Double: DescribeDouble(p, out); break;
+            case FieldKind::Sized:
+                out.BeginObject();
+                out.Key("length");
+                out.Integer(Load<std::int32_t>(p + f.width));
+                out.Key("hex");
+                out.HexBytes(p, Trimmed(p, f.width));
+                out.EndObject();
+                break;
+            case FieldKind::Array: {
+                const Layout& e = catalogue_model::Get().At(f.entry);
+                out.BeginList();
+                for (int k = 0; k < f.entries; ++k) DescribeRecordAs(e, p + k * e.size, out);
+                out.EndList();
+                break;
+            }
+        }
+    }
     out.EndObject();
 }
 
@@ -249,14 +301,7 @@ bool ParseHex(const std::string& text, std::vector<char>& out) {
     return half < 0;
 }
 
-void DescribeText(const char* p, int width, ValueSink& out) {
-    const std::size_t n = PlainText(p, width);
-    if (n != static_cast<std::size_t>(-1)) return out.String(std::string_view(p, n));
-    out.BeginObject();
-    out.Key("hex");
-    out.HexBytes(p, Trimmed(p, width));
-    out.EndObject();
-}
+void DescribeText(const char* p, int width, ValueSink& out) { DescribeTextAs(p, width, out); }
 
 void TextFromJson(const JsonIn& v, char* p, int width, const std::string& what) {
     if (v.is_object() && v.contains("hex")) return HexInto(v.at("hex"), p, width, what);
@@ -282,43 +327,10 @@ void FillRecordRows(const Layout& l, const char* rec, std::vector<Row>& rows) {
 }
 
 void DescribeRecord(const Layout& l, const char* rec, ValueSink& out) {
-    out.BeginObject();
-    for (const Field& f : l.fields) {
-        const char* p = rec + f.offset;
-        char key[16] = {'f'};
-        out.Key(std::string_view(key, static_cast<std::size_t>(std::to_chars(key + 1, key + sizeof key, f.offset).ptr - key)));
-        switch (f.kind) {
-            case FieldKind::Char:
-                if (Printable(*p))
-                    out.String(std::string_view(p, 1));
-                else
-                    out.Unsigned(static_cast<unsigned char>(*p));
-                break;
-            case FieldKind::Text:
-            case FieldKind::Ascii: DescribeText(p, f.width, out); break;
-            case FieldKind::Bytes:
-            case FieldKind::Uncoded: out.HexBytes(p, Trimmed(p, f.width)); break;
-            case FieldKind::Int32: out.Integer(Load<std::int32_t>(p)); break;
-            case FieldKind::Int64: out.Integer(Load<std::int64_t>(p)); break;
-            case FieldKind::Double: DescribeDouble(p, out); break;
-            case FieldKind::Sized:
-                out.BeginObject();
-                out.Key("length");
-                out.Integer(Load<std::int32_t>(p + f.width));
-                out.Key("hex");
-                out.HexBytes(p, Trimmed(p, f.width));
-                out.EndObject();
-                break;
-            case FieldKind::Array: {
-                const Layout& e = catalogue_model::Get().At(f.entry);
-                out.BeginList();
-                for (int k = 0; k < f.entries; ++k) DescribeRecord(e, p + k * e.size, out);
-                out.EndList();
-                break;
-            }
-        }
-    }
-    out.EndObject();
+    // The JSON text's sink, known, is called directly: the same description
+    // without a virtual call a value.
+    if (auto* json = dynamic_cast<JsonTextSink*>(&out)) return DescribeRecordAs(l, rec, *json);
+    DescribeRecordAs(l, rec, out);
 }
 
 Json RecordJson(const Layout& l, const char* rec) {

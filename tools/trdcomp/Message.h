@@ -122,7 +122,7 @@ void WriteJson(const Decoded& m, std::ostream& out);
 // The message as text; `sent` adds a column with each Fast field's origin.
 void PrintText(const Decoded& m, std::ostream& out, bool sent = false);
 // The same, at the end of `out`.
-void AppendText(const Decoded& m, std::string& out, bool sent = false);
+void AppendText(const Decoded& m, TextBuffer& out, bool sent = false);
 
 struct EncodeOptions {
     int direction = 0;   // 0: from the JSON, 1: request, 2: answer

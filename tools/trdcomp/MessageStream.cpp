@@ -55,6 +55,23 @@ const char* ReportKindName(ReportKind kind) {
 
 bool LosesBytes(ReportKind kind) { return kind != ReportKind::conflict; }
 
+void HeldBytes::Resize(std::size_t n) {
+    if (n > capacity_) {
+        const std::size_t capacity = std::max(n, 2 * capacity_);
+        std::unique_ptr<char[]> bigger(new char[capacity]);
+        if (size_ > 0) std::memcpy(bigger.get(), data_.get(), size_);
+        data_ = std::move(bigger);
+        capacity_ = capacity;
+    }
+    size_ = n;
+}
+
+void HeldBytes::EraseFront(std::size_t n) {
+    n = std::min(n, size_);
+    if (n < size_) std::memmove(data_.get(), data_.get() + n, size_ - n);
+    size_ -= n;
+}
+
 StreamCutter::StreamCutter(const Options& options) : options_(options), synced_(!options.pickup) {
     if (options.pickup) skipWhy_ = "the start of the stream is missing";
 }
@@ -69,14 +86,14 @@ char* StreamCutter::Room(std::size_t n) {
     // Bytes already cut are dropped once they are half the buffer, so that
     // moving the rest costs no more than cutting it did.
     if (head_ > 0 && (head_ >= buf_.size() / 2 || head_ >= (std::size_t{1} << 20))) {
-        buf_.erase(buf_.begin(), buf_.begin() + static_cast<std::ptrdiff_t>(head_));
+        buf_.EraseFront(head_);
         base_ += head_;
         scan_ = scan_ > head_ ? scan_ - head_ : 0;
         want_ = want_ > head_ ? want_ - head_ : 0;
         head_ = 0;
     }
     const std::size_t at = buf_.size();
-    buf_.resize(at + n);
+    buf_.Resize(at + n);
     room_ = n;
     return buf_.data() + at;
 }
@@ -84,7 +101,7 @@ char* StreamCutter::Room(std::size_t n) {
 void StreamCutter::Commit(std::size_t n) {
     // Room grew the buffer by its n; only these came.
     n = std::min(n, room_);
-    buf_.resize(buf_.size() - (room_ - n));
+    buf_.Resize(buf_.size() - (room_ - n));
     room_ = 0;
     end_ += n;
     if (stopped_) {
@@ -189,7 +206,7 @@ StreamCutter::Step StreamCutter::Cut1() {
             EmitSkipped(m.offset, skipWhy_, false);
         Emit(ReportKind::gap, m.offset, m.missing,
              Bytes(m.missing) + " missing from the capture at stream offset " + std::to_string(m.offset) + (m.why.empty() ? "" : " (" + m.why + ")"));
-        buf_.erase(buf_.begin(), buf_.begin() + static_cast<std::ptrdiff_t>(limit));
+        buf_.EraseFront(limit);
         base_ = m.offset + m.missing;
         head_ = scan_ = want_ = 0;
         synced_ = false;

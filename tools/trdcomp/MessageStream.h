@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,23 @@ struct Cut {
     const char* data = nullptr;
     std::size_t size = 0;
     Report report;
+};
+
+// Bytes held for cutting: grown without clearing the room, the front let
+// go by moving the rest down.
+class HeldBytes {
+public:
+    std::size_t size() const { return size_; }
+    char* data() { return data_.get(); }
+    const char* data() const { return data_.get(); }
+    // To n bytes; bytes added are not cleared (they are read into at once).
+    void Resize(std::size_t n);
+    void EraseFront(std::size_t n);
+    void clear() { size_ = 0; }
+
+private:
+    std::unique_ptr<char[]> data_;
+    std::size_t size_ = 0, capacity_ = 0;
 };
 
 class StreamCutter {
@@ -119,7 +137,7 @@ private:
     std::uint64_t OffsetAt(std::size_t pos) const { return base_ + pos; }
 
     Options options_;
-    std::vector<char> buf_;
+    HeldBytes buf_;
     std::size_t head_ = 0;       // buffer position of the next byte to cut
     std::uint64_t base_ = 0;     // stream offset of buf_[0]
     std::uint64_t end_ = 0;      // stream offset of the end of what was pushed

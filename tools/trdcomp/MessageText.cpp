@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <cstring>
 #include <cstdio>
 #include <iomanip>
 #include <map>
@@ -42,11 +43,6 @@ namespace {
 void Padded(std::string& out, std::string_view text, std::size_t width) {
     out.append(text);
     if (text.size() < width) out.append(width - text.size(), ' ');
-}
-
-void Number(std::string& out, long long v) {
-    char digits[24];
-    out.append(digits, std::to_chars(digits, digits + sizeof digits, v).ptr);
 }
 
 // The head's members a line each: its name, then its value as the JSON
@@ -115,69 +111,96 @@ private:
 
 }  // namespace
 
-void AppendText(const Decoded& m, std::string& out, bool sent) {
+namespace {
+
+// Writes `text` at `at` and spaces after it up to `width`.
+char* PutPadded(char* at, std::string_view text, std::size_t width) {
+    if (text.size() <= 16) {
+        for (const char c : text) *at++ = c;  // a few bytes: no call
+    } else {
+        std::memcpy(at, text.data(), text.size());
+        at += text.size();
+    }
+    for (std::size_t k = text.size(); k < width; ++k) *at++ = ' ';
+    return at;
+}
+
+std::size_t Width(std::string_view text, std::size_t width) { return std::max(text.size(), width); }
+
+}  // namespace
+
+void AppendText(const Decoded& m, TextBuffer& out, bool sent) {
     const auto origins = sent ? SentFields(m) : std::vector<std::vector<std::map<int, Origin>>>();
-    const int id = HeadWord(m.wire, head::kFunctionIdAt);
-    out += m.request ? "request " : "answer ";
-    Number(out, id);
-    out += ", " + Plural(static_cast<long long>(m.wire.size()), "byte") + ", coding " + CodingName(m.fastVersion);
-    if (m.fastVersion == 0) out += " (flag " + std::to_string(static_cast<int>(m.flag)) + ")";
-    out += "\n\nhead\n";
-    HeadLines lines(out);
+    std::string line = (m.request ? "request " : "answer ") + std::to_string(HeadWord(m.wire, head::kFunctionIdAt)) + ", " +
+                       Plural(static_cast<long long>(m.wire.size()), "byte") + ", coding " + CodingName(m.fastVersion);
+    if (m.fastVersion == 0) line += " (flag " + std::to_string(static_cast<int>(m.flag)) + ")";
+    line += "\n\nhead\n";
+    HeadLines lines(line);
     DescribeHead(m, lines);
-    if (m.restoredNothing) out += "\nthe restore handed back no records\n";
-    std::vector<Row> rows;
+    if (m.restoredNothing) line += "\nthe restore handed back no records\n";
+    out.Append(line);
+    thread_local std::vector<Row> rows;
     for (std::size_t j = 0; j < m.sections.size(); ++j) {
         const Section& s = m.sections[j];
-        out += "\nsection ";
-        Number(out, static_cast<long long>(j + 1));
-        out += ": " + (s.layout ? s.layout->name : std::string("raw records")) + ", " + Plural(s.count, "record") + " of " +
-               Plural(s.slot, "byte") + (s.size != s.slot ? " (sender's size " + std::to_string(s.size) + ")" : "") + "\n";
+        out.Append("\nsection " + std::to_string(j + 1) + ": " + (s.layout ? s.layout->name : std::string("raw records")) + ", " +
+                   Plural(s.count, "record") + " of " + Plural(s.slot, "byte") +
+                   (s.size != s.slot ? " (sender's size " + std::to_string(s.size) + ")" : "") + "\n");
         for (std::size_t i = 0; s.slot > 0 && (i + 1) * static_cast<std::size_t>(s.slot) <= s.records.size(); ++i) {
             const char* rec = s.records.data() + i * static_cast<std::size_t>(s.slot);
-            out += "record ";
-            Number(out, static_cast<long long>(i));
-            out += '\n';
+            char number[24];
+            out.Append("record ");
+            out.Append(std::string_view(number, static_cast<std::size_t>(std::to_chars(number, number + 24, i).ptr - number)));
+            out.Append('\n');
             if (!s.layout) {
-                out += "  ";
-                AppendHex(out, rec, static_cast<std::size_t>(s.slot));
-                out += '\n';
+                out.Append("  ");
+                AppendHexAt(out.Grow(2 * static_cast<std::size_t>(s.slot)), rec, static_cast<std::size_t>(s.slot));
+                out.Append('\n');
                 continue;
             }
             FillRecordRows(*s.layout, rec, rows);
             std::size_t kindWidth = 4;
             for (const Row& r : rows) kindWidth = std::max(kindWidth, r.kind.size());
             const std::map<int, Origin>* origin = j < origins.size() && i < origins[j].size() ? &origins[j][i] : nullptr;
-            out += "  offset ";
-            Padded(out, "kind", kindWidth + 2);
-            out += origin ? "width  origin    value\n" : "width  value\n";
-            char number[24];
+            char* at = out.Grow(kindWidth + 32);
+            at = PutPadded(at, "  offset ", 0);
+            at = PutPadded(at, "kind", kindWidth + 2);
+            const std::string_view tail = origin ? "width  origin    value\n" : "width  value\n";
+            at = PutPadded(at, tail, 0);
+            out.Unused(static_cast<std::size_t>(out.View().data() + out.Size() - at));
             for (const Row& r : rows) {
-                out += "  ";
-                Padded(out, std::string_view(number, static_cast<std::size_t>(std::to_chars(number, number + 24, r.offset).ptr - number)), 7);
-                Padded(out, r.kind, kindWidth + 2);
-                Padded(out, std::string_view(number, static_cast<std::size_t>(std::to_chars(number, number + 24, r.width).ptr - number)), 7);
+                char offset[24], width[24];
+                const std::string_view o(offset, static_cast<std::size_t>(std::to_chars(offset, offset + 24, r.offset).ptr - offset));
+                const std::string_view w(width, static_cast<std::size_t>(std::to_chars(width, width + 24, r.width).ptr - width));
+                std::string_view source;
                 if (origin) {
-                    const auto o = origin->find(r.offset);
-                    Padded(out, o != origin->end() ? OriginName(o->second) : "-", 10);
+                    const auto found = origin->find(r.offset);
+                    source = found != origin->end() ? OriginName(found->second) : "-";
                 }
-                out += r.value;
-                out += '\n';
+                const std::size_t n = 2 + Width(o, 7) + Width(r.kind, kindWidth + 2) + Width(w, 7) + (origin ? Width(source, 10) : 0) +
+                                      r.value.size() + 1;
+                at = out.Grow(n);
+                at = PutPadded(at, "  ", 0);
+                at = PutPadded(at, o, 7);
+                at = PutPadded(at, r.kind, kindWidth + 2);
+                at = PutPadded(at, w, 7);
+                if (origin) at = PutPadded(at, source, 10);
+                at = PutPadded(at, r.value, 0);
+                *at = '\n';
             }
         }
     }
     if (!m.trailing.empty()) {
         // The first 64 of them; the JSON keeps them all.
         const std::size_t shown = std::min<std::size_t>(m.trailing.size(), 64);
-        out += "\ntrailing bytes: " + Plural(static_cast<long long>(m.trailing.size()), "byte") + " behind the last record: " +
-               Hex(m.trailing.data(), shown) + (shown < m.trailing.size() ? "..." : "") + "\n";
+        out.Append("\ntrailing bytes: " + Plural(static_cast<long long>(m.trailing.size()), "byte") + " behind the last record: " +
+                   Hex(m.trailing.data(), shown) + (shown < m.trailing.size() ? "..." : "") + "\n");
     }
 }
 
 void PrintText(const Decoded& m, std::ostream& out, bool sent) {
-    std::string text;
+    TextBuffer text;
     AppendText(m, text, sent);
-    out << text;
+    out.write(text.View().data(), static_cast<std::streamsize>(text.Size()));
 }
 
 }  // namespace tool

@@ -70,34 +70,9 @@ void TextBuffer::Reserve(std::size_t n) {
     capacity_ = capacity;
 }
 
-void JsonTextSink::Key(std::string_view key) {
-    // Keys are the describers' own names: nothing in them to escape.
-    char* at = Grow(key.size() + 4);
-    if (!first_) *at++ = ',';
-    else Unused(1);
-    first_ = false;
-    *at++ = '"';
-    for (const char c : key) *at++ = c;  // a few bytes: no call
-    at[0] = '"';
-    at[1] = ':';
-    afterKey_ = true;
-}
-
 void JsonTextSink::Null() {
     Separate();
     std::memcpy(Grow(4), "null", 4);
-}
-
-void JsonTextSink::Integer(std::int64_t v) {
-    Separate();
-    char* at = Grow(24);
-    Unused(static_cast<std::size_t>(at + 24 - std::to_chars(at, at + 24, v).ptr));
-}
-
-void JsonTextSink::Unsigned(std::uint64_t v) {
-    Separate();
-    char* at = Grow(24);
-    Unused(static_cast<std::size_t>(at + 24 - std::to_chars(at, at + 24, v).ptr));
 }
 
 namespace {
