@@ -295,6 +295,21 @@ TEST(Stream, DecodeWritesOneJsonObjectALineThatPacksBack) {
     EXPECT_EQ(summary.substr(0, summary.find('\n')), "81 messages, 9 of them kept by --id/--dir (1 refused)");
     EXPECT_NE(summary.find("  direction  id    coding  messages  refused\n  request    1002  2008           1        0\n"), std::string::npos)
         << summary;
+    // A filter that leaves out the first message (and every request).
+    o.ids.clear();
+    o.dir = "answer";
+    for (const bool jsonl : {false, true}) {
+        o.jsonl = jsonl;
+        std::ostringstream answersOnly;
+        EXPECT_EQ(tool::RunDecode(o, answersOnly, err), 0);
+        const std::string printed = answersOnly.str();
+        if (jsonl) {
+            EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 40);
+            EXPECT_EQ(printed.rfind("{\"message\":41,", 0), 0u) << printed.substr(0, 100);
+        } else {
+            EXPECT_NE(printed.find("\n81 messages, 40 of them kept by --id/--dir\n"), std::string::npos);
+        }
+    }
     fs::remove(file);
 }
 

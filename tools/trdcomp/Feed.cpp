@@ -260,7 +260,7 @@ public:
         while (feed.Next(f)) {
             if (f.cut.isReport) Reported(f);
             else Message(f);
-            if (batch_->entries.size() >= kBatch || batch_->bytes.size() >= kBatchBytes) Submit();
+            if (batch_ && (batch_->entries.size() >= kBatch || batch_->bytes.size() >= kBatchBytes)) Submit();
             progress.Show(outcome_.messages, feed.BytesRead());
         }
         WriteAll();
@@ -319,6 +319,13 @@ private:
         Entry e;
         e.report = true;
         e.line = std::string(ReportKindName(r.kind)) + ": " + Where(f) + r.text + "\n";
+        // What is wrong with the input itself goes to standard error (and,
+        // in the table, where it happened too).
+        if (r.kind == ReportKind::link_type || r.kind == ReportKind::unreadable || r.kind == ReportKind::cut) {
+            WriteAll();
+            err_ << "trdcomp decode: " << e.line << std::flush;
+            if (o_.jsonl || r.kind != ReportKind::cut) return;
+        }
         Current().entries.push_back(std::move(e));
     }
 
