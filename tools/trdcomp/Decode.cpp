@@ -116,11 +116,14 @@ void KeepTrailing(Decoded& m) {
 
 }  // namespace
 
-Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& options) {
+Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& options) { return Decode(std::vector<char>(wire), options); }
+
+Decoded Decode(std::vector<char>&& bytes, const trdcomp::RestoreOptions& options) {
+    Decoded m;
+    m.wire = std::move(bytes);
+    const std::vector<char>& wire = m.wire;
     if (wire.size() < 4) throw std::runtime_error("the input has " + Plural(static_cast<std::int64_t>(wire.size()), "byte") + ": no head");
     if (wire.size() > static_cast<std::size_t>(INT_MAX)) throw std::runtime_error("the input is longer than a message can be (2 GiB)");
-    Decoded m;
-    m.wire = wire;
     m.flag = options.flag;
     const head::Direction direction = head::DirectionOf(wire.data(), wire.size());
     if (direction == head::kNoMessage)

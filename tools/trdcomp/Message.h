@@ -84,6 +84,8 @@ std::string WhyRefused(const trdcomp::RestoredView& r, const std::vector<char>& 
 // std::runtime_error when the bytes are no message at all or the restore
 // would need more than options.maxBytes (the message says how much).
 Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& options);
+// The same, keeping `wire` rather than a copy of it.
+Decoded Decode(std::vector<char>&& wire, const trdcomp::RestoreOptions& options);
 inline Decoded Decode(const std::vector<char>& wire, char flag) { return Decode(wire, trdcomp::RestoreOptions{flag}); }
 
 // "unlimited", "none" or 0: no limit; else bytes, with an optional K, M or G
