@@ -41,8 +41,12 @@ const char* const kStrictHelp =
     "Also refuse what the classic restore quietly accepts: a message that ends inside a record, bytes after the last "
     "record, a count the stream does not hold";
 
-// The options of every command that reads many messages.
+// The options of every command that reads messages: how they are restored,
+// and where many come from and which of them count.
 void AddFeedOptions(CLI::App* cmd, tool::FeedOptions& o) {
+    cmd->add_option("--flag", o.flag, "The 2008 coding's flag to restore with (0, 1, ...)")->check(CLI::Range(-128, 127))->capture_default_str();
+    cmd->add_option("--max-bytes", o.maxBytes, kMaxBytesHelp)->check(kByteLimit)->capture_default_str();
+    cmd->add_flag("--strict", o.strict, kStrictHelp);
     cmd->add_flag("--stream", o.stream,
                   "The input holds messages back to back: cut them by their own lengths (or --frame), each as soon as its "
                   "last byte has come");
@@ -99,13 +103,8 @@ int main(int argc, char** argv) {
     decodeCmd->add_flag("--jsonl", decode.jsonl,
                         "Streams and captures: one JSON object a line a message (where it was found, the message as --json "
                         "prints it, or the refusal and its reason); reports go to standard error");
-    decodeCmd->add_option("--flag", decode.flag, "The 2008 coding's flag to restore with (0, 1, ...)")
-        ->check(CLI::Range(-128, 127))
-        ->capture_default_str();
     decodeCmd->add_flag("--sent", decode.sent,
                         "Fast coding: mark each field as sent, taken from the previous record, or the default");
-    decodeCmd->add_option("--max-bytes", decode.maxBytes, kMaxBytesHelp)->check(kByteLimit)->capture_default_str();
-    decodeCmd->add_flag("--strict", decode.strict, kStrictHelp);
     decodeCmd->add_option("--threads", decode.threads,
                           "Streams and captures: threads that decode and write out the messages beside the one that reads "
                           "(default: one a core; 0: the reading thread does it all)")
@@ -117,9 +116,6 @@ int main(int argc, char** argv) {
         "stats", "Count the messages of a stream or capture: messages, bytes and records per direction, id and coding, "
                  "refusals by reason, coded against restored size, connections and gaps, messages a second");
     statsCmd->add_option("file", stats.file, "The stream or capture, or - for standard input")->capture_default_str();
-    statsCmd->add_option("--flag", stats.flag, "The 2008 coding's flag to restore with")->check(CLI::Range(-128, 127));
-    statsCmd->add_option("--max-bytes", stats.maxBytes, kMaxBytesHelp)->check(kByteLimit)->capture_default_str();
-    statsCmd->add_flag("--strict", stats.strict, kStrictHelp);
     AddFeedOptions(statsCmd, stats);
 
     tool::DiffOptions diff;
