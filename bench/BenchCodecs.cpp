@@ -4,6 +4,8 @@
 // Scenarios (deterministic, realistic data):
 //   quote   answer 1110: 193-byte quote records, 18 doubles, sorted by code
 //   order   request 1011: 274-byte order records, texts and ints
+//   dayorder request 1031: 244-byte orders of one account's day, by stock
+//           code then time (constant texts and a full random token)
 //   tiny    answer 1053: one double a record
 //   block   answer 8996: a 32 KB block with its length and a text
 // Counters: ns_per_record, bytes_per_second (raw bytes), wire_ratio
@@ -143,6 +145,53 @@ std::vector<char> Orders(int n) {
     return out;
 }
 
+// One account's orders of a day as the server logs them, by stock code and
+// then time (request 1031, layout REQ_1030): the account, customer, trader,
+// branch and station texts and a 64-byte session token of random bytes are
+// the same in every record; the stock code and the side change between runs
+// of 1 to 12 orders; the limit price (a text such as "12.34") moves every
+// record, as do the quantity and the sequence number; the remark has 0 to 7
+// characters. Unused bytes are zero.
+std::vector<char> DayOrders(int n) {
+    std::vector<char> out(sizeof(tagREQ_1030) * static_cast<std::size_t>(n));
+    Lcg r{1031u};
+    char token[64];
+    for (char& b : token) b = static_cast<char>(r.Next() >> 24);
+    int code = 600000, seq = 1, i = 0;
+    while (i < n) {
+        code += 1 + static_cast<int>(r.Below(40));
+        const char side = r.Below(2) ? 'B' : 'S';
+        int price = 300 + static_cast<int>(r.Below(6000));  // in cents
+        const int run = 1 + static_cast<int>(r.Below(12));
+        for (int k = 0; k < run && i < n; ++k, ++i) {
+            tagREQ_1030 o{};
+            o.f0 = '1';
+            Text(o.f1, sizeof o.f1, "0330100217");       // account
+            Text(o.f17, sizeof o.f17, "C000481236");     // customer
+            Text(o.f33, sizeof o.f33, "TRD0042");        // trader
+            Text(o.f49, sizeof o.f49, "3301");           // branch
+            std::memcpy(o.f57, token, sizeof o.f57);     // session token
+            Text(o.f121, sizeof o.f121, "WS-3301-017");  // station
+            o.f145 = side;
+            char text[16];
+            std::snprintf(text, sizeof text, "%06d", code);
+            Text(o.f146, sizeof o.f146, text);
+            o.f162 = '1';
+            price += static_cast<int>(r.Below(21)) - 10;
+            if (price < 100) price = 100;
+            std::snprintf(text, sizeof text, "%d.%02d", price / 100, price % 100);
+            Text(o.f163, sizeof o.f163, text);
+            o.f199 = 100 * (1 + static_cast<int>(r.Below(50)));  // quantity
+            o.f203 = seq;                                         // sequence number
+            seq += 1 + static_cast<int>(r.Below(3));
+            static const char* const kRemarks[] = {"", "", "", "T0", "hedge", "rebal", "manual1"};
+            Text(o.f212, sizeof o.f212, kRemarks[r.Below(7)]);
+            std::memcpy(out.data() + i * sizeof o, &o, sizeof o);
+        }
+    }
+    return out;
+}
+
 std::vector<char> Tiny(int n) {
     std::vector<char> out(sizeof(tagANS_1053) * static_cast<std::size_t>(n));
     for (int i = 0; i < n; ++i) {
@@ -176,6 +225,7 @@ struct Scenario {
 const Scenario kScenarios[] = {
     {"quote", 1110, false, sizeof(tagANS_1110), Quotes},
     {"order", 1011, true, sizeof(tagREQ_1011), Orders},
+    {"dayorder", 1031, true, sizeof(tagREQ_1030), DayOrders},
     {"tiny", 1053, false, sizeof(tagANS_1053), Tiny},
     {"block", 8996, false, sizeof(tagANS_8996), Blocks},
 };
@@ -298,7 +348,8 @@ void BM_Zstd(benchmark::State& state, const Scenario* s, bool compress) {
 
 // The routing alone: a one-record message of the tiny layout, packed and restored.
 void BM_DispatchTiny(benchmark::State& state, int coding) {
-    const Scenario& s = kScenarios[2];
+    const Scenario& s = *std::find_if(std::begin(kScenarios), std::end(kScenarios),
+                                      [](const Scenario& c) { return std::strcmp(c.name, "tiny") == 0; });
     Message m = Prepared(s, 1);
     for (auto _ : state) {
         std::memset(m.out.data() + 8, 0, 4);

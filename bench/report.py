@@ -137,6 +137,13 @@ if alloc:
     for b in alloc:
         lines.append(f"| {b['name'].split('/')[-1].replace('_median', '')} | {b['real_time']:.0f} |")
     lines.append("")
+# Figures other benchmarks measure (the tool over a stream, tshark with the
+# plugin), each written by its own script into bench/sections/.
+sections = os.path.join(os.path.dirname(os.path.abspath(__file__)), "sections")
+if os.path.isdir(sections):
+    for name in sorted(os.listdir(sections)):
+        if name.endswith(".md"):
+            lines += [open(os.path.join(sections, name)).read().rstrip(), ""]
 # Measurements kept from earlier runs (before and after a change), written by hand.
 history = os.path.join(os.path.dirname(os.path.abspath(__file__)), "history.md")
 if os.path.exists(history):

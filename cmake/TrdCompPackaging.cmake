@@ -3,6 +3,7 @@
 #   libtrdcomp-dev     headers, link names, static libraries, CMake package, pkg-config
 #   trdcomp            the command-line tool
 #   python3-trdcomp    the Python module (when it is built)
+#   wireshark-trdcomp  the Wireshark plugin (when it is built)
 # each depending on the runtime package of the same version where it needs it.
 set(CPACK_PACKAGE_NAME trdcomp)
 set(CPACK_PACKAGE_VENDOR "the trdcomp developers")
@@ -31,6 +32,9 @@ endif()
 if(TRDCOMP_PYTHON)
   list(APPEND CPACK_COMPONENTS_ALL python)
 endif()
+if(TRDCOMP_WIRESHARK)
+  list(APPEND CPACK_COMPONENTS_ALL wireshark)
+endif()
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libtrdcomp${PROJECT_VERSION_MAJOR})
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${PROJECT_DESCRIPTION}: shared libraries trdcomp and KXPfdk")
@@ -55,6 +59,17 @@ if(TRDCOMP_PYTHON)
   math(EXPR next_minor "${Python_VERSION_MINOR} + 1")
   set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
       "python3 (>= ${Python_VERSION_MAJOR}.${Python_VERSION_MINOR}), python3 (<< ${Python_VERSION_MAJOR}.${next_minor}), python3-numpy")
+endif()
+
+set(CPACK_DEBIAN_WIRESHARK_PACKAGE_NAME wireshark-trdcomp)
+set(CPACK_DEBIAN_WIRESHARK_PACKAGE_SECTION net)
+set(CPACK_COMPONENT_WIRESHARK_DEPENDS runtime)
+set(CPACK_COMPONENT_WIRESHARK_DESCRIPTION "${PROJECT_DESCRIPTION}: the Wireshark and tshark plugin (dissector trdcomp)")
+if(TRDCOMP_WIRESHARK)
+  # A plugin is loaded only by the Wireshark release series it was built for.
+  math(EXPR next_minor "${Wireshark_MINOR_VERSION} + 1")
+  set(CPACK_DEBIAN_WIRESHARK_PACKAGE_DEPENDS
+      "wireshark-common (>= ${Wireshark_MAJOR_VERSION}.${Wireshark_MINOR_VERSION}), wireshark-common (<< ${Wireshark_MAJOR_VERSION}.${next_minor})")
 endif()
 
 include(CPack)

@@ -565,6 +565,10 @@ struct Frames {
         return model::MaxDecodeEnd(L) - L.size;
     }
     template <const auto& L>
+    static constexpr bool WritesRecords() {
+        return false;  // a record's fields past the end of its bytes stay as the slot held them
+    }
+    template <const auto& L>
     std::int64_t DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor, std::int64_t count,
                            char* slots) const {
         return codec2008::DecodeRun<L>(in, inLen, cursor, count, slots, flag);

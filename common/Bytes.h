@@ -40,10 +40,12 @@ inline constexpr std::uint64_t kMaxAllocation = static_cast<std::uint64_t>(INT_M
 // A zero-filled block from the global operator new, or null when the size is
 // out of range or the allocation fails. No exception escapes. Released by
 // ReleaseAnsData with the matching global operator delete.
-inline char* AllocZeroed(std::uint64_t bytes) noexcept {
+// `from`: the bytes before it are the caller's to write, so only those from
+// there on are zeroed.
+inline char* AllocZeroed(std::uint64_t bytes, std::uint64_t from = 0) noexcept {
     if (bytes > kMaxAllocation) return nullptr;
     void* p = ::operator new(static_cast<std::size_t>(bytes), std::nothrow);
-    if (p != nullptr) std::memset(p, 0, static_cast<std::size_t>(bytes));
+    if (p != nullptr && from < bytes) std::memset(static_cast<char*>(p) + from, 0, static_cast<std::size_t>(bytes - from));
     return static_cast<char*>(p);
 }
 

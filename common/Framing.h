@@ -188,11 +188,11 @@ inline bool ReadRequestHead(Call& call, const char* in, int inLen, RequestHead& 
     return true;
 }
 
-// Opens the block a restore writes (see Call::source): a fresh zero-filled
-// allocation of `total` bytes and `spare` more (*out set; null when it
-// failed: out_of_memory), or the caller's block, with the bytes behind the
-// `written` the restore writes itself zeroed (the spare bytes are not
-// written), when `total` (at least `written`) and the `tail` a decoder may
+// Opens the block a restore writes (see Call::source): a fresh allocation of
+// `total` bytes and `spare` more (*out set; null when it failed:
+// out_of_memory), or the caller's block (the spare bytes are not written),
+// in both with the bytes behind the `written` the restore writes itself
+// zeroed, when `total` (at least `written`) and the `tail` a decoder may
 // write behind the last record fit its capacity (else buffer_too_small with
 // the bytes needed, *out unchanged). outLen is `total` when a block was
 // handed out. A block of more than the call's limits allow is refused before
@@ -205,7 +205,7 @@ inline char* OpenBlock(Call& call, char** out, int& outLen, std::int64_t total, 
     if (!call.WithinLimits(records, needed)) return nullptr;
     if (!call.IntoCallerBlock()) {
         outLen = static_cast<int>(total);
-        *out = AllocZeroed(static_cast<std::uint64_t>(total + spare));
+        *out = AllocZeroed(static_cast<std::uint64_t>(total + spare), static_cast<std::uint64_t>(written));
         if (*out == nullptr) call.Refuse(Reason::out_of_memory);
         return *out;
     }
@@ -239,8 +239,8 @@ inline char* OpenBlock(Call& call, char** out, int& outLen, std::int64_t total, 
 // Opens a restored request: count * size + 76 bytes (outLen) and 1024 spare,
 // all zero, with the received head copied to the start. Returns its first
 // record slot, or null (sizes not representable, allocation failed, the
-// caller's block too small). `recordsCleared`: the caller clears the records
-// of a block of its own itself, so only the head is written here.
+// caller's block too small). `recordsCleared`: the caller writes or clears
+// every record itself, so only the head and the spare bytes are written here.
 inline char* OpenRestoredRequest(Call& call, const char* in, const RequestHead& h, std::uint32_t size, char** out,
                                  int& outLen, std::int64_t tail = 0, bool recordsCleared = false) {
     const std::int64_t total = static_cast<std::int64_t>(h.count) * size + kReqHeadLen;

@@ -23,6 +23,8 @@
 //     Decodes()              whether coded records are decoded at all
 //     CountAgrees(at, count) whether the stream's count equals the head's
 //     Tail<L>()              bytes a decoder may write behind a record of L
+//     WritesRecords<L>()     DecodeRun writes every byte of the records it
+//                            decodes (the slots need not be cleared first)
 //     DecodeRun<L>(in, inLen, cursor, count, slots)
 //                            decodes up to count records from in + cursor into
 //                            the zeroed slots, returns the records decoded
@@ -119,20 +121,26 @@ TRDCOMP_FORCE_INLINE int RestoreRequestFrame(Call& call, const P& p, const char*
     // Into the caller's memory, a count that disagrees is refused before a
     // byte is written (a classic restore hands back the zeroed buffer).
     const bool into = call.IntoCallerBlock();
-    if (decode && into && !p.CountAgrees(in + h.headLen, h.count)) return call.Refuse(Reason::stream_count_differs);
+    const bool agrees = !decode || p.CountAgrees(in + h.headLen, h.count);
+    if (into && !agrees) return call.Refuse(Reason::stream_count_differs);
+    // A run that writes its records whole leaves only the records the
+    // message does not hold to clear, after it.
+    const bool written = decode && agrees && P::template WritesRecords<L>();
     // One record into the caller's block (a receiver's usual request) is
     // cleared here by stores of its known size, not by the block's run of
     // zeros of a length known only now.
-    const bool clearOne = into && h.count == 1;
-    char* slots = OpenRestoredRequest(call, in, h, L.size, out, outLen, P::template Tail<L>(), clearOne);
+    const bool clearOne = into && h.count == 1 && !written;
+    char* slots = OpenRestoredRequest(call, in, h, L.size, out, outLen, P::template Tail<L>(), clearOne || written);
     if (slots == nullptr) return 0;
     if (clearOne) ZeroFixed<L.size>(slots);
     if (!h.coded) {
         CopyRawRecords(in, inLen, h.recordSize, L.size, records, slots);
     } else if (decode) {
-        if (!into && !p.CountAgrees(in + h.headLen, h.count)) return call.Refuse(Reason::stream_count_differs);
+        if (!agrees) return call.Refuse(Reason::stream_count_differs);
         std::int64_t cursor = h.headLen + P::kCountBytes;
         const std::int64_t decoded = p.template DecodeRun<L>(in, inLen, cursor, records, slots);
+        if (written && decoded < records)
+            std::memset(slots + decoded * L.size, 0, static_cast<std::size_t>((records - decoded) * L.size));
         if (call.strict) {
             if (const Reason why = StrictEnd(cursor, inLen, decoded, records); why != Reason::none)
                 return call.Refuse(why);
@@ -170,18 +178,24 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(Call& call, const P& p, const char* 
     if (total > INT_MAX) return call.Refuse(Reason::size_not_representable);
     if (negative && call.refuseNegativeCounts) return call.Refuse(Reason::negative_count);
     const bool into = call.IntoCallerBlock();
-    if (k == 1 && p.Decodes() && into && !p.CountAgrees(in + headLen, counts[0]))
-        return call.Refuse(Reason::stream_count_differs);
+    const bool agrees = k > 1 || !p.Decodes() || p.CountAgrees(in + headLen, counts[0]);
+    if (into && !agrees) return call.Refuse(Reason::stream_count_differs);
 
-    // Bytes a decoder may write behind the last record, in the caller's memory.
+    // Bytes a decoder may write behind the last record, in the caller's
+    // memory; whether every section's run writes its records whole.
     std::int64_t tail = 0;
+    bool whole = p.Decodes() && agrees;
     for (int j = 0; j < k; ++j)
         Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
             static_assert(P::template Tail<L>() <= kAnsSpare, "a decode limit overruns the spare bytes");
             tail = tail > P::template Tail<L>() ? tail : P::template Tail<L>();
+            whole = whole && P::template WritesRecords<L>();
             return true;
         });
-    char* buf = OpenBlock(call, out, outLen, total, kAnsSpare, kAnsHeadLen, tail, records);
+    // The head and section table are written below; with whole records,
+    // the records the message does not hold are cleared after each run.
+    const std::int64_t written = whole ? total : kAnsHeadLen;
+    char* buf = OpenBlock(call, out, outLen, total, kAnsSpare, written, tail, records);
     if (buf == nullptr) {
         if (P::kZeroLengthOnFailure && !into) outLen = 0;  // a caller's block keeps the size it needs
         return 0;
@@ -197,13 +211,15 @@ TRDCOMP_FORCE_INLINE int RestoreAnswerFrame(Call& call, const P& p, const char* 
         slots += 8 * k + 4;
     }
     if (p.Decodes()) {
-        if (k == 1 && !into && !p.CountAgrees(in + headLen, counts[0]))
-            return call.Refuse(Reason::stream_count_differs);
+        if (!agrees) return call.Refuse(Reason::stream_count_differs);
         std::int64_t decoded = 0;
         for (int j = 0; j < k; ++j) {
             Shape::Visit(j, counts[j], 0, [&]<const auto& L>() {
-                decoded += p.template DecodeRun<L>(in, inLen, cursor, FilledRecords(counts[j]), slots);
-                slots += FilledRecords(counts[j]) * L.size;
+                const std::int64_t n = FilledRecords(counts[j]);
+                const std::int64_t done = p.template DecodeRun<L>(in, inLen, cursor, n, slots);
+                if (whole && done < n) std::memset(slots + done * L.size, 0, static_cast<std::size_t>((n - done) * L.size));
+                decoded += done;
+                slots += n * L.size;
                 return true;
             });
         }

@@ -13,6 +13,11 @@
 
 #include "Inline.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#define TRDCOMP_TEXT_MASKS 1
+#endif
+
 namespace trdcomp::detail {
 
 inline std::uint64_t LoadWord(const void* p) {
@@ -81,6 +86,51 @@ TRDCOMP_FORCE_INLINE bool TextDiffers(const char* a, const char* b, std::size_t 
     }
 }
 
+#if TRDCOMP_TEXT_MASKS
+// A text field of W bytes (16 to 64) at a, against the same field at b, as
+// bit masks over its bytes, 16 at a time (the last load overlaps the one
+// before when W is not a multiple of 16): bit i of `same` when byte i is
+// equal in both, of `zero` when a's byte i is zero.
+struct TextMasks {
+    std::uint64_t same;
+    std::uint64_t zero;
+};
+template <std::uint32_t W>
+inline constexpr bool kMaskedText = W >= 16 && W <= 64;
+template <std::uint32_t W>
+TRDCOMP_FORCE_INLINE TextMasks CompareText(const char* a, const char* b) {
+    static_assert(kMaskedText<W>);
+    const __m128i zero = _mm_setzero_si128();
+    TextMasks m{0, 0};
+    [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) TRDCOMP_LAMBDA_INLINE {
+        (([&]() TRDCOMP_LAMBDA_INLINE {
+             constexpr std::uint32_t at = 16 * K + 16 <= W ? 16 * K : W - 16;
+             const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(a + at));
+             const __m128i y = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + at));
+             m.same |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, y)))) << at;
+             m.zero |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, zero)))) << at;
+         }()),
+         ...);
+    }(std::make_integer_sequence<std::uint32_t, (W + 15) / 16>{});
+    return m;
+}
+// The text's length (strnlen(a, W)) from its masks.
+template <std::uint32_t W>
+TRDCOMP_FORCE_INLINE std::uint32_t MaskedLength(const TextMasks& m) {
+    return m.zero ? static_cast<std::uint32_t>(std::countr_zero(m.zero)) : W;
+}
+// TextDiffers from the masks: the bytes up to and including a's first zero
+// decide; without a zero, any difference does, else the bytes behind the
+// field (limit: the bytes of the record from the field on).
+template <std::uint32_t W>
+TRDCOMP_FORCE_INLINE bool MaskedTextDiffers(const TextMasks& m, const char* a, const char* b, std::size_t limit) {
+    constexpr std::uint64_t kField = W == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << W) - 1;
+    if (m.zero) return (~m.same & (m.zero ^ (m.zero - 1))) != 0;
+    if (~m.same & kField) return true;
+    return limit > W && std::strncmp(a + W, b + W, limit - W) != 0;
+}
+#endif
+
 // Is any of the W bytes at p non-zero? Are the W bytes at a and b different?
 template <std::uint32_t W>
 TRDCOMP_FORCE_INLINE bool AnyNonZero(const char* p) {
@@ -109,14 +159,34 @@ TRDCOMP_FORCE_INLINE bool BlockDiffers(const char* a, const char* b) {
     }
 }
 
+// memcpy(dst, src, n) for 32 < n <= 64: the first and the last 32 bytes,
+// all loaded before any is stored. (A copy whose length the compiler knows
+// to be bounded would otherwise become a string move, slow to start.)
+TRDCOMP_FORCE_INLINE void CopyHalves32(void* dst, const void* src, std::size_t n) {
+    struct Half {
+        std::uint64_t w[4];
+    };
+    auto* d = static_cast<unsigned char*>(dst);
+    const auto* s = static_cast<const unsigned char*>(src);
+    Half a, b;
+    std::memcpy(&a, s, 32);
+    std::memcpy(&b, s + n - 32, 32);
+    std::memcpy(d, &a, 32);
+    std::memcpy(d + n - 32, &b, 32);
+}
+
 // memcpy(dst, src, n) for the short copies of texts: overlapping word moves
-// up to 32 bytes, the library call beyond.
+// up to 64 bytes, the library call beyond.
 TRDCOMP_FORCE_INLINE void CopyShort(void* dst, const void* src, std::size_t n) {
     auto* d = static_cast<unsigned char*>(dst);
     const auto* s = static_cast<const unsigned char*>(src);
     if (n >= 8) {
         if (n > 32) {
-            std::memcpy(d, s, n);
+            if (n <= 64) {
+                CopyHalves32(d, s, n);
+            } else {
+                std::memcpy(d, s, n);
+            }
         } else if (n > 16) {
             std::uint64_t a, b, c, e;
             std::memcpy(&a, s, 8);
@@ -145,22 +215,6 @@ TRDCOMP_FORCE_INLINE void CopyShort(void* dst, const void* src, std::size_t n) {
         d[n / 2] = s[n / 2];
         d[n - 1] = s[n - 1];
     }
-}
-
-// memcpy(dst, src, n) for 32 < n <= 64: the first and the last 32 bytes,
-// all loaded before any is stored. (A copy whose length the compiler knows
-// to be bounded would otherwise become a string move, slow to start.)
-TRDCOMP_FORCE_INLINE void CopyHalves32(void* dst, const void* src, std::size_t n) {
-    struct Half {
-        std::uint64_t w[4];
-    };
-    auto* d = static_cast<unsigned char*>(dst);
-    const auto* s = static_cast<const unsigned char*>(src);
-    Half a, b;
-    std::memcpy(&a, s, 32);
-    std::memcpy(&b, s + n - 32, 32);
-    std::memcpy(d, &a, 32);
-    std::memcpy(d + n - 32, &b, 32);
 }
 
 // CopyShort of at most W bytes (n is clamped to W), for a copy out of or

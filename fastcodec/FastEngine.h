@@ -14,6 +14,7 @@
 // every array as its own chain.
 #pragma once
 
+#include <array>
 #include <bit>
 #include <cstdint>
 #include <cstring>
@@ -129,6 +130,9 @@ TRDCOMP_FORCE_INLINE std::uint32_t PutShortLength(byte* out, std::uint32_t n) {
 // Writes the value of the field at c to out and returns the bytes of the
 // value. The wide form may write up to MaxCoded(F) + kEncodeSlack bytes; the
 // exact form (kExact) writes only the bytes it returns.
+template <FastKind K, std::uint32_t W, bool kExact>
+TRDCOMP_FORCE_INLINE std::uint32_t PutText(byte* out, const char* c, std::uint32_t n);
+
 template <FastKind K, std::uint32_t W, bool kExact = false>
 TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
     if constexpr (K == FastKind::Char) {
@@ -147,10 +151,26 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
         double v;
         std::memcpy(&v, c, 8);
         return PutSigned<kExact>(out, detail::TruncToInt64(price::ScaledFast(v)));
-    } else if constexpr (K == FastKind::String) {
+    } else if constexpr (K == FastKind::String || K == FastKind::Ascii) {
+        return PutText<K, W, kExact>(out, c, detail::TextLength<W>(c));
+    } else if constexpr (K == FastKind::Bytes) {
+        return FastPutBytes(out, c, static_cast<std::int32_t>(W));
+    } else {
+        static_assert(K == FastKind::SizedBlock, "a kind without its encoder");
+        // The block, with its length when that lies in 0..N, else N.
+        const std::int32_t len = detail::LoadI32(c + W);
+        const std::int32_t n = len >= 0 && len <= static_cast<std::int32_t>(W) ? len : W;
+        return FastPutBytes(out, c, n);
+    }
+}
+
+// A text of n bytes (its length inside the field of W bytes at c): a counted
+// string or an ascii text.
+template <FastKind K, std::uint32_t W, bool kExact>
+TRDCOMP_FORCE_INLINE std::uint32_t PutText(byte* out, const char* c, std::uint32_t n) {
+    if constexpr (K == FastKind::String) {
         // The length, then the text: the whole field is copied when it is
         // short, only the text's bytes count.
-        const std::uint32_t n = detail::TextLength<W>(c);
         std::uint32_t k;
         if constexpr (W <= 63) {
             k = PutShortLength(out, n);
@@ -165,11 +185,11 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
             std::memcpy(out + k, c, n);
         }
         return k + n;
-    } else if constexpr (K == FastKind::Ascii) {
+    } else {
+        static_assert(K == FastKind::Ascii, "a text kind");
         // The text's characters, the last with the stop bit; the empty text
         // is 0x80. A field of up to 64 bytes is copied whole (the wide form)
         // and only the text's bytes count.
-        const std::uint32_t n = detail::TextLength<W>(c);
         if (n == 0) {
             out[0] = 0x80u;
             return 1;
@@ -183,21 +203,14 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
         }
         out[n - 1] |= 0x80u;
         return n;
-    } else if constexpr (K == FastKind::Bytes) {
-        return FastPutBytes(out, c, static_cast<std::int32_t>(W));
-    } else {
-        static_assert(K == FastKind::SizedBlock, "a kind without its encoder");
-        // The block, with its length when that lies in 0..N, else N.
-        const std::int32_t len = detail::LoadI32(c + W);
-        const std::int32_t n = len >= 0 && len <= static_cast<std::int32_t>(W) ? len : W;
-        return FastPutBytes(out, c, n);
     }
 }
 
-// Is the value always written, sent or not (cheap to code, no branch)?
+// Is the value always written, sent or not, so that a change costs no
+// branch? The numbers that move from record to record (prices, amounts);
+// characters and ints mostly keep their value and are coded when sent.
 template <FastKind K>
-inline constexpr bool kAlwaysWritten =
-    K == FastKind::Char || K == FastKind::Int || K == FastKind::Int64 || K == FastKind::Double;
+inline constexpr bool kAlwaysWritten = K == FastKind::Int64 || K == FastKind::Double;
 
 // Reads a value through the bounded source into the field at c: the cold
 // path near the message's end, out of line and shared by every field of the
@@ -368,33 +381,82 @@ TRDCOMP_FORCE_INLINE void Fill(char* c, const char* prev, std::uint32_t off) {
     // Everything else defaults to zero, which the cleared record holds.
 }
 
+// Does the decoder of a field of kind K write every byte of the field? The
+// others (texts, blocks) write what they read and leave the rest as it was.
+template <FastKind K>
+inline constexpr bool kWritesWholeField = K == FastKind::Char || K == FastKind::Int || K == FastKind::Int64 ||
+                                          K == FastKind::Double || K == FastKind::BlockLength;
+
+// A sent field decoded over the previous record's copy of it: a text or
+// block is cleared first, so that it reads as if decoded into a cleared
+// record.
+template <FastKind K, std::uint32_t W>
+TRDCOMP_FORCE_INLINE std::int64_t PatchField(BoundedSource in, std::int64_t at, char* c) {
+    if constexpr (!kWritesWholeField<K>) detail::ZeroFixed<W>(c);
+    return GetField<K, W>(in, at, c);
+}
+
 // The fields of one chunk (one presence byte `map`) decoded at in[cursor]:
-// returns the cursor behind them.
-template <auto Fs>
+// returns the cursor behind them. kPatch: the record already holds the
+// previous record (the first: the defaults), so only the sent fields are
+// written; else it is clear and the fields not sent are filled from prev.
+template <auto Fs, bool kPatch>
 TRDCOMP_FORCE_INLINE std::int64_t DecodeChunk(BoundedSource in, std::int64_t cursor, unsigned map, char* cur,
                                               const char* prev) {
     [&]<std::size_t... J>(std::index_sequence<J...>) TRDCOMP_LAMBDA_INLINE {
-        ((map & (0x40u >> J)
-              ? (void)(cursor += GetField<Fs[J].fast, Fs[J].width>(in, cursor, cur + Fs[J].offset))
-              : Fill<Fs[J].fast, Fs[J].width, Fs[J].fastDefault>(cur + Fs[J].offset, prev, Fs[J].offset)),
-         ...);
+        if constexpr (kPatch) {
+            if ((map & 0x7Fu) == 0) return;  // a chunk of unchanged fields
+            ((map & (0x40u >> J)
+                  ? (void)(cursor += PatchField<Fs[J].fast, Fs[J].width>(in, cursor, cur + Fs[J].offset))
+                  : void()),
+             ...);
+        } else {
+            ((map & (0x40u >> J)
+                  ? (void)(cursor += GetField<Fs[J].fast, Fs[J].width>(in, cursor, cur + Fs[J].offset))
+                  : Fill<Fs[J].fast, Fs[J].width, Fs[J].fastDefault>(cur + Fs[J].offset, prev, Fs[J].offset)),
+             ...);
+        }
     }(std::make_index_sequence<Fs.size()>{});
     return cursor;
 }
-template <auto Fs>
+template <auto Fs, bool kPatch>
 [[gnu::noinline]] std::int64_t DecodeSharedChunk(BoundedSource in, std::int64_t cursor, unsigned map, char* cur,
                                                  const char* prev) {
-    return DecodeChunk<Fs>(in, cursor, map, cur, prev);
+    return DecodeChunk<Fs, kPatch>(in, cursor, map, cur, prev);
 }
+
+// Records of at most this many bytes are decoded by copy and patch: the
+// previous record (the first: the defaults) copied whole, then the sent
+// fields decoded over it. Larger records (whole blocks) are cleared and
+// filled field by field, so that a block is written once.
+inline constexpr std::uint32_t kPatchedRecordMax = 512;
+template <const auto& L>
+inline constexpr bool kPatched = L.size <= kPatchedRecordMax;
+
+// The first record as the decoder fills it when nothing was sent: the char
+// and int defaults, zero elsewhere.
+template <const auto& L>
+inline constexpr auto kDefaultRecord = [] {
+    std::array<char, L.size> r{};
+    for (const Field& f : L.fields) {
+        if (f.fast == FastKind::Char) {
+            r[f.offset] = static_cast<char>(f.fastDefault);
+        } else if (f.fast == FastKind::Int) {
+            const auto v = static_cast<std::uint32_t>(f.fastDefault);
+            for (std::uint32_t k = 0; k < 4; ++k) r[f.offset + k] = static_cast<char>(v >> (8 * k) & 0xFFu);
+        }
+    }
+    return r;
+}();
 
 template <const auto& L, std::size_t K>
 TRDCOMP_FORCE_INLINE std::int64_t DecodeChunkOf(BoundedSource in, std::int64_t cursor, unsigned map, char* cur,
                                                 const char* prev) {
     constexpr auto kFields = model::ChunkFields<L, K>();
     if constexpr (model::kChunkOutOfLine<L, K>) {
-        return DecodeSharedChunk<kFields>(in, cursor, map, cur, prev);
+        return DecodeSharedChunk<kFields, kPatched<L>>(in, cursor, map, cur, prev);
     } else {
-        return DecodeChunk<kFields>(in, cursor, map, cur, prev);
+        return DecodeChunk<kFields, kPatched<L>>(in, cursor, map, cur, prev);
     }
 }
 
@@ -406,6 +468,26 @@ template <FastKind K, std::uint32_t W, std::int32_t D, std::size_t J, bool kExac
 TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* prev, std::uint32_t off, std::uint32_t size,
                                       byte* out, std::uint32_t& n, unsigned& map) {
     const char* c = cur + off;
+#if TRDCOMP_TEXT_MASKS
+    if constexpr ((K == FastKind::Ascii || K == FastKind::String) && detail::kMaskedText<W>) {
+        // One pass over the text: its masks against the previous record's
+        // give both whether it is sent and its length.
+        std::uint32_t len;
+        bool sent = true;
+        if (prev) {
+            const detail::TextMasks m = detail::CompareText<W>(c, prev + off);
+            sent = detail::MaskedTextDiffers<W>(m, c, prev + off, size - off);
+            len = detail::MaskedLength<W>(m);
+        } else {
+            len = detail::TextLength<W>(c);
+        }
+        if (sent) {
+            n += PutText<K, W, kExact>(out + n, c, len);
+            map |= 0x40u >> J;
+        }
+        return;
+    }
+#endif
     const bool sent = Sent<K, W, D>(c, prev, off, size);
     if constexpr (kAlwaysWritten<K> && !kExact) {
         const std::uint32_t k = Put<K, W>(out + n, c);
@@ -499,20 +581,30 @@ TRDCOMP_FORCE_INLINE std::uint32_t EncodeInRun(const char* cur, const char* prev
 }  // namespace internal
 
 // Decodes the record of `len` bytes at in[at] into cur against prev (null:
-// the defaults). Reads outside the message see 0x80 and stop there. The
-// record is cleared first unless the caller hands in one already zero.
+// the defaults). Reads outside the message see 0x80 and stop there. A
+// patched layout's record is written whole; another's is cleared first
+// unless the caller hands in one already zero.
 namespace internal {
 template <const auto& L, bool kZeroed>
 TRDCOMP_FORCE_INLINE void DecodeFields(BoundedSource in, std::int64_t at, std::int64_t len, char* cur,
                                        const char* prev) {
     constexpr std::size_t P = kPresenceBytes<L>;
-    if constexpr (!kZeroed) std::memset(cur, 0, L.size);
+    if constexpr (kPatched<L>) {
+        std::memcpy(cur, prev != nullptr ? prev : kDefaultRecord<L>.data(), L.size);
+    } else if constexpr (!kZeroed) {
+        std::memset(cur, 0, L.size);
+    }
     byte map[P > 0 ? P : 1] = {};
     std::int64_t mapLen = 1;
     // Most maps are one byte: its stop bit read at once (the bytes of the
     // map behind it stay clear: their fields were not sent).
     if (len > 0 && at >= 0 && at < in.size && (in.p[at] & 0x80u)) [[likely]] {
         map[0] = in.p[at];
+    } else if (const std::int64_t k = P > 1 && at >= 0 && at <= in.size - 8 ? MapInWord(in.p + at, len) : 0) {
+        // A map of several bytes, its stop bit found in one word.
+        mapLen = k;
+        const std::uint64_t w = internal::Load64(in.p + at);
+        for (std::size_t j = 0; j < P; ++j) map[j] = j < static_cast<std::size_t>(k) ? static_cast<byte>(w >> (8 * j)) : 0;
     } else {
         mapLen = ReadPresenceMap(in, at, len, map, P);
         // No stop bit within the record: nothing was sent.
@@ -641,6 +733,10 @@ struct Frames {
     template <const auto& L>
     static constexpr std::int64_t Tail() {
         return 0;
+    }
+    template <const auto& L>
+    static constexpr bool WritesRecords() {
+        return internal::kPatched<L>;
     }
     template <const auto& L>
     TRDCOMP_FORCE_INLINE static std::int64_t DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor,

@@ -88,6 +88,18 @@ TRDCOMP_FORCE_INLINE std::uint64_t Gather7(std::uint64_t v) {
     v = (v & 0x00003FFF00003FFFull) | ((v & 0x3FFF00003FFF0000ull) >> 2);
     return (v & 0x000000000FFFFFFFull) | ((v & 0x0FFFFFFF00000000ull) >> 4);
 }
+// Gather7 of a value of n bytes (the rest of v zero): the stages its bytes
+// need. A field keeps its magnitude from record to record, so the branch
+// is predicted; most values take one or two bytes.
+TRDCOMP_FORCE_INLINE std::uint64_t GatherBytes(std::uint64_t v, std::uint32_t n) {
+    if (n <= 2) return (v & 0x7Fu) | ((v >> 1) & 0x3F80u);
+    if (n <= 4) {
+        v &= 0x7F7F7F7Fu;
+        v = (v & 0x007F007Fu) | ((v & 0x7F007F00u) >> 1);
+        return (v & 0x3FFFu) | ((v >> 2) & 0x0FFFC000u);
+    }
+    return Gather7(v);
+}
 TRDCOMP_FORCE_INLINE std::uint64_t Load64(const void* p) {
     std::uint64_t v;
     std::memcpy(&v, p, 8);
@@ -98,9 +110,21 @@ TRDCOMP_FORCE_INLINE void Store64(void* p, std::uint64_t v) { std::memcpy(p, &v,
 // The n (1..8) bytes of a value, first group first, with the stop bit on the
 // last byte and `sign` (0 or 0x40) in the first, as one 8-byte store: the
 // bytes after the n-th are scratch that the caller allows to be written.
+// Spread7 of the low 7n bits of v (n from 1 to 8), by the stages those
+// bits need: a field keeps its magnitude from record to record, so the
+// branch is predicted.
+TRDCOMP_FORCE_INLINE std::uint64_t SpreadBytes(std::uint64_t v, std::uint32_t n) {
+    if (n <= 2) return (v & 0x7Fu) | ((v << 1) & 0x7F00u);
+    if (n <= 4) {
+        v &= 0x0FFFFFFFu;
+        v = (v & 0x3FFFu) | ((v & 0x0FFFC000u) << 2);
+        return (v & 0x007F007Fu) | ((v & 0x3F803F80u) << 1);
+    }
+    return Spread7(v);
+}
 TRDCOMP_FORCE_INLINE void PutWord(byte* out, std::uint64_t v, std::uint32_t n, std::uint64_t sign) {
     const std::uint32_t shift = 8 * (8 - n);
-    const std::uint64_t w = (Spread7(v) << shift) | (std::uint64_t{0x80} << shift) | (sign << 56);
+    const std::uint64_t w = (SpreadBytes(v, n) << shift) | (std::uint64_t{0x80} << shift) | (sign << 56);
     Store64(out, __builtin_bswap64(w));
 }
 }  // namespace internal
@@ -165,7 +189,7 @@ TRDCOMP_FORCE_INLINE std::int64_t GetWord(const byte* p, T* v) {
     if (stops == 0) [[unlikely]]
         return 0;
     const auto n = static_cast<std::uint32_t>(std::countr_zero(stops)) / 8 + 1;
-    std::uint64_t x = internal::Gather7(__builtin_bswap64(w) >> (8 * (8 - n)));
+    std::uint64_t x = internal::GatherBytes(__builtin_bswap64(w) >> (8 * (8 - n)), n);
     if constexpr (kSigned) {
         if (p[0] & 0x40u) x |= ~std::uint64_t{0} << (7 * n);
     }
@@ -264,6 +288,16 @@ TRDCOMP_FORCE_INLINE std::int64_t ReadPresenceMap(const BoundedSource& in, std::
         if (b & 0x80u) return j + 1;
     }
     return 0;
+}
+
+// The length of the presence map at p (8 readable bytes) when its stop bit
+// lies in them and within the record's `len` bytes, else 0 (ReadPresenceMap
+// then reads it).
+TRDCOMP_FORCE_INLINE std::int64_t MapInWord(const byte* p, std::int64_t len) {
+    const std::uint64_t stops = internal::Load64(p) & 0x8080808080808080ull;
+    if (stops == 0) return 0;
+    const std::int64_t k = std::countr_zero(stops) / 8 + 1;
+    return k <= len ? k : 0;
 }
 
 // Signed reader in the width of T (wrapping arithmetic in the unsigned twin):

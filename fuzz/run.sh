@@ -35,6 +35,9 @@ segments = b"".join(bytes([0x18, 0, 0, len(stream[i:i + 200])]) + stream[i:i + 2
 for mode, options in ((0, 0x3f), (2, 0xff), (64, 0x10)):
     open("%s/seed%d" % (out, mode), "wb").write(bytes([mode, options]) + segments)
 EOF
+# The plugin's bridge: the golden messages as they are.
+mkdir -p "$work/bridge"
+cp tests/golden/corpus/*.wire "$work/bridge/"
 # The coders: values around the byte-count boundaries, records of every test layout.
 mkdir -p "$work/coders"
 for i in $(seq 0 20); do
@@ -71,11 +74,22 @@ wait $b || status=1
 run fuzz_coders coders & a=$!
 if [ -x "$build/fuzz/fuzz_tool_json" ]; then
   run fuzz_tool_json json -dict=fuzz/json.dict || status=1
-  wait $a || status=1
-  run fuzz_capture capture || status=1
 else
-  echo "fuzz_tool_json, fuzz_capture: not built (no nlohmann-json), skipped"
-  wait $a || status=1
+  echo "fuzz_tool_json: not built (no nlohmann-json), skipped"
 fi
+wait $a || status=1
+# The capture reader beside the plugin's bridge.
+b=""
+if [ -x "$build/fuzz/fuzz_capture" ]; then
+  run fuzz_capture capture & b=$!
+else
+  echo "fuzz_capture: not built (no nlohmann-json), skipped"
+fi
+if [ -x "$build/fuzz/fuzz_wireshark_bridge" ]; then
+  run fuzz_wireshark_bridge bridge -dict=fuzz/heads.dict || status=1
+else
+  echo "fuzz_wireshark_bridge: not built (no nlohmann-json), skipped"
+fi
+if [ -n "$b" ]; then wait "$b" || status=1; fi
 if [ $status -ne 0 ]; then echo "fuzzing found a problem: see $findings/"; else echo "fuzzing: no findings"; fi
 exit $status

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The project's two jobs, runnable on a fresh Debian 12 machine as root:
 #   scripts/run.sh demo   build the tool alone (release configuration) and run its demo
-#   scripts/run.sh test   build and run the tests: release (with the Python module, the install
-#                         tree and the Debian packages), sanitizers, fuzzing
+#   scripts/run.sh test   build and run the tests: release (with the Python module, the Wireshark
+#                         plugin, the install tree and the Debian packages), sanitizers, fuzzing
 # Each installs with apt-get whatever the machine lacks.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -32,8 +32,9 @@ case "${1:-}" in
     ;;
   test)
     install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev clang libclang-rt-14-dev \
-      libbenchmark-dev liblz4-dev libzstd-dev pybind11-dev python3-dev python3-numpy python3-pytest dpkg-dev file libpcap-dev tcpdump
-    echo "== release build, warnings as errors; the Python module, the install tree and the Debian packages"
+      libbenchmark-dev liblz4-dev libzstd-dev pybind11-dev python3-dev python3-numpy python3-pytest dpkg-dev file libpcap-dev \
+      tshark libwireshark-dev wireshark-dev tcpdump
+    echo "== release build, warnings as errors; the Python module, the Wireshark plugin under tshark, the install tree and the Debian packages"
     cmake --workflow --preset ci
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer (clang, LeakSanitizer on), with the fuzz targets"
     cmake --workflow --preset asan

@@ -71,15 +71,19 @@ inline constexpr std::uint64_t kMaxLength = INT_MAX - 5;
 // an int. A length below 128 is its one byte.
 TRDCOMP_FORCE_INLINE int GetLength(const char* in, std::int64_t& len) {
     const auto first = static_cast<u8>(in[0]);
-    std::uint64_t raw = first;
-    const int k = first < 0x80u ? 1 : GetLongLength(in, raw);
+    if (first < 0x80u) [[likely]] {
+        len = first;
+        return 1;
+    }
+    std::uint64_t raw;
+    const int k = GetLongLength(in, raw);
     len = static_cast<std::int64_t>(raw > kMaxLength ? kMaxLength : raw);
     return k;
 }
 
 // The bytes GetVarint reads at in when they all lie inside the `left` bytes
 // there, else 0.
-[[gnu::noinline]] inline int VarintWithin(const char* in, std::int64_t left, int maxBytes) {
+TRDCOMP_FORCE_INLINE int VarintWithin(const char* in, std::int64_t left, int maxBytes) {
     const int n = left < maxBytes ? static_cast<int>(left) : maxBytes;
     for (int i = 0; i < n; ++i)
         if (!(static_cast<u8>(in[i]) & 0x80u)) return i + 1;

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Checks that no #include runs back up the house.
 
-Every quoted include of the library, the tools and the Python module is
-resolved the way the compiler finds it (the including file's folder first,
-then the folders of the tree) and must land in a folder its own folder may
-see. The build gives each target only its own include directories; this
+Every quoted include of the library, the tools, the Python module and the
+Wireshark plugin is resolved the way the compiler finds it (the including
+file's folder first, then the folders of the tree) and must land in a folder
+its own folder may see. The build gives each target only its own include directories; this
 check also catches what the build cannot: a relative path, or a header of
 another layer that a target happens to see through a neighbour.
 
@@ -30,6 +30,7 @@ ALLOWED = {
     "catalogue/model": PUBLIC + ["generated/model"],
     "tools/trdcomp": PUBLIC + ["catalogue/model", "generated/model"],
     "python": PUBLIC + ["tools/trdcomp", "catalogue/model", "generated/model"],
+    "wireshark": PUBLIC + ["tools/trdcomp", "catalogue/model", "generated/model"],
 }
 # The generated files, by where the generator writes them.
 GENERATED = {
@@ -40,7 +41,7 @@ GENERATED = {
 }
 # Where a bare name is looked for, after the including file's own folder.
 ROOTS = ["common", "fastcodec", "codec2008", "interface/src", "interface/include", "codec2008/include",
-         "catalogue", "tools/trdcomp", "python"]
+         "catalogue", "tools/trdcomp", "python", "wireshark"]
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 
 
@@ -63,7 +64,7 @@ def main():
     for folder, allowed in ALLOWED.items():
         top = os.path.join(src, folder)
         for entry in sorted(os.listdir(top)):
-            if not entry.endswith((".h", ".hpp", ".cpp", ".inc")):
+            if not entry.endswith((".h", ".hpp", ".c", ".cpp", ".inc")):
                 continue
             with open(os.path.join(top, entry), encoding="utf-8") as f:
                 text = f.read()
