@@ -141,9 +141,7 @@ private:
     std::set<Direction*> holding_;                   // directions holding segments ahead of a missing one
     std::size_t held_ = 0;                           // bytes all of them hold
     Timestamp lastSweep_;
-    std::unique_ptr<Connection> retired_;            // the connection of the item handed out last
-    Flow captureFlow_;
-    Report lastReport_;
+    Flow captureFlow_;                               // what a report of the whole capture comes from (connection 0)
 };
 
 // A capture file (pcap or pcapng, as libpcap reads them) read packet by

@@ -257,8 +257,7 @@ StreamCutter::Step StreamCutter::CutSynced(std::size_t limit) {
     const Look look = Frame1(head_, limit, skip, length, want);
     switch (look) {
         case Look::complete:
-            message_ = Cut{false, at + skip, buf_.data() + head_ + skip, length, {}};
-            out_.push_back(message_);
+            out_.push_back(Cut{false, at + skip, buf_.data() + head_ + skip, length, {}});
             Consume(head_ + skip + length);
             want_ = 0;
             return Step::progress;

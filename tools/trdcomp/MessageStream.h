@@ -153,7 +153,6 @@ private:
     std::uint64_t discard_ = 0;  // bytes of a message too long, still to drop as they come
     std::deque<Mark> marks_;
     std::deque<Cut> out_;        // reports waiting, then at most one message
-    Cut message_;                // the message handed out last
 };
 
 }  // namespace tool
