@@ -23,6 +23,18 @@ for f in tests/golden/corpus/*.wire; do
   for o in 0 1; do { printf "\\x0$o\\x$(printf %02x "$d")"; cat "$f"; } > "$work/modern/$o-$name"; done
 done
 cp fuzz/json/*.json "$work/json/"
+# The capture reader: golden messages as TCP segments of 200 bytes (flags
+# byte, sequence delta, length, payload) behind the mode and options bytes.
+mkdir -p "$work/capture"
+python3 - "$work/capture" tests/golden/corpus/req_1002_2008.wire tests/golden/corpus/ans_1110_2008.wire \
+  tests/golden/corpus/ans_1003_fast.wire << 'EOF'
+import sys
+out, names = sys.argv[1], sys.argv[2:]
+stream = b"".join(open(n, "rb").read() for n in names)
+segments = b"".join(bytes([0x18, 0, 0, len(stream[i:i + 200])]) + stream[i:i + 200] for i in range(0, len(stream), 200))
+for mode, options in ((0, 0x3f), (2, 0xff), (64, 0x10)):
+    open("%s/seed%d" % (out, mode), "wb").write(bytes([mode, options]) + segments)
+EOF
 # The plugin's bridge: the golden messages as they are.
 mkdir -p "$work/bridge"
 cp tests/golden/corpus/*.wire "$work/bridge/"
@@ -58,7 +70,7 @@ run fuzz_modern_foreign foreign -dict=fuzz/heads.dict & b=$!
 wait $a || status=1
 wait $b || status=1
 # The coders beside the tool's JSON reader (seeded with documents
-# `trdcomp decode --json` printed).
+# `trdcomp decode --json` printed), then the capture reader.
 run fuzz_coders coders & a=$!
 if [ -x "$build/fuzz/fuzz_tool_json" ]; then
   run fuzz_tool_json json -dict=fuzz/json.dict || status=1
@@ -66,10 +78,18 @@ else
   echo "fuzz_tool_json: not built (no nlohmann-json), skipped"
 fi
 wait $a || status=1
+# The capture reader beside the plugin's bridge.
+b=""
+if [ -x "$build/fuzz/fuzz_capture" ]; then
+  run fuzz_capture capture & b=$!
+else
+  echo "fuzz_capture: not built (no nlohmann-json), skipped"
+fi
 if [ -x "$build/fuzz/fuzz_wireshark_bridge" ]; then
   run fuzz_wireshark_bridge bridge -dict=fuzz/heads.dict || status=1
 else
   echo "fuzz_wireshark_bridge: not built (no nlohmann-json), skipped"
 fi
+if [ -n "$b" ]; then wait "$b" || status=1; fi
 if [ $status -ne 0 ]; then echo "fuzzing found a problem: see $findings/"; else echo "fuzzing: no findings"; fi
 exit $status

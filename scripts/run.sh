@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The project's two jobs, runnable on a fresh Debian 12 machine as root:
-#   scripts/run.sh demo   build (release) and run the example
+#   scripts/run.sh demo   build the tool alone (release configuration) and run its demo
 #   scripts/run.sh test   build and run the tests: release (with the Python module, the Wireshark
 #                         plugin, the install tree and the Debian packages), sanitizers, fuzzing
 # Each installs with apt-get whatever the machine lacks.
@@ -22,15 +22,18 @@ install_missing() {
 
 case "${1:-}" in
   demo)
-    install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev \
-      libbenchmark-dev liblz4-dev libzstd-dev libpcap-dev
-    cmake --workflow --preset release
+    # What the demo needs: the library, the catalogue and the tool (the
+    # release preset's configuration asks for GoogleTest; nothing else of the
+    # tests, the benchmarks or the Python module is built).
+    install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev libpcap-dev
+    cmake --preset release
+    cmake --build --preset release --target trdcomp_tool
     build/release/trdcomp demo
     ;;
   test)
     install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev clang libclang-rt-14-dev \
       libbenchmark-dev liblz4-dev libzstd-dev pybind11-dev python3-dev python3-numpy python3-pytest dpkg-dev file libpcap-dev \
-      tshark libwireshark-dev wireshark-dev
+      tshark libwireshark-dev wireshark-dev tcpdump
     echo "== release build, warnings as errors; the Python module, the Wireshark plugin under tshark, the install tree and the Debian packages"
     cmake --workflow --preset ci
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer (clang, LeakSanitizer on), with the fuzz targets"

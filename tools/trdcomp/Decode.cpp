@@ -93,7 +93,7 @@ std::int32_t TableEntrySize(const std::vector<char>& wire, int j) {
 }
 
 // The one place a restore's failure becomes the tool's error.
-[[noreturn]] void ReportRefusal(const trdcomp::Restored& r, const std::vector<char>& wire, int version,
+[[noreturn]] void ReportRefusal(const trdcomp::RestoredView& r, const std::vector<char>& wire, int version,
                                 const trdcomp::RestoreOptions& options) {
     switch (r.Error()) {
         case trdcomp::Errc::limit_exceeded:
@@ -106,13 +106,24 @@ std::int32_t TableEntrySize(const std::vector<char>& wire, int j) {
 }
 
 
+// A message that tells its length: the bytes the sender put behind it
+// (which the restore passes over unless strict).
+void KeepTrailing(Decoded& m) {
+    const trdcomp::FrameLength f = trdcomp::MessageLength(m.wire.data(), m.wire.size());
+    if (f.status == trdcomp::Framing::complete && f.length < m.wire.size())
+        m.trailing.assign(m.wire.begin() + static_cast<std::ptrdiff_t>(f.length), m.wire.end());
+}
+
 }  // namespace
 
-Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& options) {
+Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& options) { return Decode(std::vector<char>(wire), options); }
+
+Decoded Decode(std::vector<char>&& bytes, const trdcomp::RestoreOptions& options) {
+    Decoded m;
+    m.wire = std::move(bytes);
+    const std::vector<char>& wire = m.wire;
     if (wire.size() < 4) throw std::runtime_error("the input has " + Plural(static_cast<std::int64_t>(wire.size()), "byte") + ": no head");
     if (wire.size() > static_cast<std::size_t>(INT_MAX)) throw std::runtime_error("the input is longer than a message can be (2 GiB)");
-    Decoded m;
-    m.wire = wire;
     m.flag = options.flag;
     const head::Direction direction = head::DirectionOf(wire.data(), wire.size());
     if (direction == head::kNoMessage)
@@ -124,11 +135,33 @@ Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& opt
     const bool fast = m.fastVersion != 0;
     const std::int32_t id = HeadWord(wire, head::kFunctionIdAt);
     const trdcomp::span<const char> in(wire.data(), wire.size());
-    const trdcomp::Restored r = m.request ? trdcomp::RestoreRequest(in, options) : trdcomp::RestoreAnswer(in, options);
+    // Restored into a block of this thread's that the next message uses
+    // again: what Decode keeps of it, it copies.
+    constexpr std::size_t kKept = std::size_t{1} << 20;  // a larger block is let go after its message
+    thread_local std::vector<char> block(std::size_t{1} << 16);
+    struct Shrink {
+        ~Shrink() {
+            if (block.size() > kKept) std::vector<char>(std::size_t{1} << 16).swap(block);
+        }
+    } shrink;
+    auto restore = [&] {
+        const trdcomp::span<char> into(block.data(), block.size());
+        return m.request ? trdcomp::RestoreRequestInto(into, in, options) : trdcomp::RestoreAnswerInto(into, in, options);
+    };
+    trdcomp::RestoredView r = restore();
+    if (!r && r.Error() == trdcomp::Errc::buffer_too_small) {
+        try {
+            std::vector<char>(r.Needed()).swap(block);
+        } catch (const std::bad_alloc&) {
+            throw Refused("the restore could not allocate its buffer");
+        }
+        r = restore();
+    }
     if (!r) ReportRefusal(r, wire, m.fastVersion, options);
     m.restoredBytes = r.Size();
     if (r.Size() == 0) {
         m.restoredNothing = true;
+        KeepTrailing(m);
         return m;
     }
     const catalogue_model::Cell cell = Get().RestoreCell(m.request, id, fast);
@@ -145,7 +178,7 @@ Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& opt
         }
     }
     for (int j = 0; j < sections; ++j) {
-        const trdcomp::Restored::Section s = r.GetSection(j);
+        const trdcomp::RestoredView::Section s = r.GetSection(j);
         Section out;
         out.count = s.count;
         out.slot = s.size;
@@ -179,6 +212,7 @@ Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& opt
     // in the message.
     if (!codec && m.request && end < size) m.trailing.assign(p + end, p + size);
     if (!codec && !m.request && size < static_cast<std::int64_t>(wire.size())) m.trailing.assign(wire.begin() + size, wire.end());
+    if (m.trailing.empty()) KeepTrailing(m);
     return m;
 }
 

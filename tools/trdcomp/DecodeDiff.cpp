@@ -9,8 +9,8 @@
 #include <tuple>
 
 #include "Commands.h"
+#include "Feed.h"
 #include "Message.h"
-#include "Stream.h"
 #include "trdcomp/MessageHead.hpp"
 #include "trdcomp/trdcomp.hpp"
 
@@ -20,20 +20,31 @@ namespace {
 
 namespace head = trdcomp::head;
 
-std::vector<char> Input(const std::string& file, bool hex) {
-    std::vector<char> bytes = ReadAll(file);
-    if (hex) {
+// Hex text: digits and white space only, from its first bytes on (a message
+// begins with 76 or 96 and zero bytes, never with hex digits).
+bool LooksLikeHex(const std::vector<char>& bytes) {
+    const auto lead = bytes.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(bytes.size(), 64));
+    auto hexText = [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) || std::isspace(static_cast<unsigned char>(c)); };
+    return lead - bytes.begin() >= 8 && std::all_of(bytes.begin(), lead, hexText);
+}
+
+// How an input is read: as it is, as hex text, or as whichever its bytes say.
+enum class HexInput { no, yes, detect };
+
+// A message's bytes, read from a file of at most `limit` bytes (of hex text:
+// twice that). `hexOption` is the option that says the input is hex.
+std::vector<char> Input(const std::string& file, HexInput hex, std::size_t limit, const std::string& hexOption) {
+    const std::size_t textLimit = hex == HexInput::no || limit > (static_cast<std::size_t>(-1) - 64) / 3 ? limit : limit * 3 + 64;
+    std::vector<char> bytes = ReadAll(file, textLimit, " (--max-bytes N raises it; a file of many messages is read with --stream)");
+    if (hex == HexInput::detect) hex = LooksLikeHex(bytes) ? HexInput::yes : HexInput::no;
+    if (hex == HexInput::yes) {
         std::vector<char> parsed;
         if (!ParseHex(std::string(bytes.begin(), bytes.end()), parsed))
             throw std::runtime_error(file + ": the input is not hex: expected pairs of hex digits, white space between bytes only");
         bytes.swap(parsed);
         return bytes;
     }
-    // A message begins with 76 or 96 and zero bytes, never with hex digits.
-    const auto lead = bytes.begin() + static_cast<std::ptrdiff_t>(std::min<std::size_t>(bytes.size(), 64));
-    auto hexText = [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) || std::isspace(static_cast<unsigned char>(c)); };
-    if (lead - bytes.begin() >= 8 && std::all_of(bytes.begin(), lead, hexText))
-        throw std::runtime_error(file + ": the input is hex text, not a message: decode it with --hex");
+    if (LooksLikeHex(bytes)) throw std::runtime_error(file + ": the input is hex text, not a message: decode it with " + hexOption);
     return bytes;
 }
 
@@ -46,75 +57,26 @@ trdcomp::RestoreOptions RestoreOptionsOf(int flag, const std::string& maxBytes, 
     return options;
 }
 
-void Print(const Decoded& m, const DecodeOptions& o, std::ostream& out) {
-    if (o.json)
-        WriteJson(m, out);
-    else
-        PrintText(m, out, o.sent);
-}
-
-// Messages of a stream or capture, counted per direction and id.
-struct Tally {
-    std::size_t messages = 0, refused = 0;
-    std::map<std::pair<std::string, std::int32_t>, std::size_t> perId;
-    bool problems = false;
-
-    void Decode(const Piece& piece, const std::string& where, const DecodeOptions& o, std::ostream& out) {
-        ++messages;
-        const bool request = head::DirectionOf(piece.bytes.data(), piece.bytes.size()) == head::kRequest;
-        ++perId[{request ? "request" : "answer", HeadWord(piece.bytes, head::kFunctionIdAt)}];
-        out << "== message " << messages << ": " << where << "offset " << piece.offset << ", "
-            << Plural(static_cast<long long>(piece.bytes.size()), "byte") << "\n";
-        try {
-            Print(tool::Decode(piece.bytes, RestoreOptionsOf(o.flag, o.maxBytes, o.strict)), o, out);
-        } catch (const std::exception& e) {
-            ++refused;
-            out << "refused: " << e.what() << "\n";
-        }
-        out << "\n";
-    }
-    void Cut(const char* p, std::size_t n, const std::string& where, const DecodeOptions& o, std::ostream& out) {
-        const Pieces pieces = CutStream(p, n, ParseFrame(o.frame));
-        for (const Piece& piece : pieces.messages) Decode(piece, where, o, out);
-        if (!pieces.problem.empty()) {
-            problems = true;
-            out << "stopped: " << where << pieces.problem << "\n\n";
-        }
-    }
-    void Summary(std::ostream& out) const {
-        out << Plural(static_cast<long long>(messages), "message");
-        if (refused) out << " (" << refused << " refused)";
-        out << "\n";
-        for (const auto& [key, n] : perId) out << "  " << std::left << std::setw(8) << key.first << std::setw(8) << key.second << n << "\n";
-    }
-};
-
 }  // namespace
 
-int RunDecode(const DecodeOptions& o, std::ostream& out) {
+int RunDecode(const DecodeOptions& o, std::ostream& out, std::ostream& err) {
     const trdcomp::RestoreOptions options = RestoreOptionsOf(o.flag, o.maxBytes, o.strict);  // a bad --max-bytes fails first
-    if (!o.pcap.empty()) {
-        Tally t;
-        const std::vector<Flow> flows = ReadCapture(o.pcap, o.port);
-        for (const Flow& f : flows) {
-            out << "== connection " << f.name << ", " << Plural(static_cast<long long>(f.bytes.size()), "byte") << "\n";
-            t.Cut(f.bytes.data(), f.bytes.size(), f.name + ", ", o, out);
-            if (!f.problem.empty()) {
-                t.problems = true;
-                out << "gap: " << f.name << ", " << f.problem << "\n\n";
-            }
-        }
-        t.Summary(out);
-        return t.problems || t.refused ? 1 : 0;
+    if (o.pcap || o.stream || !o.frame.empty() || o.follow) {
+        if (o.json) throw std::runtime_error("--json prints one message's document: for a stream or capture, --jsonl prints one JSON object a line");
+        if (o.hex) throw std::runtime_error("--hex reads one message: a stream or capture is read as it is");
+        return RunDecodeFeed(o, out, err);
     }
-    const std::vector<char> bytes = Input(o.file, o.hex);
-    if (o.stream || !o.frame.empty()) {
-        Tally t;
-        t.Cut(bytes.data(), bytes.size(), "", o, out);
-        t.Summary(out);
-        return t.problems || t.refused ? 1 : 0;
-    }
-    Print(Decode(bytes, options), o, out);
+    if (o.jsonl) throw std::runtime_error("--jsonl prints the messages of a stream or capture (--stream, --pcap): one message's JSON is --json");
+    if (!o.ids.empty() || !o.dir.empty()) throw std::runtime_error("--id and --dir choose among the messages of a stream or capture (--stream, --pcap)");
+    const std::vector<char> bytes = Input(o.file, o.hex ? HexInput::yes : HexInput::no, options.maxBytes, "--hex");
+    const Decoded m = Decode(bytes, options);
+    if (o.json) WriteJson(m, out);
+    else PrintText(m, out, o.sent);
+    // Bytes behind a message that tells its length: maybe more messages.
+    const std::size_t end = bytes.size() - m.trailing.size();
+    if (!m.trailing.empty() && trdcomp::MessageLength(m.trailing.data(), m.trailing.size()).status != trdcomp::Framing::invalid)
+        err << "trdcomp decode: " << Plural(static_cast<long long>(m.trailing.size()), "byte") << " follow the message (it ends at offset " << end
+            << ") and begin like another message: decode --stream reads messages back to back\n";
     return 0;
 }
 
@@ -129,8 +91,9 @@ std::string Describe(const Decoded& m) {
 
 int RunDiff(const DiffOptions& o, std::ostream& out) {
     const trdcomp::RestoreOptions options = RestoreOptionsOf(o.flag, o.maxBytes, o.strict);
-    const Decoded a = Decode(Input(o.a, o.hex), options);
-    const Decoded b = Decode(Input(o.b, o.hex), options);
+    auto hexOf = [&](bool one) { return o.hex || one ? HexInput::yes : HexInput::detect; };
+    const Decoded a = Decode(Input(o.a, hexOf(o.hexA), options.maxBytes, "--hex-a"), options);
+    const Decoded b = Decode(Input(o.b, hexOf(o.hexB), options.maxBytes, "--hex-b"), options);
     out << "--- " << o.a << " (" << Describe(a) << ")\n+++ " << o.b << " (" << Describe(b) << ")\n";
     std::size_t differences = 0;
     auto differ = [&](const std::string& what, const std::string& x, const std::string& y) {

@@ -28,40 +28,49 @@ void Store(char* p, T v) {
     std::memcpy(p, &v, sizeof v);
 }
 
-std::string Shortest(double v) {
-    char buf[64];
-    const auto r = std::to_chars(buf, buf + sizeof buf, v);
-    return std::string(buf, r.ptr);
-}
-
-// Hex of a block without its trailing zero bytes (they come back as zeros).
-std::string TrimmedHex(const char* p, int width) {
+// A block without its trailing zero bytes (they come back as zeros).
+std::size_t Trimmed(const char* p, int width) {
     int n = width;
     while (n > 0 && p[n - 1] == 0) --n;
-    return Hex(p, static_cast<std::size_t>(n));
+    return static_cast<std::size_t>(n);
 }
 
-std::string Quoted(const char* p, int width) {
-    const std::size_t n = ::strnlen(p, static_cast<std::size_t>(width));
-    bool plain = true;
-    for (std::size_t i = 0; i < n; ++i) plain &= Printable(p[i]);
-    for (std::size_t i = n; i < static_cast<std::size_t>(width); ++i) plain &= p[i] == 0;
-    std::string q;
-    if (plain) {
-        q.push_back('"');
-        q.append(p, n);
-        q.push_back('"');
-    } else {
-        q = "hex ";
-        q += TrimmedHex(p, width);
+// The length of a text that is printable ASCII padded with zeros; -1 for
+// any other bytes.
+std::size_t PlainText(const char* p, int width) {
+    const std::size_t w = static_cast<std::size_t>(width);
+    std::size_t i = 0;
+    // Eight printable bytes at a time (none below 0x20, none above 0x7e).
+    constexpr std::uint64_t kOnes = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
+    for (; i + 8 <= w; i += 8) {
+        std::uint64_t v;
+        std::memcpy(&v, p + i, 8);
+        if ((((v - kOnes * 0x20) & ~v) | v | (v + kOnes)) & kHigh) break;
     }
-    return q;
+    while (i < w && Printable(p[i])) ++i;
+    const std::size_t n = i;
+    for (; i + 8 <= w; i += 8) {
+        std::uint64_t v;
+        std::memcpy(&v, p + i, 8);
+        if (v != 0) return static_cast<std::size_t>(-1);
+    }
+    for (; i < w; ++i)
+        if (p[i] != 0) return static_cast<std::size_t>(-1);
+    return n;
 }
 
-std::string Abbreviated(const std::string& hex) {
-    if (hex.empty()) return "(zeros)";
-    if (hex.size() <= 64) return hex;
-    return hex.substr(0, 64) + "... (" + std::to_string(hex.size() / 2) + " bytes before the trailing zeros)";
+// A text as the table shows it: quoted when printable ASCII padded with
+// zeros, else "hex" and its bytes before the trailing zeros.
+void Quoted(std::string& out, const char* p, int width) {
+    const std::size_t n = PlainText(p, width);
+    if (n != static_cast<std::size_t>(-1)) {
+        out += '"';
+        out.append(p, n);
+        out += '"';
+    } else {
+        out += "hex ";
+        AppendHex(out, p, Trimmed(p, width));
+    }
 }
 
 // A field's JSON key: "f" and its offset, as in the generated record types.
@@ -75,7 +84,7 @@ std::string Where(const Field& f) {
     return "field f" + std::to_string(f.offset) + " (" + FieldKindName(f.kind) + ", " + Plural(f.width, "byte") + ")";
 }
 
-void HexInto(const Json& v, char* p, int width, const std::string& what) {
+void HexInto(const JsonIn& v, char* p, int width, const std::string& what) {
     std::vector<char> bytes;
     if (!v.is_string() || !ParseHex(v.get<std::string>(), bytes))
         throw std::runtime_error(what + ": expected a string of hex digits");
@@ -85,7 +94,7 @@ void HexInto(const Json& v, char* p, int width, const std::string& what) {
 }
 
 template <class T>
-T Integer(const Json& v, const std::string& what) {
+T Integer(const JsonIn& v, const std::string& what) {
     if (!v.is_number_integer()) throw std::runtime_error(what + ": expected an integer");
     if (v.is_number_unsigned()) {
         const auto u = v.get<std::uint64_t>();
@@ -114,65 +123,148 @@ double SenderDouble(double restored, bool fast) {
     return (n < 0 ? n - 1.0 : n) / scale;
 }
 
-void AddRows(const Layout& l, const char* rec, int base, const std::string& prefix, std::vector<Row>& rows) {
+void AppendNumber(std::string& out, long long v) {
+    char digits[24];
+    out.append(digits, std::to_chars(digits, digits + sizeof digits, v).ptr);
+}
+
+// A block as the table shows it: the hex of its first 32 bytes before its
+// trailing zeros, and how many there are when they are more.
+void AbbreviatedHex(std::string& out, const char* p, int width) {
+    const std::size_t n = Trimmed(p, width);
+    if (n == 0) {
+        out += "(zeros)";
+        return;
+    }
+    AppendHex(out, p, std::min<std::size_t>(n, 32));
+    if (n > 32) {
+        out += "... (";
+        AppendNumber(out, static_cast<long long>(n));
+        out += " bytes before the trailing zeros)";
+    }
+}
+
+// The rows of a record from rows[used] on, reusing the strings of rows
+// already there.
+void AddRows(const Layout& l, const char* rec, int base, const std::string& prefix, std::vector<Row>& rows, std::size_t& used) {
     for (const Field& f : l.fields) {
         const char* p = rec + f.offset;
-        Row r{base + f.offset, prefix + FieldKindName(f.kind), f.width, ""};
+        if (used == rows.size()) rows.emplace_back();
+        Row& r = rows[used++];
+        r.offset = base + f.offset;
+        r.kind.assign(prefix).append(FieldKindName(f.kind));
+        r.width = f.width;
+        r.value.clear();
         switch (f.kind) {
             case FieldKind::Char: {
                 const unsigned char c = static_cast<unsigned char>(*p);
-                r.value = std::to_string(c);
                 if (Printable(*p)) {
-                    std::string quoted = "'";
-                    quoted += *p;
-                    quoted += "' (";
-                    r.value = quoted + r.value + ")";
+                    r.value += '\'';
+                    r.value += *p;
+                    r.value += "' (";
+                    AppendNumber(r.value, c);
+                    r.value += ')';
+                } else {
+                    AppendNumber(r.value, c);
                 }
                 break;
             }
             case FieldKind::Text:
-            case FieldKind::Ascii: r.value = Quoted(p, f.width); break;
+            case FieldKind::Ascii: Quoted(r.value, p, f.width); break;
             case FieldKind::Bytes:
-            case FieldKind::Uncoded: r.value = Abbreviated(TrimmedHex(p, f.width)); break;
-            case FieldKind::Int32: r.value = std::to_string(Load<std::int32_t>(p)); break;
-            case FieldKind::Int64: r.value = std::to_string(Load<std::int64_t>(p)); break;
-            case FieldKind::Double: r.value = Shortest(Load<double>(p)); break;
+            case FieldKind::Uncoded: AbbreviatedHex(r.value, p, f.width); break;
+            case FieldKind::Int32: AppendNumber(r.value, Load<std::int32_t>(p)); break;
+            case FieldKind::Int64: AppendNumber(r.value, Load<std::int64_t>(p)); break;
+            case FieldKind::Double: {
+                char digits[40];
+                r.value.append(digits, ShortestDouble(Load<double>(p), digits));
+                break;
+            }
             case FieldKind::Sized:
                 r.width = f.width + 4;
-                r.value = "length " + std::to_string(Load<std::int32_t>(p + f.width)) + ", " + Abbreviated(TrimmedHex(p, f.width));
+                r.value += "length ";
+                AppendNumber(r.value, Load<std::int32_t>(p + f.width));
+                r.value += ", ";
+                AbbreviatedHex(r.value, p, f.width);
                 break;
             case FieldKind::Array: {
                 const Layout& e = catalogue_model::Get().At(f.entry);
                 r.value = Plural(f.entries, "entry", "entries") + " of " + e.name;
-                rows.push_back(r);
                 for (int k = 0; k < f.entries; ++k)
-                    AddRows(e, p + k * e.size, base + f.offset + k * e.size, prefix + "[" + std::to_string(k) + "] ", rows);
-                continue;
+                    AddRows(e, p + k * e.size, base + f.offset + k * e.size, prefix + "[" + std::to_string(k) + "] ", rows, used);
+                break;
             }
         }
-        rows.push_back(r);
     }
 }
 
 // A double that is no number goes as the hex of its bytes.
-void DescribeDouble(const char* p, ValueSink& out) {
+template <class Sink>
+void DescribeDouble(const char* p, Sink& out) {
     const double v = Load<double>(p);
     if (std::isfinite(v)) return out.Double(v);
     out.BeginObject();
     out.Key("hex");
-    out.String(Hex(p, 8));
+    out.HexBytes(p, 8);
+    out.EndObject();
+}
+
+template <class Sink>
+void DescribeTextAs(const char* p, int width, Sink& out) {
+    const std::size_t n = PlainText(p, width);
+    if (n != static_cast<std::size_t>(-1)) return out.String(std::string_view(p, n));
+    out.BeginObject();
+    out.Key("hex");
+    out.HexBytes(p, Trimmed(p, width));
+    out.EndObject();
+}
+
+template <class Sink>
+void DescribeRecordAs(const Layout& l, const char* rec, Sink& out) {
+    out.BeginObject();
+    for (const Field& f : l.fields) {
+        const char* p = rec + f.offset;
+        char key[16] = {'f'};
+        out.Key(std::string_view(key, static_cast<std::size_t>(std::to_chars(key + 1, key + sizeof key, f.offset).ptr - key)));
+        switch (f.kind) {
+            case FieldKind::Char:
+                if (Printable(*p))
+                    out.String(std::string_view(p, 1));
+                else
+                    out.Unsigned(static_cast<unsigned char>(*p));
+                break;
+            case FieldKind::Text:
+            case FieldKind::Ascii: DescribeTextAs(p, f.width, out); break;
+            case FieldKind::Bytes:
+            case FieldKind::Uncoded: out.HexBytes(p, Trimmed(p, f.width)); break;
+            case FieldKind::Int32: out.Integer(Load<std::int32_t>(p)); break;
+            case FieldKind::Int64: out.Integer(Load<std::int64_t>(p)); break;
+            case FieldKind::Double: DescribeDouble(p, out); break;
+            case FieldKind::Sized:
+                out.BeginObject();
+                out.Key("length");
+                out.Integer(Load<std::int32_t>(p + f.width));
+                out.Key("hex");
+                out.HexBytes(p, Trimmed(p, f.width));
+                out.EndObject();
+                break;
+            case FieldKind::Array: {
+                const Layout& e = catalogue_model::Get().At(f.entry);
+                out.BeginList();
+                for (int k = 0; k < f.entries; ++k) DescribeRecordAs(e, p + k * e.size, out);
+                out.EndList();
+                break;
+            }
+        }
+    }
     out.EndObject();
 }
 
 }  // namespace
 
 std::string Hex(const char* p, std::size_t n) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string s(2 * n, '0');
-    for (std::size_t i = 0; i < n; ++i) {
-        s[2 * i] = kDigits[static_cast<unsigned char>(p[i]) >> 4];
-        s[2 * i + 1] = kDigits[static_cast<unsigned char>(p[i]) & 15];
-    }
+    std::string s;
+    AppendHex(s, p, n);
     return s;
 }
 
@@ -209,19 +301,9 @@ bool ParseHex(const std::string& text, std::vector<char>& out) {
     return half < 0;
 }
 
-void DescribeText(const char* p, int width, ValueSink& out) {
-    const std::size_t n = ::strnlen(p, static_cast<std::size_t>(width));
-    bool plain = true;
-    for (std::size_t i = 0; i < n; ++i) plain &= Printable(p[i]);
-    for (std::size_t i = n; i < static_cast<std::size_t>(width); ++i) plain &= p[i] == 0;
-    if (plain) return out.String(std::string(p, n));
-    out.BeginObject();
-    out.Key("hex");
-    out.String(TrimmedHex(p, width));
-    out.EndObject();
-}
+void DescribeText(const char* p, int width, ValueSink& out) { DescribeTextAs(p, width, out); }
 
-void TextFromJson(const Json& v, char* p, int width, const std::string& what) {
+void TextFromJson(const JsonIn& v, char* p, int width, const std::string& what) {
     if (v.is_object() && v.contains("hex")) return HexInto(v.at("hex"), p, width, what);
     if (!v.is_string()) throw std::runtime_error(what + ": expected a string or {\"hex\": ...}");
     const std::string s = v.get<std::string>();
@@ -233,47 +315,22 @@ void TextFromJson(const Json& v, char* p, int width, const std::string& what) {
 
 std::vector<Row> RecordRows(const Layout& l, const char* rec) {
     std::vector<Row> rows;
-    AddRows(l, rec, 0, "", rows);
+    FillRecordRows(l, rec, rows);
     return rows;
 }
 
+void FillRecordRows(const Layout& l, const char* rec, std::vector<Row>& rows) {
+    std::size_t used = 0;
+    static const std::string kNoPrefix;
+    AddRows(l, rec, 0, kNoPrefix, rows, used);
+    rows.resize(used);
+}
+
 void DescribeRecord(const Layout& l, const char* rec, ValueSink& out) {
-    out.BeginObject();
-    for (const Field& f : l.fields) {
-        const char* p = rec + f.offset;
-        out.Key(Key(f));
-        switch (f.kind) {
-            case FieldKind::Char:
-                if (Printable(*p))
-                    out.String(std::string(1, *p));
-                else
-                    out.Unsigned(static_cast<unsigned char>(*p));
-                break;
-            case FieldKind::Text:
-            case FieldKind::Ascii: DescribeText(p, f.width, out); break;
-            case FieldKind::Bytes:
-            case FieldKind::Uncoded: out.String(TrimmedHex(p, f.width)); break;
-            case FieldKind::Int32: out.Integer(Load<std::int32_t>(p)); break;
-            case FieldKind::Int64: out.Integer(Load<std::int64_t>(p)); break;
-            case FieldKind::Double: DescribeDouble(p, out); break;
-            case FieldKind::Sized:
-                out.BeginObject();
-                out.Key("length");
-                out.Integer(Load<std::int32_t>(p + f.width));
-                out.Key("hex");
-                out.String(TrimmedHex(p, f.width));
-                out.EndObject();
-                break;
-            case FieldKind::Array: {
-                const Layout& e = catalogue_model::Get().At(f.entry);
-                out.BeginList();
-                for (int k = 0; k < f.entries; ++k) DescribeRecord(e, p + k * e.size, out);
-                out.EndList();
-                break;
-            }
-        }
-    }
-    out.EndObject();
+    // The JSON text's sink, known, is called directly: the same description
+    // without a virtual call a value.
+    if (auto* json = dynamic_cast<JsonTextSink*>(&out)) return DescribeRecordAs(l, rec, *json);
+    DescribeRecordAs(l, rec, out);
 }
 
 Json RecordJson(const Layout& l, const char* rec) {
@@ -282,7 +339,7 @@ Json RecordJson(const Layout& l, const char* rec) {
     return sink.Take();
 }
 
-void RecordFromJson(const Layout& l, const Json& j, char* rec, bool fast) {
+void RecordFromJson(const Layout& l, const JsonIn& j, char* rec, bool fast, bool classic) {
     if (!j.is_object()) throw std::runtime_error("a record of " + l.name + " must be a JSON object");
     for (const auto& [key, v] : j.items()) {
         const Field* f = nullptr;
@@ -303,8 +360,20 @@ void RecordFromJson(const Layout& l, const Json& j, char* rec, bool fast) {
                     *p = static_cast<char>(n);
                 }
                 break;
-            case FieldKind::Text:
-            case FieldKind::Ascii: TextFromJson(v, p, f->width, what); break;
+            case FieldKind::Text: TextFromJson(v, p, f->width, what); break;
+            case FieldKind::Ascii:
+                TextFromJson(v, p, f->width, what);
+                if (fast && !classic)
+                    for (int i = 0; i < f->width && p[i] != 0; ++i)
+                        if (static_cast<unsigned char>(p[i]) >= 0x80) {
+                            char byte[8];
+                            std::snprintf(byte, sizeof byte, "0x%02x", static_cast<unsigned char>(p[i]));
+                            throw std::runtime_error(what + ": byte " + std::to_string(i) + " is " + byte +
+                                                     ", which the Fast coding cannot carry in an ascii field (its bytes end at "
+                                                     "the first of 0x80 or above, garbling the fields behind it); --classic "
+                                                     "packs it as the classic members do");
+                        }
+                break;
             case FieldKind::Bytes:
             case FieldKind::Uncoded: HexInto(v, p, f->width, what); break;
             case FieldKind::Int32: Store(p, Integer<std::int32_t>(v, what)); break;
@@ -327,7 +396,8 @@ void RecordFromJson(const Layout& l, const Json& j, char* rec, bool fast) {
                 const Layout& e = catalogue_model::Get().At(f->entry);
                 if (!v.is_array() || v.size() > static_cast<std::size_t>(f->entries))
                     throw std::runtime_error(what + ": expected a list of at most " + std::to_string(f->entries) + " entries");
-                for (std::size_t k = 0; k < v.size(); ++k) RecordFromJson(e, v[k], p + k * static_cast<std::size_t>(e.size), fast);
+                for (std::size_t k = 0; k < v.size(); ++k)
+                    RecordFromJson(e, v[k], p + k * static_cast<std::size_t>(e.size), fast, classic);
                 break;
             }
         }

@@ -37,6 +37,8 @@ struct Row {
 
 // The rows of a record; counted arrays are expanded entry by entry.
 std::vector<Row> RecordRows(const Layout& l, const char* rec);
+// The same into `rows`, whose strings it reuses (rows.size() rows after).
+void FillRecordRows(const Layout& l, const char* rec, std::vector<Row>& rows);
 
 // The record as an object keyed "f<offset>", in offset order: a char as a
 // one-letter string when printable, else its number; texts as DescribeText;
@@ -54,10 +56,13 @@ Json RecordJson(const Layout& l, const char* rec);
 // selects the Fast coding's thousandths, else the 2008 coding's ten
 // thousandths): each is written as the double whose coding restores to the
 // nearest such value, so that a decoded message packs to the same bytes.
-void RecordFromJson(const Layout& l, const Json& j, char* rec, bool fast);
+// In the Fast coding an ascii field's bytes end at a byte of 0x80 or above,
+// which would garble the fields behind it on restore: such a byte is
+// refused, unless `classic` asks for the bytes the classic members pack.
+void RecordFromJson(const Layout& l, const JsonIn& j, char* rec, bool fast, bool classic = false);
 
 // A text: a string when printable ASCII padded with zeros, else {"hex"}.
 void DescribeText(const char* p, int width, ValueSink& out);
-void TextFromJson(const Json& v, char* p, int width, const std::string& what);
+void TextFromJson(const JsonIn& v, char* p, int width, const std::string& what);
 
 }  // namespace tool

@@ -1,12 +1,14 @@
 // trdcomp: look inside, build and check messages of the trdcomp codecs.
 #include <CLI/CLI.hpp>
 
+#include <csignal>
 #include <functional>
 #include <iostream>
 #include <stdexcept>
 #include <utility>
 
 #include "Commands.h"
+#include "Input.h"
 #include "Message.h"
 #include "trdcomp/trdcomp.hpp"
 
@@ -39,6 +41,39 @@ const char* const kStrictHelp =
     "Also refuse what the classic restore quietly accepts: a message that ends inside a record, bytes after the last "
     "record, a count the stream does not hold";
 
+// The options of every command that reads messages: how they are restored,
+// and where many come from and which of them count.
+void AddFeedOptions(CLI::App* cmd, tool::FeedOptions& o) {
+    cmd->add_option("--flag", o.flag, "The 2008 coding's flag to restore with (0, 1, ...)")->check(CLI::Range(-128, 127))->capture_default_str();
+    cmd->add_option("--max-bytes", o.maxBytes, kMaxBytesHelp)->check(kByteLimit)->capture_default_str();
+    cmd->add_flag("--strict", o.strict, kStrictHelp);
+    cmd->add_flag("--stream", o.stream,
+                  "The input holds messages back to back: cut them by their own lengths (or --frame), each as soon as its "
+                  "last byte has come");
+    cmd->add_option("--frame", o.frame,
+                    "Each message follows a transport length prefix (message length, prefix excluded): u32le, u32be, "
+                    "u16le or u16be; `message` cuts by the messages' own lengths (implies --stream)")
+        ->check(CLI::IsMember({"message", "u32le", "u32be", "u16le", "u16be"}));
+    auto* pcap = cmd->add_flag("--pcap", o.pcap,
+                               "The input is a pcap or pcapng capture (- for standard input: tcpdump -U -w - ... | trdcomp ... "
+                               "--pcap -): the messages of each direction of each TCP connection, reassembled");
+    cmd->add_option("--port", o.port, "With --pcap: only connections with this TCP port at either end")
+        ->check(CLI::Range(1, 65535))
+        ->needs(pcap);
+    cmd->add_flag("--follow", o.follow, "Keep reading a file that grows (as tail -f does), until interrupted");
+    cmd->add_option("--id", o.ids, "Only these function ids: a list such as 1002,1003,1100-1120");
+    cmd->add_option("--dir", o.dir, "Only requests or only answers")->check(CLI::IsMember({"request", "answer"}));
+}
+
+// An interrupt while a stream or capture is read ends the reading: what was
+// read is summed up.
+// A second interrupt ends the tool at once.
+void StopReading(int) {
+    tool::InputFile::Stop();
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -61,29 +96,27 @@ int main(int argc, char** argv) {
     tool::DecodeOptions decode;
     auto* decodeCmd = app.add_subcommand(
         "decode", "Restore a message (request: head word 0 = 76, answer: 96) through the library and print its head and "
-                  "every record field by field");
-    decodeCmd->add_option("file", decode.file, "The message, or - for standard input")->capture_default_str();
+                  "every record field by field; or each message of a stream or capture as soon as its last byte has come");
+    decodeCmd->add_option("file", decode.file, "The message, stream or capture, or - for standard input")->capture_default_str();
     decodeCmd->add_flag("--hex", decode.hex, "The input is hex text (white space between bytes allowed)");
     decodeCmd->add_flag("--json", decode.json, "Print JSON (the input of `trdcomp encode`) instead of a table");
-    decodeCmd->add_option("--flag", decode.flag, "The 2008 coding's flag to restore with (0, 1, ...)")
-        ->check(CLI::Range(-128, 127))
-        ->capture_default_str();
-    decodeCmd->add_flag("--stream", decode.stream,
-                        "The file holds messages back to back: cut them by their own lengths (or --frame) and decode each");
-    decodeCmd->add_option("--frame", decode.frame,
-                          "Each message follows a transport length prefix (message length, prefix excluded): u32le, u32be, "
-                          "u16le or u16be; `message` cuts by the messages' own lengths (implies --stream)")
-        ->check(CLI::IsMember({"message", "u32le", "u32be", "u16le", "u16be"}));
-    auto* pcapOpt = decodeCmd->add_option("--pcap", decode.pcap,
-                                          "Decode the messages in each direction of each TCP connection of a pcap or pcapng "
-                                          "capture (segments reassembled in sequence order)");
-    decodeCmd->add_option("--port", decode.port, "With --pcap: only connections with this TCP port at either end")
-        ->check(CLI::Range(1, 65535))
-        ->needs(pcapOpt);
+    decodeCmd->add_flag("--jsonl", decode.jsonl,
+                        "Streams and captures: one JSON object a line a message (where it was found, the message as --json "
+                        "prints it, or the refusal and its reason); reports go to standard error");
     decodeCmd->add_flag("--sent", decode.sent,
                         "Fast coding: mark each field as sent, taken from the previous record, or the default");
-    decodeCmd->add_option("--max-bytes", decode.maxBytes, kMaxBytesHelp)->check(kByteLimit)->capture_default_str();
-    decodeCmd->add_flag("--strict", decode.strict, kStrictHelp);
+    decodeCmd->add_option("--threads", decode.threads,
+                          "Streams and captures: threads that decode and write out the messages beside the one that reads "
+                          "(default: one a core; 0: the reading thread does it all)")
+        ->check(CLI::Range(0, 64));
+    AddFeedOptions(decodeCmd, decode);
+
+    tool::FeedOptions stats;
+    auto* statsCmd = app.add_subcommand(
+        "stats", "Count the messages of a stream or capture: messages, bytes and records per direction, id and coding, "
+                 "refusals by reason, coded against restored size, connections and gaps, messages a second");
+    statsCmd->add_option("file", stats.file, "The stream or capture, or - for standard input")->capture_default_str();
+    AddFeedOptions(statsCmd, stats);
 
     tool::DiffOptions diff;
     auto* diffCmd = app.add_subcommand(
@@ -91,7 +124,9 @@ int main(int argc, char** argv) {
                 "identically, 1 when they differ, 2 on error");
     diffCmd->add_option("a", diff.a, "The first message (- for standard input)")->required();
     diffCmd->add_option("b", diff.b, "The second message")->required();
-    diffCmd->add_flag("--hex", diff.hex, "The inputs are hex text");
+    diffCmd->add_flag("--hex", diff.hex, "Both inputs are hex text (without it, each is read as hex text when its bytes are)");
+    diffCmd->add_flag("--hex-a", diff.hexA, "The first input is hex text");
+    diffCmd->add_flag("--hex-b", diff.hexB, "The second input is hex text");
     diffCmd->add_option("--flag", diff.flag, "The 2008 coding's flag to restore with")->check(CLI::Range(-128, 127));
     diffCmd->add_option("--max-bytes", diff.maxBytes, kMaxBytesHelp)->check(kByteLimit)->capture_default_str();
     diffCmd->add_flag("--strict", diff.strict, kStrictHelp);
@@ -107,6 +142,9 @@ int main(int argc, char** argv) {
     encodeCmd->add_option("--in", encode.in, "JSON input file, or - for standard input")->capture_default_str();
     encodeCmd->add_option("--out", encode.out, "Output file, or - for standard output")->capture_default_str();
     encodeCmd->add_flag("--hex", encode.hex, "Write the message as hex text");
+    encodeCmd->add_flag("--classic", encode.classic,
+                        "Pack what the classic members pack, also values the coding cannot carry (a byte of 0x80 or above in "
+                        "a Fast ascii field, which garbles the fields behind it on restore)");
 
     int catalogueId = 0;
     bool catalogueHash = false;
@@ -141,13 +179,16 @@ int main(int argc, char** argv) {
         return rc != 0 && *diffCmd ? 2 : rc;
     }
     const std::string name = app.get_subcommands().front()->get_name();
+    if ((*decodeCmd && (decode.stream || decode.pcap || decode.follow || !decode.frame.empty())) || *statsCmd) {
+        struct sigaction stop {};
+        stop.sa_handler = StopReading;
+        sigaction(SIGINT, &stop, nullptr);  // no SA_RESTART: a waiting read returns
+        sigaction(SIGTERM, &stop, nullptr);
+    }
     try {
         if (*demoCmd) return tool::RunDemo(demo);
-        if (*decodeCmd) {
-            if (!decode.pcap.empty() && decode.file != "-")
-                throw std::runtime_error("give either a FILE or --pcap CAPTURE, not both");
-            return tool::RunDecode(decode, std::cout);
-        }
+        if (*decodeCmd) return tool::RunDecode(decode, std::cout, std::cerr);
+        if (*statsCmd) return tool::RunStats(stats, std::cout, std::cerr);
         if (*diffCmd) return tool::RunDiff(diff, std::cout);
         if (*encodeCmd) return tool::RunEncode(encode);
         if (catalogueHash) {

@@ -11,6 +11,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Fields.h"
@@ -83,6 +84,8 @@ std::string WhyRefused(const trdcomp::RestoredView& r, const std::vector<char>& 
 // std::runtime_error when the bytes are no message at all or the restore
 // would need more than options.maxBytes (the message says how much).
 Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& options);
+// The same, keeping `wire` rather than a copy of it.
+Decoded Decode(std::vector<char>&& wire, const trdcomp::RestoreOptions& options);
 inline Decoded Decode(const std::vector<char>& wire, char flag) { return Decode(wire, trdcomp::RestoreOptions{flag}); }
 
 // "unlimited", "none" or 0: no limit; else bytes, with an optional K, M or G
@@ -110,6 +113,9 @@ void DescribeRecords(const Section& s, ValueSink& out);
 // sections (layout or null, count, size, records: empty without `records`),
 // trailing bytes and the note of a restore that kept nothing, where they apply.
 void DescribeMessage(const Decoded& m, ValueSink& out, bool records = true);
+// The members of DescribeMessage's object, for an object that says more
+// (where a message of a stream or capture was found).
+void DescribeMembers(const Decoded& m, ValueSink& out, bool records = true);
 // DescribeMessage as a JSON document.
 Json ToJson(const Decoded& m);
 // Prints ToJson(m).dump(2) record by record, without building the document:
@@ -117,20 +123,32 @@ Json ToJson(const Decoded& m);
 void WriteJson(const Decoded& m, std::ostream& out);
 // The message as text; `sent` adds a column with each Fast field's origin.
 void PrintText(const Decoded& m, std::ostream& out, bool sent = false);
+// The same, at the end of `out`.
+void AppendText(const Decoded& m, TextBuffer& out, bool sent = false);
 
 struct EncodeOptions {
     int direction = 0;   // 0: from the JSON, 1: request, 2: answer
     long long id = -1;   // -1: from the JSON's head
     int fastVersion = -1;  // -1: from the JSON's coding
     int flag = -1;         // -1: from the JSON
+    bool classic = false;  // pack values the coding cannot carry as the classic members do (RecordFromJson)
 };
 
-// Packs the message the JSON describes (the shape ToJson prints). A section
-// may leave out what the function id gives: its layout, record size and
-// count. Throws std::runtime_error naming what is wrong: a count other than
-// the records listed, a size that does not hold them, a layout other than
-// the id's, a limit above (kMaxRecordSize, kMaxRecordBytes, kMaxArrays), a
-// message the library would not restore.
+// Packs the message the JSON text describes (the shape ToJson prints; a line
+// of decode --jsonl as well). A section may leave out what the function id
+// gives: its layout, record size and count. Throws std::runtime_error
+// naming what is wrong: a key no message, head, section or record has (and
+// the nearest one), a value of the wrong shape, nesting no message has, a
+// count other than the records listed, a size that does not hold them, a
+// layout other than the id's, a limit above (kMaxRecordSize,
+// kMaxRecordBytes, kMaxArrays), a value the coding cannot carry, a message
+// the library would not pack or restore (with the library's reason). The
+// text is read as it stands, never built into one document: memory goes to
+// the text, the records' bytes and the message.
+std::vector<char> EncodeText(std::string_view text, const EncodeOptions& options);
+// The same, letting the text go once it is read, before the message is packed.
+std::vector<char> EncodeText(std::vector<char>&& text, const EncodeOptions& options);
+// EncodeText of the document's text.
 std::vector<char> Encode(const Json& message, const EncodeOptions& options);
 
 }  // namespace tool

@@ -12,19 +12,22 @@
 #include <unistd.h>
 
 #include "Commands.h"
+#include "Input.h"
 #include "Message.h"
 #include "model/Samples.h"
 
 namespace tool {
 
-std::vector<char> ReadAll(const std::string& file) {
-    if (file == "-") {
-        std::cin >> std::noskipws;
-        return std::vector<char>(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+std::vector<char> ReadAll(const std::string& file, std::size_t limit, const std::string& limitHint) {
+    InputFile in;
+    std::string error;
+    if (!in.Open(file, error)) throw std::runtime_error(error);
+    std::vector<char> bytes;
+    if (!in.ReadAll(bytes, limit)) {
+        if (!in.Error().empty()) throw std::runtime_error(in.Error());
+        throw std::runtime_error(in.Name() + " holds more than the limit of " + ByteLimitText(limit) + limitHint);
     }
-    std::ifstream in(file, std::ios::binary);
-    if (!in) throw std::runtime_error("cannot open " + file);
-    return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return bytes;
 }
 
 namespace {
@@ -102,15 +105,14 @@ void PrintLayout(const catalogue_model::Layout& l, const std::string& indent) {
 }  // namespace
 
 int RunEncode(const EncodeCommandOptions& o) {
-    const std::vector<char> text = ReadAll(o.in);
-    const Json message = Json::parse(text.begin(), text.end(), nullptr, false);
-    if (message.is_discarded()) throw std::runtime_error("the input is not valid JSON");
+    std::vector<char> text = ReadAll(o.in, static_cast<std::size_t>(-1), "");
     EncodeOptions e;
     e.direction = o.request ? 1 : o.answer ? 2 : 0;
     e.id = o.id;
     e.fastVersion = o.coding.empty() ? -1 : ParseCoding(o.coding);
     e.flag = o.flag;
-    const std::vector<char> wire = Encode(message, e);
+    e.classic = o.classic;
+    const std::vector<char> wire = EncodeText(std::move(text), e);
     if (o.hex) {
         const std::string h = Hex(wire.data(), wire.size()) + "\n";
         WriteAll(o.out, std::vector<char>(h.begin(), h.end()));

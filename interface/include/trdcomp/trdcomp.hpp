@@ -260,7 +260,7 @@ public:
         if (request_) return RequestHead() ? 1 : 0;
         if (!AnswerHead()) return 0;
         if (!head::SeveralArrays(AnswerHead()->nFlags)) return 1;
-        head::SectionTable table;
+        head::SectionTable table{};
         return Table(&table) ? table.entries : 0;
     }
 
@@ -278,7 +278,7 @@ public:
             at = TRDCOMP_ANS_HEAD_LEN;
         } else {
             // Table() checked the entries: the sums stay inside Size().
-            head::SectionTable table;
+            head::SectionTable table{};
             Table(&table);
             at = TRDCOMP_ANS_HEAD_LEN + static_cast<std::int64_t>(table.length);
             for (int i = 0; i < j; ++i) at += static_cast<std::int64_t>(table.entry[i].count) * table.entry[i].size;
