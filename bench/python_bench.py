@@ -28,7 +28,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE = os.path.dirname(HERE)
 BUILD = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else os.path.join(SOURCE, "build", "release"))
 sys.path.insert(0, os.path.join(BUILD, "python", "module"))
-sys.path.insert(0, os.path.join(SOURCE, "tests", "python"))
+sys.path.insert(0, os.path.join(SOURCE, "examples", "python"))
 import trdcomp  # noqa: E402
 from pcapfile import Capture, Connection, is_request  # noqa: E402
 

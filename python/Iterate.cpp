@@ -29,8 +29,9 @@ namespace {
 
 namespace head = trdcomp::head;
 
-// Bytes a read of a file asks for, and a buffer is pushed in.
-constexpr std::size_t kChunk = std::size_t{1} << 20;
+// Bytes a read of a file asks for, and a buffer is pushed in: a piece the
+// cutter copies and cuts while it is in the cache.
+constexpr std::size_t kChunk = std::size_t{64} << 10;
 // What a restore may need, and a message may be long, unless the caller says otherwise.
 constexpr std::size_t kDefaultMaxBytes = std::size_t{256} << 20;
 

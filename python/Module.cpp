@@ -54,7 +54,7 @@ py::list Records(const py::object& data, const py::object& maxBytes) {
     const py::object owner = py::cast(Restore(data, OptionsOf(maxBytes, false)));
     const Message& m = owner.cast<const Message&>();
     py::list arrays;
-    for (const tool::SectionView& s : m.View().sections) arrays.append(SectionArray(s, m.Restored(), owner));
+    for (const tool::SectionView& s : m.View().sections) arrays.append(SectionArray(s, m.Restored(), owner, true));
     return arrays;
 }
 

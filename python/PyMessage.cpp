@@ -94,7 +94,7 @@ private:
     PyObject* done_ = nullptr;
 };
 
-py::dtype SectionDtype(const tool::SectionView& s) {
+const py::dtype& SectionDtype(const tool::SectionView& s) {
     // One dtype a layout (or a raw record size), built once.
     static auto* byLayout = new std::unordered_map<const tool::Layout*, py::dtype>();
     static auto* bySize = new std::map<int, py::dtype>();
@@ -138,18 +138,15 @@ py::dict RefusedDict(const Message& m) {
 }  // namespace
 
 py::object SectionsOf(const py::object& self) {
-    Message& m = self.cast<Message&>();
-    if (m.sections) return m.sections;
+    // Not kept in the message: an array holds its message, which would then
+    // hold the array (a cycle the collector cannot see).
+    const Message& m = self.cast<const Message&>();
     if (m.Refused()) return py::list();
-    py::list out(m.View().sections.size());
-    std::size_t j = 0;
-    for (const tool::SectionView& s : m.View().sections) {
-        py::array a = SectionArray(s, m.Restored(), self);
-        py::detail::array_proxy(a.ptr())->flags &= ~py::detail::npy_api::NPY_ARRAY_WRITEABLE_;
-        out[j++] = std::move(a);
-    }
-    m.sections = std::move(out);
-    return m.sections;
+    const std::vector<tool::SectionView>& sections = m.View().sections;
+    py::list out(sections.size());
+    for (std::size_t j = 0; j < sections.size(); ++j)
+        PyList_SET_ITEM(out.ptr(), static_cast<Py_ssize_t>(j), SectionArray(sections[j], m.Restored(), self, false).release().ptr());
+    return out;
 }
 
 namespace {
@@ -209,11 +206,26 @@ py::object DictOf(const tool::Decoded& m) {
     return sink.Take();
 }
 
-py::array SectionArray(const tool::SectionView& s, const char* data, const py::handle& owner) {
-    const py::dtype type = SectionDtype(s);
-    if (s.records == 0 || data == nullptr) return py::array(type, std::vector<py::ssize_t>{0});
-    return py::array(type, std::vector<py::ssize_t>{static_cast<py::ssize_t>(s.records)}, std::vector<py::ssize_t>{s.slot},
-                     data + s.at, owner);
+py::array SectionArray(const tool::SectionView& s, const char* data, const py::handle& owner, bool writable) {
+    const py::dtype& type = SectionDtype(s);
+    const auto& api = py::detail::npy_api::get();
+    if (s.records == 0 || data == nullptr) {
+        Py_intptr_t none[1] = {0};
+        PyObject* empty = api.PyArray_NewFromDescr_(api.PyArray_Type_, type.inc_ref().ptr(), 1, none, nullptr, nullptr, 0, nullptr);
+        if (empty == nullptr) throw py::error_already_set();
+        return py::reinterpret_steal<py::array>(empty);
+    }
+    // NumPy's own maker, without pybind11's copies of the shape: a view of
+    // `owner`'s memory that keeps it alive.
+    Py_intptr_t shape[1] = {static_cast<Py_intptr_t>(s.records)};
+    Py_intptr_t strides[1] = {s.slot};
+    PyObject* array = api.PyArray_NewFromDescr_(api.PyArray_Type_, type.inc_ref().ptr(), 1, shape, strides,
+                                                const_cast<char*>(data + s.at), writable ? py::detail::npy_api::NPY_ARRAY_WRITEABLE_ : 0,
+                                                nullptr);
+    if (array == nullptr) throw py::error_already_set();
+    py::array out = py::reinterpret_steal<py::array>(array);
+    if (api.PyArray_SetBaseObject_(array, owner.inc_ref().ptr()) != 0) throw py::error_already_set();
+    return out;
 }
 
 void BindMessage(py::module_& module) {

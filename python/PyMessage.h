@@ -44,7 +44,7 @@ public:
     tool::Decoded CopyOut() const { return tool::CopyOut(view_, Wire(), wireSize_, restored_); }
 
     Found found;
-    pybind11::object sections, head;  // built when first asked for
+    pybind11::object head;  // built when first asked for
 
 private:
     std::unique_ptr<char[]> block_;  // the message's bytes, then the restored bytes
@@ -65,7 +65,7 @@ std::size_t MaxBytesOf(const pybind11::object& maxBytes);
 pybind11::object DictOf(const tool::Decoded& m);
 
 // The read-only section arrays of a trdcomp.Message (none for a refused
-// one), built on first use.
+// one), views of its restored block that keep it alive.
 pybind11::object SectionsOf(const pybind11::object& message);
 
 // trdcomp.Message.
@@ -73,6 +73,6 @@ void BindMessage(pybind11::module_& m);
 
 // The records of one section as an array of the layout's dtype (opaque
 // records where they travelled raw) over `owner`'s memory at `data`.
-pybind11::array SectionArray(const tool::SectionView& s, const char* data, const pybind11::handle& owner);
+pybind11::array SectionArray(const tool::SectionView& s, const char* data, const pybind11::handle& owner, bool writable);
 
 }  // namespace trdcomp_python

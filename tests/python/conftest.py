@@ -31,3 +31,8 @@ BUILD_DIR = _path("TRDCOMP_BUILD_DIR")
 def golden(name):
     return (GOLDEN / name).read_bytes()
 
+
+# The capture writer the examples and the benchmark share.
+import sys  # noqa: E402
+
+sys.path.insert(0, str(SOURCE_DIR / "examples" / "python"))

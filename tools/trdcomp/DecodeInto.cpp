@@ -1,8 +1,10 @@
 // A received message restored once into the caller's block and described by
 // where its sections lie there (MessageView.h).
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <string>
+#include <unordered_map>
 #include <utility>
 
 #include "MessageView.h"
@@ -40,6 +42,28 @@ std::int32_t StatedSize(const DecodedView& v, const char* wire, std::size_t n, s
         return n >= entryEnd ? head::SectionEntry(wire + head::kSectionTableAt, j).size : 0;
     }
     return j == 0 ? WordAt(wire, n, head::kAnswerSizeAt) : slot;
+}
+
+// What the catalogue says of one function id in one direction and coding:
+// looked up by name once a thread, then kept.
+struct Route {
+    catalogue_model::Cell cell;
+    const Layout* requestLayout = nullptr;           // a request's records, when a codec restores them
+    const catalogue_model::Shape* shape = nullptr;   // an answer's arrays, when a codec restores them
+};
+
+const Route& RouteOf(bool request, std::int32_t id, bool fast) {
+    thread_local std::unordered_map<std::uint64_t, Route> routes;
+    const std::uint64_t key = (static_cast<std::uint64_t>(static_cast<std::uint32_t>(id)) << 2) | (request ? 2u : 0u) | (fast ? 1u : 0u);
+    const auto it = routes.find(key);
+    if (it != routes.end()) return it->second;
+    Route r;
+    r.cell = Get().RestoreCell(request, id, fast);
+    if (r.cell.IsCodec()) {
+        if (request) r.requestLayout = &Get().At(Get().requestLayoutOf.at(r.cell.codec));
+        else r.shape = &Get().AnswerShape(r.cell.codec);
+    }
+    return routes.emplace(key, r).first->second;
 }
 
 }  // namespace
@@ -83,8 +107,8 @@ DecodedView DecodeInto(const char* wire, std::size_t n, const trdcomp::RestoreOp
         TrailingOf(v, wire, n);
         return v;
     }
-    const catalogue_model::Cell cell = Get().RestoreCell(v.request, v.functionId, v.fastVersion != 0);
-    const bool codec = cell.IsCodec();
+    const Route& route = RouteOf(v.request, v.functionId, v.fastVersion != 0);
+    const bool codec = route.cell.IsCodec();
     const char* p = r.Data();
     const std::int64_t size = static_cast<std::int64_t>(r.Size());
     std::int64_t end = v.request ? head::kRequestLength : head::kAnswerLength;
@@ -100,7 +124,7 @@ DecodedView DecodeInto(const char* wire, std::size_t n, const trdcomp::RestoreOp
         out.count = s.count;
         out.slot = s.size;
         if (codec) {
-            out.layout = v.request ? &Get().At(Get().requestLayoutOf.at(cell.codec)) : AnswerLayout(Get().AnswerShape(cell.codec), j, s.count);
+            out.layout = v.request ? route.requestLayout : AnswerLayout(*route.shape, j, s.count);
             if (out.layout && out.layout->size != s.size) out.layout = nullptr;
         }
         out.size = StatedSize(v, wire, n, flags, j, out.slot);
