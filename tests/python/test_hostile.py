@@ -71,8 +71,8 @@ def test_large_restores_are_refused_before_they_are_allocated():
     assert m.refused.endswith(f"more than max_bytes ({limit})") and m.sections == []
     assert [len(a) for a in trdcomp.records(wire, max_bytes=None)] == [400]
     # A head whose count the bytes behind it cannot hold is refused whatever the limit.
-    count_at = 96 - 8
-    lying = bytearray(golden("ans_1002_2008.wire"))
+    count_at = 76 - 8
+    lying = bytearray(golden("req_1002_2008.wire"))
     lying[count_at:count_at + 4] = (2**31 - 1).to_bytes(4, "little")
     for limit in (None, 1 << 20):
         with pytest.raises(ValueError, match="the library refused the message"):
