@@ -131,12 +131,15 @@ private:
     std::uint64_t number_ = 0;
 };
 
-// A binary file's way of reading: readinto (no copy) or read.
+// A binary file's way of reading: into the cutter's room (no copy), at most
+// one read of the file underneath (readinto1: a pipe's bytes are handed on
+// as they come, not once 64 KiB have gathered), else read.
 struct Reading {
     py::object readinto, read;
     static Reading Of(const py::object& file, const char* what) {
         Reading r;
-        if (py::hasattr(file, "readinto")) r.readinto = file.attr("readinto");
+        if (py::hasattr(file, "readinto1")) r.readinto = file.attr("readinto1");
+        else if (py::hasattr(file, "readinto")) r.readinto = file.attr("readinto");
         else if (py::hasattr(file, "read")) r.read = file.attr("read");
         else throw py::type_error(std::string(what) + " must be bytes, a buffer, a path or a binary file, not " + TypeName(file));
         if (py::hasattr(file, "encoding") && !py::hasattr(file, "readinto"))

@@ -4,6 +4,7 @@ kind of source; the Message's arrays are the records of its dict."""
 import io
 import json
 import subprocess
+import sys
 import time
 
 import numpy as np
@@ -211,3 +212,19 @@ def test_refused_messages_come_with_the_reason_or_raise_with_strict():
     assert good.refused is None and np.array_equal(good.sections[0], trdcomp.records(FRAMED[0])[0])
     with pytest.raises(ValueError, match=r"message 1 \(offset 4\) refused: head word 0"):
         list(trdcomp.messages(prefixed, frame="u32le", strict=True))
+
+
+def test_a_message_of_a_pipe_comes_while_the_writer_still_holds_it_open():
+    # The writer sends one message, then waits for its standard input to
+    # close before it sends the next: the first must come before that.
+    writer = ("import sys\nfirst, second = sys.argv[1:]\nout = sys.stdout.buffer\n"
+              "out.write(bytes.fromhex(first)); out.flush()\nsys.stdin.read()\n"
+              "out.write(bytes.fromhex(second)); out.flush()\n")
+    p = subprocess.Popen([sys.executable, "-c", writer, FRAMED[0].hex(), FRAMED[1].hex()],
+                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    it = trdcomp.messages(p.stdout)
+    first = next(it)
+    assert bytes(first) == FRAMED[0] and p.poll() is None
+    p.stdin.close()
+    assert [bytes(m) for m in it] == [FRAMED[1]] and it.reports == []
+    assert p.wait() == 0
