@@ -164,7 +164,12 @@ std::unique_ptr<Message> Message::Make(const char* wire, std::size_t n, const tr
         return m->block_.get() + n;
     };
     try {
-        m->view_ = tool::DecodeInto(wire, n, options, allocate, m->restored_);
+        if (raise) {  // a call of its own (decode, records): other threads run meanwhile
+            py::gil_scoped_release unlocked;
+            m->view_ = tool::DecodeInto(wire, n, options, allocate, m->restored_);
+        } else {
+            m->view_ = tool::DecodeInto(wire, n, options, allocate, m->restored_);
+        }
         m->decoded_ = true;
     } catch (const tool::OverLimit& e) {
         if (raise) throw py::value_error(OverLimitText(e));
