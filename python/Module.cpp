@@ -1,119 +1,88 @@
-// The Python module `trdcomp`: messages of both codings as the dictionaries
-// `trdcomp decode --json` prints, restored records as NumPy arrays, the
-// catalogue, the library's version and catalogue fingerprint. Decoding and
-// encoding are the message library's (the tool's own) over the library:
-// a decoded message becomes Python objects straight from its description,
-// the values the tool's JSON holds.
+// The Python module `trdcomp`: messages of both codings restored once into
+// trdcomp.Message objects (records as NumPy arrays over the restored block,
+// the dict `trdcomp decode --json` prints), the messages of a stream or a
+// capture as they come, the catalogue, the library's version and catalogue
+// fingerprint. Restoring, describing, cutting, reassembling and encoding are
+// the message library's (the tool's own) over the library.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
 #include <cstdint>
+#include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
-#include <variant>
 #include <vector>
 
+#include "Buffer.h"
 #include "CatalogueFingerprint.h"
-#include "Message.h"
+#include "Frame.h"
+#include "Iterate.h"
+#include "MessageView.h"
+#include "PyMessage.h"
 #include "Records.h"
-#include "model/Samples.h"
 #include "trdcomp/trdcomp.hpp"
 
 namespace py = pybind11;
+using namespace trdcomp_python;
 
 namespace {
 
-std::vector<char> BytesOf(const py::buffer& data) {
-    const py::buffer_info b = data.request();
-    if (b.ndim != 1 || b.itemsize != 1 || (b.shape[0] > 1 && b.strides[0] != 1))
-        throw py::value_error("expected bytes (or a contiguous buffer of bytes)");
-    const char* p = static_cast<const char*>(b.ptr);
-    return std::vector<char>(p, p + b.shape[0]);
-}
-
-tool::Decoded DecodeOrRaise(const py::buffer& data, std::optional<long long> maxBytes, bool strict = false) {
-    const std::vector<char> wire = BytesOf(data);
-    if (maxBytes) {
-        // The library applies the same limit before it allocates; asked here
-        // first, the error speaks of max_bytes.
-        const std::size_t need = trdcomp::RestoredSize(trdcomp::span<const char>(wire.data(), wire.size()));
-        if (*maxBytes < 0 || need > static_cast<unsigned long long>(*maxBytes))
-            throw py::value_error("the message restores to " + std::to_string(need) + " bytes, more than max_bytes (" +
-                                  std::to_string(*maxBytes) + ")");
-    }
+trdcomp::RestoreOptions OptionsOf(const py::object& maxBytes, bool strict) {
     trdcomp::RestoreOptions options;
-    if (maxBytes) options.maxBytes = static_cast<std::size_t>(*maxBytes);
+    options.maxBytes = MaxBytesOf(maxBytes);
     options.strict = strict;
-    try {
-        py::gil_scoped_release unlocked;
-        return tool::Decode(wire, options);
-    } catch (const tool::Refused& e) {
-        throw py::value_error(std::string("the library refused the message: ") + e.what());
-    } catch (const std::exception& e) {
-        throw py::value_error(e.what());
-    }
+    return options;
 }
 
-// Builds Python objects of what it is handed: dicts (members in order),
-// lists, ints, floats, strings and None, as json.loads reads the JSON that
-// the same description gives.
-class PythonSink final : public tool::ValueSink {
-public:
-    void BeginObject() override { open_.emplace_back(py::dict()); }
-    void Key(std::string_view key) override { keys_.emplace_back(py::str(key.data(), key.size())); }
-    void EndObject() override { Close(); }
-    void BeginList() override { open_.emplace_back(py::list()); }
-    void EndList() override { Close(); }
-    void Null() override { Put(py::none()); }
-    void Integer(std::int64_t v) override { Put(py::int_(v)); }
-    void Unsigned(std::uint64_t v) override { Put(py::int_(v)); }
-    void Double(double v) override { Put(py::float_(v)); }
-    void String(std::string_view v) override { Put(py::str(v.data(), v.size())); }
-    py::object Take() { return std::move(done_); }
-
-private:
-    void Close() {
-        py::object v = std::visit([](auto& open) -> py::object { return std::move(open); }, open_.back());
-        open_.pop_back();
-        Put(std::move(v));
-    }
-    void Put(py::object v) {
-        if (open_.empty()) {
-            done_ = std::move(v);
-        } else if (auto* list = std::get_if<py::list>(&open_.back())) {
-            list->append(std::move(v));
-        } else {
-            std::get<py::dict>(open_.back())[keys_.back()] = std::move(v);
-            keys_.pop_back();
-        }
-    }
-
-    std::vector<std::variant<py::dict, py::list>> open_;  // not closed yet, outermost first
-    std::vector<py::str> keys_;                            // keys whose values are to come, innermost last
-    py::object done_;
-};
-
-py::object Decode(const py::buffer& data, bool strict, std::optional<long long> maxBytes) {
-    const tool::Decoded m = DecodeOrRaise(data, maxBytes, strict);
-    PythonSink sink;
-    tool::DescribeMessage(m, sink);
-    return sink.Take();
+// Restores the caller's bytes where they are (no copy of them) into one
+// block the returned message owns; ValueError when the library refuses them.
+std::unique_ptr<Message> Restore(const py::object& data, const trdcomp::RestoreOptions& options) {
+    const ByteView bytes(data, "data");
+    return Message::Make(bytes.data(), bytes.size(), options, true);
 }
 
-py::bytes Encode(const py::object& message) {
+py::object Decode(const py::object& data, bool strict, const py::object& maxBytes) {
+    const std::unique_ptr<Message> m = Restore(data, OptionsOf(maxBytes, strict));
+    return DictOf(m->CopyOut());
+}
+
+py::list Records(const py::object& data, const py::object& maxBytes) {
+    // The arrays share the message's block: it lives as long as one of them.
+    const py::object owner = py::cast(Restore(data, OptionsOf(maxBytes, false)));
+    const Message& m = owner.cast<const Message&>();
+    py::list arrays;
+    for (const tool::SectionView& s : m.View().sections) arrays.append(SectionArray(s, m.Restored(), owner, true));
+    return arrays;
+}
+
+std::string TypeName(const py::handle& o) { return py::str(o.get_type().attr("__name__")); }
+
+py::bytes Encode(const py::object& message, bool classic) {
+    if (!py::isinstance<py::dict>(message))
+        throw py::type_error("message must be a dict (as decode returns it), not " + TypeName(message));
     std::string text;
     try {
         text = py::str(py::module_::import("json").attr("dumps")(message, py::arg("allow_nan") = false));
     } catch (const py::error_already_set& e) {
-        throw py::value_error(std::string("the message is not a JSON value: ") + e.what());
+        if (!e.matches(PyExc_TypeError) && !e.matches(PyExc_ValueError)) throw;
+        throw py::value_error("message holds a value that is not a JSON value: " + std::string(py::str(e.value())));
     }
+    tool::EncodeOptions options;
+    options.classic = classic;
+    options.names.direction = "a \"direction\" of \"request\" or \"answer\"";
+    options.names.id = "the head's \"nFuncId\"";
+    options.names.coding = "a \"coding\" of \"2008\", \"fast\" or \"fast:V\"";
+    options.names.classic = "classic=True";
     try {
-        const std::vector<char> wire = tool::EncodeText(text, {});
+        const std::vector<char> wire = tool::EncodeText(text, options);
         return py::bytes(wire.data(), wire.size());
+    } catch (const std::bad_alloc&) {
+        throw;
     } catch (const std::exception& e) {
-        throw py::value_error(e.what());
+        throw py::value_error(std::string("message: ") + e.what());
     }
 }
 
@@ -178,9 +147,10 @@ py::dict Catalogue() {
     return out;
 }
 
-// The library's MessageLength, once the whole message is in the prefix.
-std::optional<std::size_t> MessageLength(const py::buffer& prefix) {
-    const std::vector<char> bytes = BytesOf(prefix);
+// The library's MessageLength over the caller's bytes where they are, once
+// the whole message is in the prefix.
+std::optional<std::size_t> MessageLength(const py::object& prefix) {
+    const ByteView bytes(prefix, "prefix");
     const trdcomp::FrameLength f = trdcomp::MessageLength(bytes.data(), bytes.size());
     if (f.status != trdcomp::Framing::complete || f.length > bytes.size()) return std::nullopt;
     return f.length;
@@ -194,37 +164,47 @@ PYBIND11_MODULE(trdcomp, m) {
     if (trdcomp::CatalogueHash() != TRDCOMP_CATALOGUE_HASH)
         throw py::import_error("the trdcomp library loaded was built from catalogue " + tool::HashText(trdcomp::CatalogueHash()) +
                                ", this module from catalogue " + tool::HashText(TRDCOMP_CATALOGUE_HASH));
-    m.doc() = "trdcomp: restore, pack and inspect messages of the 2008 and Fast codings.";
+    m.doc() = "trdcomp: restore, pack and inspect messages of the 2008 and Fast codings, alone, in streams and in captures.";
     m.attr("__version__") = trdcomp::Version();
+    m.attr("DEFAULT_MAX_BYTES") = DefaultMaxBytes();
+    BindMessage(m);
+    BindIteration(m);
+    BindFrame(m);
+    const py::int_ maxBytes(DefaultMaxBytes());
 
-    m.def("decode", &Decode, py::arg("data"), py::kw_only(), py::arg("strict") = false, py::arg("max_bytes") = py::none(),
+    m.def("decode", &Decode, py::arg("data"), py::kw_only(), py::arg("strict") = false, py::arg("max_bytes") = maxBytes,
           R"(Restore a request or an answer and describe it as a dict: the structure
 `trdcomp decode --json` prints (direction, coding, flag, bytes, head,
 sections with their records field by field).
 
+data: bytes or another contiguous buffer (read where it is, not copied).
 strict: also refuse what the classic restore quietly accepts (a message that
 ends inside a record, bytes after the last record, a count the stream does
 not hold), as the library's strict mode does.
-max_bytes: when given, a message whose restore would need more than this
-many bytes raises ValueError before anything is allocated.
+max_bytes: a message whose restore would need more than this many bytes
+raises ValueError before anything is allocated (256 MiB unless given; None:
+no limit).
 
 Raises ValueError naming the check that failed when the library refuses the
-message or the bytes are no message.)");
-    m.def("encode", &Encode, py::arg("message"),
+message or the bytes are no message, TypeError when data is no contiguous
+buffer.)");
+    m.def("encode", &Encode, py::arg("message"), py::kw_only(), py::arg("classic") = false,
           R"(Pack a message described as `decode` returns it (the JSON
-`trdcomp encode` reads) and return its bytes. Raises ValueError naming what
-is wrong.)");
-    m.def(
-        "records",
-        [](const py::buffer& data, std::optional<long long> maxBytes) {
-            return trdcomp_python::SectionArrays(DecodeOrRaise(data, maxBytes));
-        },
-        py::arg("data"), py::kw_only(), py::arg("max_bytes") = py::none(),
-        R"(Restore a message and return its record arrays, one NumPy structured
+`trdcomp encode` reads) and return its bytes.
+
+classic: pack what the coding cannot carry (a Fast ascii byte of 0x80 or
+above) as the classic members do, instead of refusing it.
+
+Raises TypeError when message is no dict, ValueError naming what is wrong
+in it (a key no message has, with the nearest one; a value of the wrong
+shape; a value the coding cannot carry; what the library refuses).)");
+    m.def("records", &Records, py::arg("data"), py::kw_only(), py::arg("max_bytes") = maxBytes,
+          R"(Restore a message and return its record arrays, one NumPy structured
 array per section, with the dtype of the section's layout (see `dtype`);
-records that travelled raw come as opaque records of their stated size.
-Raises ValueError as `decode` does.)");
-    m.def("dtype", &trdcomp_python::LayoutDtype, py::arg("layout"),
+records that travelled raw come as opaque records of their stated size. The
+arrays are views over the one block the message was restored into. Raises
+as `decode` does.)");
+    m.def("dtype", &LayoutDtype, py::arg("layout"),
           R"(The packed NumPy dtype of a record layout ("REQ_1002"): fields named
 and placed as in TrdCompRecords.h (f0, f35, ...), itemsize the layout's
 size. Chars and texts are byte strings, blocks unsigned byte arrays,
@@ -239,8 +219,9 @@ by codec, answer aliases, and the fingerprint `hash`.)");
           R"(The length of the message that starts at `prefix`, read from its
 framing (head, section table or Fast counts, each record's length prefix),
 or None when the bytes do not tell it yet or cannot tell it: no request or
-answer head, records that travelled raw, an id whose restore keeps nothing,
-framing the library would refuse. Bytes behind the message are ignored.)");
+answer head, records that travelled raw, framing the library would refuse.
+Bytes behind the message are ignored. `prefix` is read where it is (any
+contiguous buffer, a memoryview slice included), never copied.)");
     m.def(
         "catalogue_hash", [] { return tool::HashText(trdcomp::CatalogueHash()); },
         R"(The fingerprint of the library's catalogue, 16 hex digits, as

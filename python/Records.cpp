@@ -53,17 +53,4 @@ py::dtype LayoutDtype(const std::string& layout) {
     return cache->emplace(layout, Build(*l)).first->second;
 }
 
-py::list SectionArrays(const tool::Decoded& m) {
-    py::list arrays;
-    for (const tool::Section& s : m.sections) {
-        const std::size_t slot = s.slot > 0 ? static_cast<std::size_t>(s.slot) : 0;
-        const std::size_t n = slot ? s.records.size() / slot : 0;
-        const py::dtype type = s.layout ? LayoutDtype(s.layout->name) : py::dtype("V" + std::to_string(slot ? slot : 1));
-        py::array a(type, std::vector<py::ssize_t>{static_cast<py::ssize_t>(n)});
-        if (n) std::memcpy(a.mutable_data(), s.records.data(), n * slot);
-        arrays.append(a);
-    }
-    return arrays;
-}
-
 }  // namespace trdcomp_python

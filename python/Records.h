@@ -6,7 +6,6 @@
 
 #include <string>
 
-#include "Message.h"
 
 namespace trdcomp_python {
 
@@ -14,10 +13,5 @@ namespace trdcomp_python {
 // TrdCompRecords.h, itemsize the layout's size. Throws ValueError for a name
 // that is no layout.
 pybind11::dtype LayoutDtype(const std::string& layout);
-
-// One array per section of a decoded message: its records with the layout's
-// dtype, or as opaque records of the section's size where the records
-// travelled raw. One copy of the bytes, no Python loop.
-pybind11::list SectionArrays(const tool::Decoded& m);
 
 }  // namespace trdcomp_python

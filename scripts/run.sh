@@ -32,8 +32,8 @@ case "${1:-}" in
     ;;
   test)
     install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev clang libclang-rt-14-dev \
-      libbenchmark-dev liblz4-dev libzstd-dev pybind11-dev python3-dev python3-numpy python3-pytest dpkg-dev file libpcap-dev \
-      tshark libwireshark-dev wireshark-dev tcpdump
+      libbenchmark-dev liblz4-dev libzstd-dev pybind11-dev python3-dev python3-numpy python3-pytest python3-pandas python3-pip python3-venv \
+      dpkg-dev file libpcap-dev tshark libwireshark-dev wireshark-dev tcpdump
     echo "== release build, warnings as errors; the Python module, the Wireshark plugin under tshark, the install tree and the Debian packages"
     cmake --workflow --preset ci
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer (clang, LeakSanitizer on), with the fuzz targets"

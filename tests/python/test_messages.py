@@ -21,7 +21,7 @@ def test_decode_gives_what_the_tool_prints_from_any_byte_buffer():
         again = trdcomp.decode(trdcomp.encode(message))
         assert {**again, "bytes": 0} == {**message, "bytes": 0}
         assert trdcomp.decode(bytearray(wire)) == trdcomp.decode(memoryview(wire)) == trdcomp.decode(wire)
-    with pytest.raises(ValueError, match="contiguous buffer of bytes"):
+    with pytest.raises(TypeError, match="data is a buffer whose bytes are not contiguous"):
         trdcomp.decode(memoryview(wire)[::2])
 
 
@@ -57,7 +57,7 @@ def test_strict_and_max_bytes_reach_the_library():
     restored = len(golden("ans_1002_2008.restored"))
     assert trdcomp.decode(wire, max_bytes=restored)["bytes"] == len(wire)
     assert len(trdcomp.records(wire, max_bytes=restored)) == 3
-    for limit in (restored - 1, -1):
+    for limit in (restored - 1, 0):
         with pytest.raises(ValueError, match=f"restores to {restored} bytes, more than max_bytes"):
             trdcomp.decode(wire, max_bytes=limit)
         with pytest.raises(ValueError, match="max_bytes"):
@@ -69,7 +69,6 @@ def test_strict_and_max_bytes_reach_the_library():
     ({"direction": "answer", "coding": "2008", "head": {"nFuncId": 1002}, "sections": [{}] * 6}, "at most 5"),
     ({"direction": "request", "coding": "2008", "head": {"nFuncId": b"bytes"}}, "not a JSON value"),
     ({"direction": "request", "coding": "2008", "head": {"nFuncId": float("nan")}}, "not a JSON value"),
-    ([1, 2], "JSON object"),
 ])
 def test_bad_json_raises_value_error_naming_the_problem(message, reason):
     with pytest.raises(ValueError, match=reason):

@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "Message.h"
+#include "MessageView.h"
 #include "trdcomp/MessageHead.hpp"
 #include "trdcomp/trdcomp.hpp"
 
@@ -81,62 +83,11 @@ std::string ByteLimitText(std::size_t limit) {
 
 std::string CodingName(int fastVersion) { return fastVersion == 0 ? "2008" : "fast:" + std::to_string(fastVersion); }
 
-namespace {
-
-std::int64_t Records(std::int64_t count) { return count > 0 ? count : 0; }
-
-// The record size entry j of the section table behind an answer's head
-// states; 0 where the message ends before the entry.
-std::int32_t TableEntrySize(const std::vector<char>& wire, int j) {
-    const std::size_t entryEnd = head::kSectionTableAt + 4 + 8 * (static_cast<std::size_t>(j) + 1);
-    return wire.size() >= entryEnd ? head::SectionEntry(wire.data() + head::kSectionTableAt, j).size : 0;
-}
-
-// The one place a restore's failure becomes the tool's error.
-[[noreturn]] void ReportRefusal(const trdcomp::RestoredView& r, const std::vector<char>& wire, int version,
-                                const trdcomp::RestoreOptions& options) {
-    switch (r.Error()) {
-        case trdcomp::Errc::limit_exceeded:
-            throw std::runtime_error("the message restores to " + Plural(static_cast<std::int64_t>(r.Needed()), "byte") +
-                                     ", more than the limit of " + ByteLimitText(options.maxBytes) +
-                                     " (--max-bytes N raises it, --max-bytes unlimited lifts it)");
-        case trdcomp::Errc::out_of_memory: throw Refused("the restore could not allocate its buffer");
-        default: throw Refused(WhyRefused(r, wire, version));
-    }
-}
-
-
-// A message that tells its length: the bytes the sender put behind it
-// (which the restore passes over unless strict).
-void KeepTrailing(Decoded& m) {
-    const trdcomp::FrameLength f = trdcomp::MessageLength(m.wire.data(), m.wire.size());
-    if (f.status == trdcomp::Framing::complete && f.length < m.wire.size())
-        m.trailing.assign(m.wire.begin() + static_cast<std::ptrdiff_t>(f.length), m.wire.end());
-}
-
-}  // namespace
-
 Decoded Decode(const std::vector<char>& wire, const trdcomp::RestoreOptions& options) { return Decode(std::vector<char>(wire), options); }
 
-Decoded Decode(std::vector<char>&& bytes, const trdcomp::RestoreOptions& options) {
-    Decoded m;
-    m.wire = std::move(bytes);
-    const std::vector<char>& wire = m.wire;
-    if (wire.size() < 4) throw std::runtime_error("the input has " + Plural(static_cast<std::int64_t>(wire.size()), "byte") + ": no head");
-    if (wire.size() > static_cast<std::size_t>(INT_MAX)) throw std::runtime_error("the input is longer than a message can be (2 GiB)");
-    m.flag = options.flag;
-    const head::Direction direction = head::DirectionOf(wire.data(), wire.size());
-    if (direction == head::kNoMessage)
-        throw std::runtime_error("head word 0 is " + std::to_string(HeadWord(wire, head::kLengthAt)) +
-                                 ": a request head says 76, an answer head 96");
-    m.request = direction == head::kRequest;
-    const std::int32_t flags = HeadWord(wire, head::kFlagsAt);
-    m.fastVersion = head::FastVersion(flags);
-    const bool fast = m.fastVersion != 0;
-    const std::int32_t id = HeadWord(wire, head::kFunctionIdAt);
-    const trdcomp::span<const char> in(wire.data(), wire.size());
+Decoded Decode(std::vector<char>&& wire, const trdcomp::RestoreOptions& options) {
     // Restored into a block of this thread's that the next message uses
-    // again: what Decode keeps of it, it copies.
+    // again: what Decode keeps of it, CopyOut copies.
     constexpr std::size_t kKept = std::size_t{1} << 20;  // a larger block is let go after its message
     thread_local std::vector<char> block(std::size_t{1} << 16);
     struct Shrink {
@@ -144,76 +95,20 @@ Decoded Decode(std::vector<char>&& bytes, const trdcomp::RestoreOptions& options
             if (block.size() > kKept) std::vector<char>(std::size_t{1} << 16).swap(block);
         }
     } shrink;
-    auto restore = [&] {
-        const trdcomp::span<char> into(block.data(), block.size());
-        return m.request ? trdcomp::RestoreRequestInto(into, in, options) : trdcomp::RestoreAnswerInto(into, in, options);
+    const Allocate reuse = [](std::size_t n) {
+        if (block.size() < n) std::vector<char>(n).swap(block);
+        return block.data();
     };
-    trdcomp::RestoredView r = restore();
-    if (!r && r.Error() == trdcomp::Errc::buffer_too_small) {
-        try {
-            std::vector<char>(r.Needed()).swap(block);
-        } catch (const std::bad_alloc&) {
-            throw Refused("the restore could not allocate its buffer");
-        }
-        r = restore();
+    char* restored = nullptr;
+    DecodedView v;
+    try {
+        v = DecodeInto(wire.data(), wire.size(), options, reuse, restored);
+    } catch (const OverLimit& e) {
+        throw std::runtime_error(std::string(e.what()) + " (--max-bytes N raises it, --max-bytes unlimited lifts it)");
+    } catch (const std::bad_alloc&) {
+        throw Refused("the restore could not allocate its buffer");
     }
-    if (!r) ReportRefusal(r, wire, m.fastVersion, options);
-    m.restoredBytes = r.Size();
-    if (r.Size() == 0) {
-        m.restoredNothing = true;
-        KeepTrailing(m);
-        return m;
-    }
-    const catalogue_model::Cell cell = Get().RestoreCell(m.request, id, fast);
-    const bool codec = cell.IsCodec();
-    const char* p = r.Data();
-    const std::int64_t size = static_cast<std::int64_t>(r.Size());
-    std::int64_t end = m.request ? head::kRequestLength : head::kAnswerLength;
-    const int sections = r.Sections();
-    if (!m.request) {
-        m.arrayCount = 1;
-        if (head::SeveralArrays(flags)) {
-            const std::int32_t table = HeadWord(wire, head::kSectionTableAt);
-            m.arrayCount = !fast && table >= 4 ? (table - 4) / 8 : sections;
-        }
-    }
-    for (int j = 0; j < sections; ++j) {
-        const trdcomp::RestoredView::Section s = r.GetSection(j);
-        Section out;
-        out.count = s.count;
-        out.slot = s.size;
-        if (codec) {
-            out.layout = m.request ? &Get().At(Get().requestLayoutOf.at(cell.codec))
-                                   : AnswerLayout(Get().AnswerShape(cell.codec), j, s.count);
-            if (out.layout && out.layout->size != s.size) out.layout = nullptr;
-        }
-        // The size the sender stated: the request head, the answer's section
-        // table (2008 coding, raw) or head (first array).
-        out.size = out.slot;
-        if (m.request) {
-            out.size = HeadWord(wire, head::kRequestSizeAt);
-        } else if (!fast && head::SeveralArrays(flags) && j < head::kMaxSectionEntries) {
-            out.size = TableEntrySize(wire, j);
-        } else if (j == 0) {
-            out.size = HeadWord(wire, head::kAnswerSizeAt);
-        }
-        if (s.data != nullptr && s.size > 0) {
-            std::int64_t n = Records(s.count);
-            const std::int64_t at = s.data - p;
-            if (n > (size - at) / s.size) n = (size - at) / s.size;  // raw requests: whole records only
-            out.records.assign(s.data, s.data + n * s.size);
-            end = at + n * s.size;
-        }
-        m.sections.push_back(std::move(out));
-    }
-    // A raw request restores to the message itself. A raw answer restores to
-    // its head, section table and records, the message's first `size` bytes
-    // (its head length is 96); the bytes the sender put behind them are only
-    // in the message.
-    if (!codec && m.request && end < size) m.trailing.assign(p + end, p + size);
-    if (!codec && !m.request && size < static_cast<std::int64_t>(wire.size())) m.trailing.assign(wire.begin() + size, wire.end());
-    if (m.trailing.empty()) KeepTrailing(m);
-    return m;
+    return CopyOut(v, std::move(wire), restored);
 }
 
 }  // namespace tool

@@ -111,8 +111,8 @@ struct Array {
 class Reader {
 public:
     enum class Pass { skeleton, records };
-    Reader(Pass pass, std::vector<Array>* arrays, bool fast, bool classic)
-        : pass_(pass), arrays_(arrays), fast_(fast), classic_(classic) {}
+    Reader(Pass pass, std::vector<Array>* arrays, bool fast, bool classic, const char* classicName = "")
+        : pass_(pass), arrays_(arrays), fast_(fast), classic_(classic), classicName_(classicName) {}
 
     JsonIn& Document() { return doc_; }
     // Records listed by each section (-1: no "records").
@@ -170,6 +170,7 @@ private:
     Pass pass_;
     std::vector<Array>* arrays_;
     bool fast_, classic_;
+    const char* classicName_;  // what the caller calls classic packing
     JsonIn doc_;
     std::vector<Frame> frames_;
     std::vector<std::int64_t> given_;
@@ -362,7 +363,7 @@ void Reader::Record(const JsonIn& value) {
         // The layout's record, of which the record size keeps its first bytes.
         std::vector<char> full(static_cast<std::size_t>(a.layout->size), 0);
         try {
-            RecordFromJson(*a.layout, value, full.data(), fast_, classic_);
+            RecordFromJson(*a.layout, value, full.data(), fast_, classic_, classicName_);
         } catch (const std::runtime_error& e) {
             Fail(e.what());
         }
@@ -480,8 +481,8 @@ struct PackBuffer {
 
 // The records of every section, read from the text a second time into the
 // arrays the first reading sized.
-void FillRecords(std::string_view text, std::vector<Array>& arrays, bool fast, bool classic) {
-    Reader records(Reader::Pass::records, &arrays, fast, classic);
+void FillRecords(std::string_view text, std::vector<Array>& arrays, bool fast, bool classic, const char* classicName) {
+    Reader records(Reader::Pass::records, &arrays, fast, classic, classicName);
     JsonIn::sax_parse(text, &records);
 }
 
@@ -509,17 +510,17 @@ std::vector<char> EncodeImpl(std::string_view text, const EncodeOptions& o, std:
         if (d != "request" && d != "answer") throw std::runtime_error("\"direction\" must be \"request\" or \"answer\"");
         request = d == "request";
     } else {
-        throw std::runtime_error("say --request or --answer (the JSON has no \"direction\")");
+        throw std::runtime_error(std::string("say ") + o.names.direction + " (the JSON has no \"direction\")");
     }
     long long id = o.id;
     if (id < 0) {
-        if (!head.contains("nFuncId")) throw std::runtime_error("say --id (the JSON's head has no nFuncId)");
+        if (!head.contains("nFuncId")) throw std::runtime_error(std::string("say ") + o.names.id + " (the JSON's head has no nFuncId)");
         id = IntOf(head, "nFuncId", 0, "head");
     }
-    if (id > INT32_MAX) throw std::runtime_error("--id " + std::to_string(id) + " does not fit a 32-bit id");
+    if (id > INT32_MAX) throw std::runtime_error(std::string(o.names.id) + " " + std::to_string(id) + " does not fit a 32-bit id");
     int version = o.fastVersion;
     if (version < 0) {
-        if (!msg.contains("coding") || !msg.at("coding").is_string()) throw std::runtime_error("say --coding (the JSON has no \"coding\")");
+        if (!msg.contains("coding") || !msg.at("coding").is_string()) throw std::runtime_error(std::string("say ") + o.names.coding + " (the JSON has no \"coding\")");
         version = ParseCoding(msg.at("coding").get<std::string>());
     }
     const int flagValue = o.flag >= 0 ? o.flag : IntOf(msg, "flag", 0);
@@ -577,7 +578,7 @@ std::vector<char> EncodeImpl(std::string_view text, const EncodeOptions& o, std:
             throw std::runtime_error("the head's nRecCount and nRecSize (" + std::to_string(headCount.value_or(a.count)) + ", " +
                                      std::to_string(headSize.value_or(a.size)) + ") differ from section 1's count and size (" +
                                      std::to_string(a.count) + ", " + std::to_string(a.size) + ")");
-        FillRecords(text, arrays, version != 0, o.classic);
+        FillRecords(text, arrays, version != 0, o.classic, o.names.classic);
         if (owner) std::vector<char>().swap(*owner);
         h.nRecCount = a.count;
         h.nRecSize = a.size;
@@ -635,7 +636,7 @@ std::vector<char> EncodeImpl(std::string_view text, const EncodeOptions& o, std:
         if (proc.nRecCount[0] > 0 && !headAlone)
             throw std::runtime_error("the head's nRecCount is " + std::to_string(proc.nRecCount[0]) + " but the JSON lists no records");
     }
-    FillRecords(text, data, version != 0, o.classic);
+    FillRecords(text, data, version != 0, o.classic, o.names.classic);
     if (owner) std::vector<char>().swap(*owner);
     const std::uint64_t bound = trdcomp::AnswerSizeBound(proc, coding);
     if (bound + trailing.size() > static_cast<std::uint64_t>(INT_MAX)) throw std::runtime_error("the message would exceed 2 GiB");

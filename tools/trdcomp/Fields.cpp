@@ -339,7 +339,7 @@ Json RecordJson(const Layout& l, const char* rec) {
     return sink.Take();
 }
 
-void RecordFromJson(const Layout& l, const JsonIn& j, char* rec, bool fast, bool classic) {
+void RecordFromJson(const Layout& l, const JsonIn& j, char* rec, bool fast, bool classic, const char* classicName) {
     if (!j.is_object()) throw std::runtime_error("a record of " + l.name + " must be a JSON object");
     for (const auto& [key, v] : j.items()) {
         const Field* f = nullptr;
@@ -370,8 +370,8 @@ void RecordFromJson(const Layout& l, const JsonIn& j, char* rec, bool fast, bool
                             std::snprintf(byte, sizeof byte, "0x%02x", static_cast<unsigned char>(p[i]));
                             throw std::runtime_error(what + ": byte " + std::to_string(i) + " is " + byte +
                                                      ", which the Fast coding cannot carry in an ascii field (its bytes end at "
-                                                     "the first of 0x80 or above, garbling the fields behind it); --classic "
-                                                     "packs it as the classic members do");
+                                                     "the first of 0x80 or above, garbling the fields behind it); " +
+                                                     classicName + " packs it as the classic members do");
                         }
                 break;
             case FieldKind::Bytes:
@@ -397,7 +397,7 @@ void RecordFromJson(const Layout& l, const JsonIn& j, char* rec, bool fast, bool
                 if (!v.is_array() || v.size() > static_cast<std::size_t>(f->entries))
                     throw std::runtime_error(what + ": expected a list of at most " + std::to_string(f->entries) + " entries");
                 for (std::size_t k = 0; k < v.size(); ++k)
-                    RecordFromJson(e, v[k], p + k * static_cast<std::size_t>(e.size), fast, classic);
+                    RecordFromJson(e, v[k], p + k * static_cast<std::size_t>(e.size), fast, classic, classicName);
                 break;
             }
         }

@@ -58,8 +58,9 @@ Json RecordJson(const Layout& l, const char* rec);
 // nearest such value, so that a decoded message packs to the same bytes.
 // In the Fast coding an ascii field's bytes end at a byte of 0x80 or above,
 // which would garble the fields behind it on restore: such a byte is
-// refused, unless `classic` asks for the bytes the classic members pack.
-void RecordFromJson(const Layout& l, const JsonIn& j, char* rec, bool fast, bool classic = false);
+// refused, unless `classic` asks for the bytes the classic members pack (the
+// refusal names the caller's option for it, `classicName`).
+void RecordFromJson(const Layout& l, const JsonIn& j, char* rec, bool fast, bool classic = false, const char* classicName = "--classic");
 
 // A text: a string when printable ASCII padded with zeros, else {"hex"}.
 void DescribeText(const char* p, int width, ValueSink& out);

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Fields.h"
+#include "OptionNames.h"
 #include "trdcomp/trdcomp.hpp"
 
 namespace tool {
@@ -132,6 +133,7 @@ struct EncodeOptions {
     int fastVersion = -1;  // -1: from the JSON's coding
     int flag = -1;         // -1: from the JSON
     bool classic = false;  // pack values the coding cannot carry as the classic members do (RecordFromJson)
+    OptionNames names;     // the caller's names of these choices, in the errors that ask for one
 };
 
 // Packs the message the JSON text describes (the shape ToJson prints; a line

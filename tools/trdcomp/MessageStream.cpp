@@ -283,7 +283,7 @@ StreamCutter::Step StreamCutter::CutSynced(std::size_t limit) {
         case Look::no_length: {
             const std::string why =
                 look == Look::no_length ? "the message at offset " + std::to_string(at) +
-                               " does not carry its length (its records travel raw): name the transport's length prefix with --frame"
+                               " does not carry its length (its records travel raw): name the transport's length prefix with " + options_.frameOption
                          : "no message starts at offset " + std::to_string(at) +
                                " (head word 0 must be 76 or 96, and the lengths inside the message in range)";
             if (!options_.resync) {

@@ -87,6 +87,8 @@ public:
         // On bytes that are no message, look for the next place where
         // messages frame consistently instead of stopping.
         bool resync = false;
+        // The caller's name for the frame, in the report of a message that does not carry its length.
+        const char* frameOption = "--frame";
     };
 
     explicit StreamCutter(const Options& options);
