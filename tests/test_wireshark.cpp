@@ -1,7 +1,7 @@
 // The Wireshark plugin under tshark: every golden message written into a
 // capture of a loopback connection (the suite's own pcap writer) and shown by
-// tshark with the same id, counts and field values as the message library's
-// decode; transport prefixes; the filters; damaged messages and mutated
+// tshark with the same id, counts and field values as `trdcomp decode --pcap
+// --jsonl` of the same capture; transport prefixes; the filters; damaged messages and mutated
 // captures, which must give expert items and never a dissector bug.
 #include <gtest/gtest.h>
 
@@ -13,6 +13,7 @@
 #include <initializer_list>
 #include <map>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -36,9 +37,29 @@ std::string Cat(std::initializer_list<std::string> parts) {
     return s;
 }
 
-// What tshark must show for a message: the message library's description.
+// What tshark must show for the messages of a capture: what `trdcomp decode
+// --pcap --jsonl` prints of the same capture, a JSON object a message, split
+// by direction (0: to the server's port, 1: from it) in the order they came.
 // The one place the expectation comes from.
-Json Expected(const std::vector<char>& wire) { return tool::ToJson(tool::Decode(wire, 0)); }
+std::vector<Json> ToolsView(const std::string& capture, const std::vector<std::string>& options, int direction) {
+    std::string command = tshark::Quote(TRDCOMP_TOOL) + " decode --pcap --jsonl --port " + std::to_string(kPort);
+    for (const std::string& o : options) command.append(1, ' ').append(tshark::Quote(o));
+    command.append(1, ' ').append(tshark::Quote(capture)).append(" 2>/dev/null");
+    std::FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) throw std::runtime_error("cannot run " + command);
+    std::string text;
+    char chunk[1 << 16];
+    for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;) text.append(chunk, n);
+    ::pclose(pipe);
+    std::vector<Json> out;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find('\n', at), text.size());
+        Json line = Json::parse(text.substr(at, end - at));
+        at = end + 1;
+        if (line.contains("head") && (line.at("direction") == "answer") == (direction == 1)) out.push_back(std::move(line));
+    }
+    return out;
+}
 
 const tshark::Runner& Tshark() {
     static const tshark::Runner runner(TRDCOMP_WS_PLUGIN, {TRDCOMP_WS_LIBRARIES}, TRDCOMP_WS_SERIES);
@@ -220,9 +241,8 @@ void CompareRecord(const catalogue_model::Layout& l, const Json& want, const Jso
     }
 }
 
-// Compares one message as tshark shows it with the library's description.
-std::vector<std::string> CompareMessage(const Message& m, const Json& got) {
-    const Json want = Expected(m.wire);
+// Compares one message as tshark shows it with the tool's description.
+std::vector<std::string> CompareMessage(const Message& m, const Json& want, const Json& got) {
     std::vector<std::string> faults;
     auto check = [&](const std::string& what, const std::string& shown, const std::string& expected) {
         if (shown != expected) faults.push_back(m.name + " " + what + ": tshark shows " + shown + ", the library " + expected);
@@ -273,7 +293,7 @@ std::vector<std::string> CompareMessage(const Message& m, const Json& got) {
 // Runs tshark over `capture` and compares every trdcomp PDU, a direction at a
 // time, with the messages written.
 void ExpectSameAsLibrary(const std::vector<char>& capture, const std::vector<Message>& up, const std::vector<Message>& down,
-                         const std::vector<std::string>& options) {
+                         const std::vector<std::string>& options, const std::vector<std::string>& toolOptions) {
     const auto file = Tshark().Place("capture.pcap", capture);
     std::vector<std::string> args = {"-r", file.string(), "-d", kDecodeAs,
                                      "-T", "json", "--no-duplicate-keys", "-x", "-O", "trdcomp"};
@@ -289,8 +309,10 @@ void ExpectSameAsLibrary(const std::vector<char>& capture, const std::vector<Mes
     std::vector<std::string> faults;
     for (int d = 0; d < 2; ++d) {
         const std::vector<Message>& sent = d == 0 ? up : down;
+        const std::vector<Json> want = ToolsView(file.string(), toolOptions, d);
+        ASSERT_EQ(want.size(), sent.size()) << "messages trdcomp decode --pcap --jsonl shows " << (d == 0 ? "up" : "down");
         for (std::size_t i = 0; i < sent.size(); ++i) {
-            const std::vector<std::string> f = CompareMessage(sent[i], *got[d][i]);
+            const std::vector<std::string> f = CompareMessage(sent[i], want[i], *got[d][i]);
             faults.insert(faults.end(), f.begin(), f.end());
         }
     }
@@ -332,7 +354,7 @@ TEST(Wireshark, EveryFramedGoldenMessageShowsWhatTheLibraryRestores) {
     const auto up = Golden(true, true), down = Golden(false, true);
     ASSERT_GT(up.size(), 100u);
     ASSERT_GT(down.size(), 200u);
-    ExpectSameAsLibrary(Capture(up, down, 0, 1460), up, down, {});
+    ExpectSameAsLibrary(Capture(up, down, 0, 1460), up, down, {}, {});
 }
 
 TEST(Wireshark, TransportPrefixesCarryEveryGoldenMessageRawOnesToo) {
@@ -350,7 +372,7 @@ TEST(Wireshark, TransportPrefixesCarryEveryGoldenMessageRawOnesToo) {
         ASSERT_EQ(trdcomp::MessageLength({raw.data(), raw.size()}).status, trdcomp::Framing::cannot_tell);
         up.push_back({Cat({"raw request of ", std::to_string(count)}), raw});
     }
-    ExpectSameAsLibrary(Capture(up, down, 4, 1460), up, down, {"-o", "trdcomp.frame:u32be"});
+    ExpectSameAsLibrary(Capture(up, down, 4, 1460), up, down, {"-o", "trdcomp.frame:u32be"}, {"--frame", "u32be"});
 }
 
 TEST(Wireshark, TinySegmentsReassembleThroughHeadsCutAnywhere) {
@@ -359,7 +381,7 @@ TEST(Wireshark, TinySegmentsReassembleThroughHeadsCutAnywhere) {
     auto up = Golden(true, true), down = Golden(false, true);
     up.resize(6);
     down.resize(6);
-    ExpectSameAsLibrary(Capture(up, down, 0, 5), up, down, {});
+    ExpectSameAsLibrary(Capture(up, down, 0, 5), up, down, {}, {});
 }
 
 TEST(Wireshark, ThePortPreferenceAndTheHeuristicFindTheStream) {
