@@ -3,7 +3,11 @@
 // golden requests and whose server sends the golden answers, taken in turn
 // and over again until the capture holds the number of messages asked for.
 // Only messages whose length is in their own bytes, no larger than
-// --max-size and, with --ids, of the function ids named, are used.
+// --max-size and, with --ids, of the function ids named, are used. The
+// streams are cut into segments of 1460 bytes (messages span segments and
+// segments hold several), or with --segment-a-message each message is one
+// segment, as a link that writes one message at a time and waits for the
+// answer sends them.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,9 +24,11 @@ namespace {
 int Usage(FILE* to) {
     std::fprintf(to,
                  "Usage: trdcomp_write_capture OUT.pcap [--messages N] [--port P] [--max-size BYTES] [--ids ID,ID...]\n"
+                 "                             [--segment-a-message]\n"
                  "  a loopback TCP connection to port P (7300) carrying N (200000) golden messages,\n"
                  "  requests from the client and answers from the server, none over BYTES (4096),\n"
-                 "  of the function ids named (all of them by default)\n");
+                 "  of the function ids named (all of them by default), in segments of 1460 bytes\n"
+                 "  or, with --segment-a-message, one message a segment\n");
     return to == stdout ? 0 : 2;
 }
 
@@ -40,9 +46,14 @@ int main(int argc, char** argv) {
     std::string out;
     unsigned long long messages = 200000, port = 7300, maxSize = 4096;
     std::set<std::string> ids;
+    bool segmentAMessage = false;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "-h" || a == "--help") return Usage(stdout);
+        if (a == "--segment-a-message") {
+            segmentAMessage = true;
+            continue;
+        }
         if (a == "--ids" && i + 1 < argc) {
             for (std::string list = argv[++i]; !list.empty();) {
                 const std::size_t comma = std::min(list.find(','), list.size());
@@ -79,14 +90,32 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::vector<char> up, down;
-    for (unsigned long long i = 0; i < messages; ++i) {
-        const std::vector<char>& m = i % 2 == 0 ? requests[(i / 2) % requests.size()] : answers[(i / 2) % answers.size()];
-        std::vector<char>& s = i % 2 == 0 ? up : down;
-        s.insert(s.end(), m.begin(), m.end());
-    }
     pcap::PcapWriter w;
-    pcap::Connection(w, pcap::kLoopback, 51000, pcap::kLoopback, static_cast<std::uint16_t>(port), up, down);
+    const std::uint32_t client = pcap::kLoopback, server = pcap::kLoopback;
+    const std::uint16_t cport = 51000, sport = static_cast<std::uint16_t>(port);
+    std::uint32_t cseq = 1000, sseq = 500000;  // the next byte each side sends
+    if (segmentAMessage) {
+        w.Segment(client, cport, server, sport, cseq - 1, true, nullptr, 0);
+        w.Segment(server, sport, client, cport, sseq - 1, true, nullptr, 0, cseq);
+    }
+    for (unsigned long long i = 0; i < messages; ++i) {
+        const bool request = i % 2 == 0;
+        const std::vector<char>& m = request ? requests[(i / 2) % requests.size()] : answers[(i / 2) % answers.size()];
+        std::vector<char>& s = request ? up : down;
+        s.insert(s.end(), m.begin(), m.end());
+        if (!segmentAMessage) continue;
+        const std::uint32_t n = static_cast<std::uint32_t>(m.size());
+        if (request) {
+            w.Segment(client, cport, server, sport, cseq, false, m.data(), m.size(), sseq);
+            cseq += n;
+        } else {
+            w.Segment(server, sport, client, cport, sseq, false, m.data(), m.size(), cseq);
+            sseq += n;
+        }
+    }
+    if (!segmentAMessage) pcap::Connection(w, client, cport, server, sport, up, down);
     w.Save(out);
-    std::printf("%llu messages, %zu bytes of messages, to %s\n", messages, up.size() + down.size(), out.c_str());
+    std::printf("%llu messages, %zu bytes of messages, %s, to %s\n", messages, up.size() + down.size(),
+                segmentAMessage ? "a segment a message" : "in segments of 1460 bytes", out.c_str());
     return 0;
 }

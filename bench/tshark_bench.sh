@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# The Wireshark plugin's cost: tshark over two captures of trdcomp traffic
-# (every golden message; orders and quotes), without the plugin (TCP alone)
+# The Wireshark plugin's cost: tshark over four captures of trdcomp traffic
+# (every golden message; orders and quotes; each in segments of 1460 bytes
+# and one message a segment), without the plugin (TCP alone)
 # and with it, in one run; each pass runs three times and the median of its
 # CPU time counts (the machine may be shared). Prints Markdown tables.
 #   bench/tshark_bench.sh [BUILD_DIR] [MESSAGES]   (build/release, 200000)
@@ -23,6 +24,8 @@ cp "$plugin" "$work/plugins/$series/epan/"
 cp -L "$build"/libtrdcomp.so.? "$build"/libKXPfdk.so.? "$work/lib/"
 "$writer" "$work/every.pcap" --messages "$messages" >&2
 "$writer" "$work/orders.pcap" --messages "$messages" --ids 1002,1110 >&2
+"$writer" "$work/every1.pcap" --messages "$messages" --segment-a-message >&2
+"$writer" "$work/orders1.pcap" --messages "$messages" --ids 1002,1110 --segment-a-message >&2
 chmod -R a+rwX "$work"
 
 # tshark as root ignores WIRESHARK_PLUGIN_DIR: run it unprivileged.
@@ -58,7 +61,7 @@ data=(-d tcp.port==7300,data)
 decode=(-d tcp.port==7300,trdcomp)
 us() { awk -v a="$1" -v b="$2" -v n="$messages" 'BEGIN { printf "%.2f\n", (a - b) * 1000000 / n }'; }
 echo "tshark $(tshark --version | head -n1 | awk '{print $3}'), $messages messages a capture, $(nproc) CPUs"
-for capture in every.pcap orders.pcap; do
+for capture in every.pcap orders.pcap every1.pcap orders1.pcap; do
   base=$(pass "TCP only" empty "${data[@]}")
   framing=$(pass "trdcomp, framing only" plugins "${decode[@]}" -o trdcomp.restore:FALSE)
   summary=$(pass "trdcomp, summary lines" plugins "${decode[@]}")
@@ -66,11 +69,15 @@ for capture in every.pcap orders.pcap; do
   tbase=$(pass "TCP only, whole tree" empty "${data[@]}" -V)
   tree=$(pass "trdcomp, whole tree" plugins "${decode[@]}" -V)
   echo
-  if [ "$capture" = every.pcap ]; then
-    echo "Every golden message of at most 4 KiB in turn ($(stat -c %s "$work/$capture") bytes of capture):"
-  else
-    echo "Orders and quotes: the golden messages of ids 1002 and 1110 in turn ($(stat -c %s "$work/$capture") bytes of capture):"
-  fi
+  case $capture in
+    every*) what="Every golden message of at most 4 KiB in turn" ;;
+    *) what="Orders and quotes: the golden messages of ids 1002 and 1110 in turn" ;;
+  esac
+  case $capture in
+    *1.pcap) what="$what, one message a segment" ;;
+    *) what="$what, in segments of 1460 bytes" ;;
+  esac
+  echo "$what ($(stat -c %s "$work/$capture") bytes of capture):"
   echo
   echo "| pass | CPU seconds (median of 3) | µs a message over TCP only | µs a message over framing only |"
   echo "|---|---|---|---|"
