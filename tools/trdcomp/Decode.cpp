@@ -102,7 +102,7 @@ Decoded Decode(std::vector<char>&& wire, const trdcomp::RestoreOptions& options)
     char* restored = nullptr;
     DecodedView v;
     try {
-        v = DecodeInto(wire.data(), wire.size(), options, reuse, restored);
+        v = DecodeInto(wire.data(), wire.size(), options, reuse, restored, trdcomp::span<char>(block.data(), block.size()));
     } catch (const OverLimit& e) {
         throw std::runtime_error(std::string(e.what()) + " (--max-bytes N raises it, --max-bytes unlimited lifts it)");
     } catch (const std::bad_alloc&) {

@@ -75,7 +75,7 @@ OverLimit::OverLimit(std::size_t needed_, std::size_t limit_)
       limit(limit_) {}
 
 DecodedView DecodeInto(const char* wire, std::size_t n, const trdcomp::RestoreOptions& options, const Allocate& allocate,
-                       char*& restored) {
+                       char*& restored, trdcomp::span<char> first) {
     restored = nullptr;
     if (n < 4) throw std::runtime_error("the input has " + Plural(static_cast<long long>(n), "byte") + ": no head");
     if (n > static_cast<std::size_t>(INT_MAX)) throw std::runtime_error("the input is longer than a message can be (2 GiB)");
@@ -90,9 +90,11 @@ DecodedView DecodeInto(const char* wire, std::size_t n, const trdcomp::RestoreOp
     v.fastVersion = head::FastVersion(flags);
     v.functionId = WordAt(wire, n, head::kFunctionIdAt);
     const trdcomp::span<const char> in(wire, n);
-    // Into no room first: the checks before any record is decoded, and the
-    // size; then once into a block of that size.
-    trdcomp::RestoredView r = trdcomp::RestoreInto(trdcomp::span<char>(), in, options);
+    // Into the caller's first block (no room when it gives none: then only
+    // the checks before any record is decoded, and the size); when that is
+    // too small, once into a block of the size needed.
+    trdcomp::RestoredView r = trdcomp::RestoreInto(first, in, options);
+    if (r && r.Size() > 0) restored = first.data();
     if (!r && r.Error() == trdcomp::Errc::buffer_too_small) {
         restored = allocate(r.Needed());
         r = trdcomp::RestoreInto(trdcomp::span<char>(restored, r.Needed()), in, options);

@@ -51,12 +51,13 @@ struct OverLimit : std::runtime_error {
 // (std::bad_alloc) when it cannot.
 using Allocate = std::function<char*(std::size_t n)>;
 
-// Restores the n bytes at `wire` into a block from `allocate` (not called
-// when the restore keeps nothing; `restored` is then null). Throws as
-// Decode does: std::runtime_error for bytes that are no message, Refused
-// naming the failed check, OverLimit beyond options.maxBytes.
+// Restores the n bytes at `wire` into `first` when the message fits there,
+// else into a block from `allocate` (not called when the restore keeps
+// nothing; `restored` is then null). Throws as Decode does:
+// std::runtime_error for bytes that are no message, Refused naming the
+// failed check, OverLimit beyond options.maxBytes.
 DecodedView DecodeInto(const char* wire, std::size_t n, const trdcomp::RestoreOptions& options, const Allocate& allocate,
-                       char*& restored);
+                       char*& restored, trdcomp::span<char> first = {});
 
 // The same message as Decode gives it (the bytes copied), for the describers.
 Decoded CopyOut(const DecodedView& v, const char* wire, std::size_t n, const char* restored);
