@@ -25,13 +25,13 @@ case "${1:-}" in
     # What the demo needs: the library, the catalogue and the tool (the
     # release preset's configuration asks for GoogleTest; nothing else of the
     # tests, the benchmarks or the Python module is built).
-    install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev libpcap-dev
+    install_missing cmake ninja-build g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev libpcap-dev
     cmake --preset release
     cmake --build --preset release --target trdcomp_tool
     build/release/trdcomp demo
     ;;
   test)
-    install_missing cmake make g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev clang libclang-rt-14-dev \
+    install_missing cmake ninja-build g++ libgtest-dev libgmock-dev pkg-config libcli11-dev nlohmann-json3-dev clang libclang-rt-14-dev \
       libbenchmark-dev liblz4-dev libzstd-dev pybind11-dev python3-dev python3-numpy python3-pytest python3-pandas python3-pip python3-venv \
       dpkg-dev file libpcap-dev tshark libwireshark-dev wireshark-dev tcpdump
     echo "== release build, warnings as errors; the Python module, the Wireshark plugin under tshark, the install tree and the Debian packages"
