@@ -38,8 +38,8 @@ case "${1:-}" in
     cmake --workflow --preset ci
     echo "== AddressSanitizer + UndefinedBehaviorSanitizer (clang, LeakSanitizer on), with the fuzz targets"
     cmake --workflow --preset asan
-    echo "== fuzzing, ${TRDCOMP_FUZZ_SECONDS:-10} s a target"
-    fuzz/run.sh "${TRDCOMP_FUZZ_SECONDS:-10}" build/asan
+    echo "== fuzzing, ${TRDCOMP_FUZZ_SECONDS:-6} s a target"
+    fuzz/run.sh "${TRDCOMP_FUZZ_SECONDS:-6}" build/asan
     ;;
   -h|--help|help)
     usage
