@@ -437,23 +437,22 @@ void BM_HotPath(benchmark::State& state, int id, int coding, int mode) {
 // (second / first).
 template <class First, class Second>
 void Paired(benchmark::State& state, const char* firstName, const First& first, const char* secondName,
-            const Second& second) {
-    constexpr int kBlock = 256;
+            const Second& second, int block = 256) {
     using Clock = std::chrono::steady_clock;
     double a = 0, b = 0;
     std::int64_t blocks = 0;
     for (auto _ : state) {
         const auto t0 = Clock::now();
-        for (int k = 0; k < kBlock; ++k) first();
+        for (int k = 0; k < block; ++k) first();
         const auto t1 = Clock::now();
-        for (int k = 0; k < kBlock; ++k) second();
+        for (int k = 0; k < block; ++k) second();
         const auto t2 = Clock::now();
         a += std::chrono::duration<double>(t1 - t0).count();
         b += std::chrono::duration<double>(t2 - t1).count();
         state.SetIterationTime(std::chrono::duration<double>(t2 - t0).count());
         ++blocks;
     }
-    const double messages = static_cast<double>(blocks) * kBlock;
+    const double messages = static_cast<double>(blocks) * block;
     state.counters[firstName] = messages > 0 ? a / messages * 1e9 : 0;
     state.counters[secondName] = messages > 0 ? b / messages * 1e9 : 0;
     state.counters["ratio"] = a > 0 ? b / a : 0;
@@ -491,6 +490,37 @@ void BM_PackPaired(benchmark::State& state, int id, int coding) {
             benchmark::DoNotOptimize(r.wire.data());
         },
         "modern_ns", [&] { benchmark::DoNotOptimize(trdcomp::PackRequest(out, r.head, record, c)); });
+}
+
+// A codec against LZ4 on the same 1000 records, paired: blocks of LZ4's
+// compress (or decompress) and of the codec's classic pack (or restore and
+// release) alternate, so that the ratio (codec / LZ4) holds when the
+// machine's speed moves during the run.
+void BM_AgainstLz4(benchmark::State& state, const Scenario* s, int coding, bool restore) {
+    constexpr int n = 1000;
+    Message m = Prepared(*s, n);
+    Pack(*s, m, n, coding);
+    if (Restore(*s, m.out.data(), m.len) != 1) state.SkipWithError("the message does not restore");
+    std::vector<char> packed(static_cast<std::size_t>(LZ4_compressBound(static_cast<int>(m.raw.size()))));
+    const int packedLen = LZ4_compress_default(m.raw.data(), packed.data(), static_cast<int>(m.raw.size()),
+                                               static_cast<int>(packed.size()));
+    std::vector<char> back(m.raw.size());
+    auto lz4 = [&] {
+        if (restore)
+            benchmark::DoNotOptimize(LZ4_decompress_safe(packed.data(), back.data(), packedLen, static_cast<int>(back.size())));
+        else
+            benchmark::DoNotOptimize(LZ4_compress_default(m.raw.data(), packed.data(), static_cast<int>(m.raw.size()),
+                                                          static_cast<int>(packed.size())));
+    };
+    auto codec = [&] {
+        if (restore) {
+            benchmark::DoNotOptimize(Restore(*s, m.out.data(), m.len));
+        } else {
+            std::memset(m.out.data() + 8, 0, 4);  // a zero flags word, as callers hand in
+            benchmark::DoNotOptimize(Pack(*s, m, n, coding));
+        }
+    };
+    Paired(state, "lz4_ns", lz4, "codec_ns", codec, 4);
 }
 
 // What every restore pays before decoding: one allocation and its zero fill.
@@ -543,6 +573,17 @@ void Register() {
         benchmark::RegisterBenchmark(("modern-pack/" + std::string(coding ? "fast" : "2008") + "/request1002/paired").c_str(),
                                      BM_PackPaired, 1002, coding)
             ->UseManualTime();
+    for (const Scenario& s : kScenarios) {
+        const std::string name = s.name;
+        if (name != "quote" && name != "dayorder" && name != "order") continue;
+        for (const bool restore : {true, false})
+            for (const int coding : {0x10, 0})
+                benchmark::RegisterBenchmark(("against-lz4/" + std::string(restore ? "restore/" : "pack/") +
+                                              (coding ? "fast/" : "2008/") + name + "/paired")
+                                                 .c_str(),
+                                             BM_AgainstLz4, &s, coding, restore)
+                    ->UseManualTime();
+    }
     benchmark::RegisterBenchmark("allocation/zero-fill", BM_RestoreAllocation)->Arg(96 + 10)->Arg(96 + 1000 * 193 + 10);
 }
 
