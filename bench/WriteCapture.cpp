@@ -89,7 +89,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "trdcomp_write_capture: no golden requests and answers to use in %s\n", TRDCOMP_GOLDEN_DIR);
         return 1;
     }
-    std::vector<char> up, down;
+    std::vector<char> up, down;  // the streams, when cut into segments of 1460 bytes
+    std::size_t bytes = 0;
     pcap::PcapWriter w;
     const std::uint32_t client = pcap::kLoopback, server = pcap::kLoopback;
     const std::uint16_t cport = 51000, sport = static_cast<std::uint16_t>(port);
@@ -101,9 +102,12 @@ int main(int argc, char** argv) {
     for (unsigned long long i = 0; i < messages; ++i) {
         const bool request = i % 2 == 0;
         const std::vector<char>& m = request ? requests[(i / 2) % requests.size()] : answers[(i / 2) % answers.size()];
-        std::vector<char>& s = request ? up : down;
-        s.insert(s.end(), m.begin(), m.end());
-        if (!segmentAMessage) continue;
+        bytes += m.size();
+        if (!segmentAMessage) {
+            std::vector<char>& s = request ? up : down;
+            s.insert(s.end(), m.begin(), m.end());
+            continue;
+        }
         const std::uint32_t n = static_cast<std::uint32_t>(m.size());
         if (request) {
             w.Segment(client, cport, server, sport, cseq, false, m.data(), m.size(), sseq);
@@ -115,7 +119,7 @@ int main(int argc, char** argv) {
     }
     if (!segmentAMessage) pcap::Connection(w, client, cport, server, sport, up, down);
     w.Save(out);
-    std::printf("%llu messages, %zu bytes of messages, %s, to %s\n", messages, up.size() + down.size(),
+    std::printf("%llu messages, %zu bytes of messages, %s, to %s\n", messages, bytes,
                 segmentAMessage ? "a segment a message" : "in segments of 1460 bytes", out.c_str());
     return 0;
 }

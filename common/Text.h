@@ -175,22 +175,27 @@ TRDCOMP_FORCE_INLINE void CopyHalves32(void* dst, const void* src, std::size_t n
     std::memcpy(d + n - 32, &b, 32);
 }
 
-// memcpy(dst, src, N) for a whole record of a size known when compiling
-// (16 <= N): 16-byte moves, the last overlapping the one before. The
-// compiler makes a fixed copy of a few hundred bytes a string move, whose
-// start costs more than the copy of a record.
+// memcpy(dst, src, N) for a whole record of a size known when compiling:
+// 16-byte moves, the last overlapping the one before (fewer than 16 bytes:
+// memcpy). The compiler makes a fixed copy of a few hundred bytes a string
+// move, whose start costs more than the copy of a record.
 template <std::size_t N>
 TRDCOMP_FORCE_INLINE void CopyRecordBytes(void* dst, const void* src) {
-    static_assert(N >= 16, "a record copy of fewer than 16 bytes is a plain memcpy");
     auto* d = static_cast<unsigned char*>(dst);
     const auto* s = static_cast<const unsigned char*>(src);
 #if defined(__SSE2__)
-    [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
-        (_mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16 * K), _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16 * K))),
-         ...);
-    }(std::make_index_sequence<N / 16>{});
-    if constexpr (N % 16 != 0)
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + N - 16), _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + N - 16)));
+    if constexpr (N < 16) {
+        std::memcpy(d, s, N);
+    } else {
+        [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
+            (_mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16 * K),
+                              _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 16 * K))),
+             ...);
+        }(std::make_index_sequence<N / 16>{});
+        if constexpr (N % 16 != 0)
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(d + N - 16),
+                             _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + N - 16)));
+    }
 #else
     std::memcpy(d, s, N);
 #endif

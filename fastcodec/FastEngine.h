@@ -590,12 +590,7 @@ TRDCOMP_FORCE_INLINE void DecodeFields(BoundedSource in, std::int64_t at, std::i
                                        const char* prev) {
     constexpr std::size_t P = kPresenceBytes<L>;
     if constexpr (kPatched<L>) {
-        const char* from = prev != nullptr ? prev : kDefaultRecord<L>.data();
-        if constexpr (L.size >= 16) {
-            detail::CopyRecordBytes<L.size>(cur, from);
-        } else {
-            std::memcpy(cur, from, L.size);
-        }
+        detail::CopyRecordBytes<L.size>(cur, prev != nullptr ? prev : kDefaultRecord<L>.data());
     } else if constexpr (!kZeroed) {
         std::memset(cur, 0, L.size);
     }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -39,9 +40,9 @@ std::string Cat(std::initializer_list<std::string> parts) {
 
 // What tshark must show for the messages of a capture: what `trdcomp decode
 // --pcap --jsonl` prints of the same capture, a JSON object a message, split
-// by direction (0: to the server's port, 1: from it) in the order they came.
-// The one place the expectation comes from.
-std::vector<Json> ToolsView(const std::string& capture, const std::vector<std::string>& options, int direction) {
+// by direction ([0]: requests, [1]: answers) in the order they came. The one
+// place the expectation comes from.
+std::array<std::vector<Json>, 2> ToolsView(const std::string& capture, const std::vector<std::string>& options) {
     std::string command = tshark::Quote(TRDCOMP_TOOL) + " decode --pcap --jsonl --port " + std::to_string(kPort);
     for (const std::string& o : options) command.append(1, ' ').append(tshark::Quote(o));
     command.append(1, ' ').append(tshark::Quote(capture)).append(" 2>/dev/null");
@@ -51,12 +52,12 @@ std::vector<Json> ToolsView(const std::string& capture, const std::vector<std::s
     char chunk[1 << 16];
     for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;) text.append(chunk, n);
     ::pclose(pipe);
-    std::vector<Json> out;
+    std::array<std::vector<Json>, 2> out;
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t end = std::min(text.find('\n', at), text.size());
         Json line = Json::parse(text.substr(at, end - at));
         at = end + 1;
-        if (line.contains("head") && (line.at("direction") == "answer") == (direction == 1)) out.push_back(std::move(line));
+        if (line.contains("head")) out[line.at("direction") == "answer" ? 1 : 0].push_back(std::move(line));
     }
     return out;
 }
@@ -307,9 +308,10 @@ void ExpectSameAsLibrary(const std::vector<char>& capture, const std::vector<Mes
     ASSERT_EQ(got[0].size(), up.size());
     ASSERT_EQ(got[1].size(), down.size());
     std::vector<std::string> faults;
+    const std::array<std::vector<Json>, 2> tool = ToolsView(file.string(), toolOptions);
     for (int d = 0; d < 2; ++d) {
         const std::vector<Message>& sent = d == 0 ? up : down;
-        const std::vector<Json> want = ToolsView(file.string(), toolOptions, d);
+        const std::vector<Json>& want = tool[static_cast<std::size_t>(d)];
         ASSERT_EQ(want.size(), sent.size()) << "messages trdcomp decode --pcap --jsonl shows " << (d == 0 ? "up" : "down");
         for (std::size_t i = 0; i < sent.size(); ++i) {
             const std::vector<std::string> f = CompareMessage(sent[i], want[i], *got[d][i]);
