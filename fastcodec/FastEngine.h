@@ -77,32 +77,32 @@ namespace internal {
 // record, so that fields alike share one instantiation; the field comes in
 // as its address c in the record and its offset `off`.
 
-// Is the field sent? Against prev (the previous record), or for the first
-// record (prev null) against the default. One instantiation serves both: the
-// test of prev is the same for every field of a record and predicted.
-// `size` is the record's.
-template <FastKind K, std::uint32_t W, std::int32_t D>
-TRDCOMP_FORCE_INLINE bool Sent(const char* c, const char* prev, std::uint32_t off, std::uint32_t size) {
+// Is the field sent? Against `base`: the previous record, or for the first
+// record (`first`) the record of defaults (kDefaultRecord: a char's and an
+// int's default, zero elsewhere), so that only texts test `first`. `size` is
+// the record's.
+template <FastKind K, std::uint32_t W>
+TRDCOMP_FORCE_INLINE bool Sent(const char* c, const char* base, bool first, std::uint32_t off, std::uint32_t size) {
     if constexpr (K == FastKind::Char) {
-        return prev ? *c != prev[off] : static_cast<unsigned char>(*c) != D;
+        return *c != base[off];
     } else if constexpr (K == FastKind::Int) {
-        return prev ? detail::LoadI32(c) != detail::LoadI32(prev + off) : detail::LoadI32(c) != D;
+        return detail::LoadI32(c) != detail::LoadI32(base + off);
     } else if constexpr (K == FastKind::Int64) {
-        std::int64_t v, w = 0;
+        std::int64_t v, w;
         std::memcpy(&v, c, 8);
-        if (prev) std::memcpy(&w, prev + off, 8);
+        std::memcpy(&w, base + off, 8);
         return v != w;
     } else if constexpr (K == FastKind::Double) {
-        double v, w = 0.0;
+        double v, w;
         std::memcpy(&v, c, 8);
-        if (prev) std::memcpy(&w, prev + off, 8);
+        std::memcpy(&w, base + off, 8);
         return v != w;  // a NaN always counts as changed
     } else if constexpr (K == FastKind::String || K == FastKind::Ascii) {
         // strcmp semantics: a full text compares on into the bytes behind it,
         // but never past the end of the record. The first record sends its texts.
-        return !prev || detail::TextDiffers<W>(c, prev + off, size - off);
+        return first || detail::TextDiffers<W>(c, base + off, size - off);
     } else if constexpr (K == FastKind::Bytes) {
-        return prev ? detail::BlockDiffers<W>(c, prev + off) : detail::AnyNonZero<W>(c);
+        return detail::BlockDiffers<W>(c, base + off);  // the first record: any byte not zero
     } else {
         static_assert(K == FastKind::SizedBlock || K == FastKind::BlockLength, "a kind without its presence test");
         return true;  // the sized block and its length are always sent
@@ -112,12 +112,12 @@ TRDCOMP_FORCE_INLINE bool Sent(const char* c, const char* prev, std::uint32_t of
 // A signed value, as whole words (kExact false: the bytes behind it are
 // scratch) or as exactly its own bytes; kBits is the width of the value's
 // type.
-template <bool kExact, int kBits = 64>
+template <bool kExact, int kBits = 64, bool kBmi2 = false>
 TRDCOMP_FORCE_INLINE std::uint32_t PutSigned(byte* out, std::int64_t v) {
     if constexpr (kExact) {
         return FastPutInt64(out, v);
     } else {
-        return PutInt64Wide<kBits>(out, v);
+        return PutInt64Wide<kBits, kBmi2>(out, v);
     }
 }
 
@@ -133,7 +133,7 @@ TRDCOMP_FORCE_INLINE std::uint32_t PutShortLength(byte* out, std::uint32_t n) {
 template <FastKind K, std::uint32_t W, bool kExact>
 TRDCOMP_FORCE_INLINE std::uint32_t PutText(byte* out, const char* c, std::uint32_t n);
 
-template <FastKind K, std::uint32_t W, bool kExact = false>
+template <FastKind K, std::uint32_t W, bool kExact = false, bool kBmi2 = false>
 TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
     if constexpr (K == FastKind::Char) {
         if constexpr (kExact) {
@@ -142,15 +142,15 @@ TRDCOMP_FORCE_INLINE std::uint32_t Put(byte* out, const char* c) {
             return PutInt8Wide(out, static_cast<signed char>(*c));
         }
     } else if constexpr (K == FastKind::Int || K == FastKind::BlockLength) {
-        return PutSigned<kExact, 32>(out, detail::LoadI32(c));
+        return PutSigned<kExact, 32, kBmi2>(out, detail::LoadI32(c));
     } else if constexpr (K == FastKind::Int64) {
         std::int64_t v;
         std::memcpy(&v, c, 8);
-        return PutSigned<kExact>(out, v);
+        return PutSigned<kExact, 64, kBmi2>(out, v);
     } else if constexpr (K == FastKind::Double) {
         double v;
         std::memcpy(&v, c, 8);
-        return PutSigned<kExact>(out, detail::TruncToInt64(price::ScaledFast(v)));
+        return PutSigned<kExact, 64, kBmi2>(out, detail::TruncToInt64(price::ScaledFast(v)));
     } else if constexpr (K == FastKind::String || K == FastKind::Ascii) {
         return PutText<K, W, kExact>(out, c, detail::TextLength<W>(c));
     } else if constexpr (K == FastKind::Bytes) {
@@ -294,7 +294,7 @@ TRDCOMP_FORCE_INLINE std::int64_t GetAsciiInside(const byte* p, char* c) {
 
 // Reads the field at c from in[at]: unchecked when its window lies inside
 // the message, else through the bounded source (same values, same count).
-template <FastKind K, std::uint32_t W>
+template <FastKind K, std::uint32_t W, bool kBmi2>
 TRDCOMP_FORCE_INLINE std::int64_t GetField(BoundedSource in, std::int64_t at, char* c) {
     if constexpr (K == FastKind::Ascii && W >= 2) {
         if (at >= 0 && at <= in.size - static_cast<std::int64_t>(W)) [[likely]] {
@@ -322,19 +322,19 @@ TRDCOMP_FORCE_INLINE std::int64_t GetField(BoundedSource in, std::int64_t at, ch
                 }
             } else if constexpr (K == FastKind::Int || K == FastKind::BlockLength) {
                 std::int32_t v;
-                if (const std::int64_t k = GetWord(p, &v)) {
+                if (const std::int64_t k = GetWord<decltype(v), true, kBmi2>(p, &v)) {
                     detail::StoreI32(c, v);
                     return k;
                 }
             } else if constexpr (K == FastKind::Int64) {
                 std::int64_t v;
-                if (const std::int64_t k = GetWord(p, &v)) {
+                if (const std::int64_t k = GetWord<decltype(v), true, kBmi2>(p, &v)) {
                     std::memcpy(c, &v, 8);
                     return k;
                 }
             } else if constexpr (K == FastKind::Double) {
                 std::int64_t v;
-                if (const std::int64_t k = GetWord(p, &v)) {
+                if (const std::int64_t k = GetWord<decltype(v), true, kBmi2>(p, &v)) {
                     const double x = price::RestoredFast(v);
                     std::memcpy(c, &x, 8);
                     return k;
@@ -390,39 +390,169 @@ inline constexpr bool kWritesWholeField = K == FastKind::Char || K == FastKind::
 // A sent field decoded over the previous record's copy of it: a text or
 // block is cleared first, so that it reads as if decoded into a cleared
 // record.
-template <FastKind K, std::uint32_t W>
+template <FastKind K, std::uint32_t W, bool kBmi2>
 TRDCOMP_FORCE_INLINE std::int64_t PatchField(BoundedSource in, std::int64_t at, char* c) {
     if constexpr (!kWritesWholeField<K>) detail::ZeroFixed<W>(c);
-    return GetField<K, W>(in, at, c);
+    return GetField<K, W, kBmi2>(in, at, c);
 }
+
+// Reads a sent field at b[pos] by the chunk's stop bits (`stops`: bit i is
+// the stop bit of b[i], none below pos), 72 bytes at b readable: the field's
+// end is the lowest stop bit, found without waiting for the field before.
+// Returns false, having written nothing, for a field these reads do not
+// cover (a value of more than 8 bytes, a counted length of more than one
+// byte or not above zero, a text past the readable bytes); the general
+// reader takes it and the rest of the chunk. Same bytes written and the
+// same end as GetField.
+template <FastKind K, std::uint32_t W, bool kBmi2>
+TRDCOMP_FORCE_INLINE bool PatchMasked(const byte* b, std::int64_t avail, std::uint32_t& pos, std::uint64_t& stops,
+                                      char* c) {
+    if constexpr (K == FastKind::String || K == FastKind::Bytes || K == FastKind::SizedBlock) {
+        // A counted text or block: one length byte (1..63), then its bytes.
+        if (pos >= 64) return false;
+        const unsigned l = b[pos];
+        if ((l & 0xC0u) != 0x80u || l == 0x80u) return false;
+        const std::uint32_t len = l & 0x3Fu;
+        constexpr std::uint32_t kMaxKeep = K == FastKind::String ? W - 1 : W;
+        const std::uint32_t keep = len < kMaxKeep ? len : kMaxKeep;
+        if (pos + 1 + keep > avail) return false;
+        detail::ZeroFixed<W>(c);
+        detail::CopyShort(c, b + pos + 1, keep);
+        pos += 1 + len;
+        stops = pos < 64 ? stops & (~std::uint64_t{0} << pos) : 0;
+        return true;
+    } else {
+        if (stops == 0) return false;
+        const auto e = static_cast<std::uint32_t>(std::countr_zero(stops));
+        const std::uint32_t n = e - pos + 1;
+        const byte* p = b + pos;
+        if constexpr (K == FastKind::Ascii) {
+            // The text's bytes, the last with its stop bit cleared; 0x80 alone
+            // is the empty text. A text longer than the field keeps is the
+            // general reader's.
+            if (n > W - 1 || pos + W > avail) return false;
+            detail::ZeroFixed<W>(c);
+            if (p[0] != 0x80u) {
+                detail::CopyAtMost<W>(c, p, n);
+                c[n - 1] = static_cast<char>(p[n - 1] & 0x7Fu);
+            }
+        } else if constexpr (K == FastKind::Char) {
+            if (n > 8) return false;
+            const unsigned high = n == 1 ? (p[0] & 0x40u) << 1 : (p[n - 2] & 1u) << 7;
+            *c = static_cast<char>(static_cast<byte>((p[n - 1] & 0x7Fu) | high));
+        } else {
+            if (n > 8) return false;
+            const std::uint64_t x = internal::ValueOfBytes<true, kBmi2>(p, internal::Load64(p), n);
+            if constexpr (K == FastKind::Int || K == FastKind::BlockLength) {
+                detail::StoreI32(c, static_cast<std::int32_t>(static_cast<std::uint32_t>(x)));
+            } else if constexpr (K == FastKind::Int64) {
+                std::memcpy(c, &x, 8);
+            } else {
+                static_assert(K == FastKind::Double, "a kind without its masked reader");
+                const double v = price::RestoredFast(static_cast<std::int64_t>(x));
+                std::memcpy(c, &v, 8);
+            }
+        }
+        pos = e + 1;
+        stops &= stops - 1;
+        return true;
+    }
+}
+
+// Layouts of eight numbers wider than a char or more (quotes, positions,
+// balances): the ones whose chunks are read by their stop bits, and whose
+// records are also coded by the coders built for BMI2 (see common/Cpu.h)
+// where the build has them. There, finding values and gathering and
+// spreading their groups is most of the work; on a layout of texts and a
+// few ints (an order) neither gains measurably, and both grow the code.
+inline constexpr int kManyNumbersFrom = 8;
+template <const auto& L>
+inline constexpr bool kManyNumbers = [] {
+    int numbers = 0;
+    for (const Field& f : L.fields)
+        numbers += f.fast == FastKind::Int || f.fast == FastKind::Int64 || f.fast == FastKind::Double ||
+                   f.fast == FastKind::BlockLength;
+    return numbers >= kManyNumbersFrom;
+}();
+template <const auto& L>
+inline constexpr bool kBmi2Coded = TRDCOMP_HAVE_BMI2 && kManyNumbers<L>;
+
+// Bytes from a chunk's first value that must lie inside the message for its
+// fields to be read by their stop bits: the 64 bytes of the stop bits and the
+// word a value at the last of them loads.
+inline constexpr std::int64_t kMaskedWindow = 72;
+
+// Chunks read by their stop bits: those with at least two numbers, and only
+// when four or more of their fields were sent; finding the stop bits costs
+// more than it saves on fewer.
+template <auto Fs>
+inline constexpr bool kMaskedChunk = [] {
+    int numbers = 0;
+    for (const Field& f : Fs)
+        numbers += f.fast == FastKind::Char || f.fast == FastKind::Int || f.fast == FastKind::Int64 ||
+                   f.fast == FastKind::Double || f.fast == FastKind::BlockLength;
+    return numbers >= 2;
+}();
 
 // The fields of one chunk (one presence byte `map`) decoded at in[cursor]:
 // returns the cursor behind them. kPatch: the record already holds the
 // previous record (the first: the defaults), so only the sent fields are
 // written; else it is clear and the fields not sent are filled from prev.
-template <auto Fs, bool kPatch>
+template <auto Fs, bool kPatch, bool kBmi2, bool kStopBits = true>
 TRDCOMP_FORCE_INLINE std::int64_t DecodeChunk(BoundedSource in, std::int64_t cursor, unsigned map, char* cur,
                                               const char* prev) {
     [&]<std::size_t... J>(std::index_sequence<J...>) TRDCOMP_LAMBDA_INLINE {
         if constexpr (kPatch) {
             if ((map & 0x7Fu) == 0) return;  // a chunk of unchanged fields
-            ((map & (0x40u >> J)
-                  ? (void)(cursor += PatchField<Fs[J].fast, Fs[J].width>(in, cursor, cur + Fs[J].offset))
+            // Fields from `from` on are read by the general reader.
+            std::size_t from = 0;
+            if constexpr (kMaskedChunk<Fs> && kStopBits) {
+                // Four or more fields sent, inside the message by a window:
+                // they are read by the chunk's stop bits until one needs the
+                // general reader, which takes it and the rest.
+                const std::int64_t at0 = cursor;
+                const std::int64_t avail = in.size - at0;
+                unsigned rest = map & 0x7Fu;
+                rest &= rest - 1;
+                rest &= rest - 1;
+                rest &= rest - 1;  // the sent fields but the first three
+                if (rest != 0 && at0 >= 0 && avail >= kMaskedWindow) {
+                    const byte* b = in.p + at0;
+                    std::uint64_t stops = StopBits64(b);
+                    std::uint32_t pos = 0;
+                    from = Fs.size();
+                    const auto field = [&]<std::size_t I>() TRDCOMP_LAMBDA_INLINE {
+                        constexpr Field F = Fs[I];
+                        if (from == Fs.size() && (map & (0x40u >> I)) &&
+                            !PatchMasked<F.fast, F.width, kBmi2>(b, avail, pos, stops, cur + F.offset))
+                            from = I;
+                    };
+                    (field.template operator()<J>(), ...);
+                    cursor = at0 + pos;
+                }
+            }
+            ((J >= from && (map & (0x40u >> J))
+                  ? (void)(cursor += PatchField<Fs[J].fast, Fs[J].width, kBmi2>(in, cursor, cur + Fs[J].offset))
                   : void()),
              ...);
         } else {
             ((map & (0x40u >> J)
-                  ? (void)(cursor += GetField<Fs[J].fast, Fs[J].width>(in, cursor, cur + Fs[J].offset))
+                  ? (void)(cursor += GetField<Fs[J].fast, Fs[J].width, kBmi2>(in, cursor, cur + Fs[J].offset))
                   : Fill<Fs[J].fast, Fs[J].width, Fs[J].fastDefault>(cur + Fs[J].offset, prev, Fs[J].offset)),
              ...);
         }
     }(std::make_index_sequence<Fs.size()>{});
     return cursor;
 }
-template <auto Fs, bool kPatch>
+template <auto Fs, bool kPatch, bool kStopBits>
 [[gnu::noinline]] std::int64_t DecodeSharedChunk(BoundedSource in, std::int64_t cursor, unsigned map, char* cur,
                                                  const char* prev) {
-    return DecodeChunk<Fs, kPatch>(in, cursor, map, cur, prev);
+    return DecodeChunk<Fs, kPatch, false, kStopBits>(in, cursor, map, cur, prev);
+}
+template <auto Fs, bool kPatch>
+TRDCOMP_TARGET_BMI2 std::int64_t DecodeSharedChunkBmi2(BoundedSource in, std::int64_t cursor, unsigned map, char* cur,
+                                                       const char* prev) {
+    return DecodeChunk<Fs, kPatch, true>(in, cursor, map, cur, prev);
 }
 
 // Records of at most this many bytes are decoded by copy and patch: the
@@ -440,6 +570,9 @@ inline constexpr auto kDefaultRecord = [] {
     std::array<char, L.size> r{};
     for (const Field& f : L.fields) {
         if (f.fast == FastKind::Char) {
+            // A char's default is a byte value: the encoder compares the
+            // record's byte with this one.
+            if (f.fastDefault < 0 || f.fastDefault > 255) throw "a char's default must be a byte value";
             r[f.offset] = static_cast<char>(f.fastDefault);
         } else if (f.fast == FastKind::Int) {
             const auto v = static_cast<std::uint32_t>(f.fastDefault);
@@ -449,14 +582,21 @@ inline constexpr auto kDefaultRecord = [] {
     return r;
 }();
 
-template <const auto& L, std::size_t K>
+template <const auto& L, std::size_t K, bool kBmi2, bool kStopBits>
 TRDCOMP_FORCE_INLINE std::int64_t DecodeChunkOf(BoundedSource in, std::int64_t cursor, unsigned map, char* cur,
                                                 const char* prev) {
     constexpr auto kFields = model::ChunkFields<L, K>();
-    if constexpr (model::kChunkOutOfLine<L, K>) {
-        return DecodeSharedChunk<kFields, kPatched<L>>(in, cursor, map, cur, prev);
+    if constexpr (model::kChunkOutOfLine<L, K> && kPatched<L>) {
+        // The record holds the previous one: a chunk of unchanged fields
+        // costs no call.
+        if ((map & 0x7Fu) == 0) return cursor;
+    }
+    if constexpr (model::kChunkOutOfLine<L, K> && kBmi2) {
+        return DecodeSharedChunkBmi2<kFields, kPatched<L>>(in, cursor, map, cur, prev);
+    } else if constexpr (model::kChunkOutOfLine<L, K>) {
+        return DecodeSharedChunk<kFields, kPatched<L>, kStopBits && kManyNumbers<L>>(in, cursor, map, cur, prev);
     } else {
-        return DecodeChunk<kFields, kPatched<L>>(in, cursor, map, cur, prev);
+        return DecodeChunk<kFields, kPatched<L>, kBmi2, kStopBits && kManyNumbers<L>>(in, cursor, map, cur, prev);
     }
 }
 
@@ -464,9 +604,9 @@ TRDCOMP_FORCE_INLINE std::int64_t DecodeChunkOf(BoundedSource in, std::int64_t c
 // written whether sent or not and kept by advancing the cursor, so that a
 // change costs no branch (the exact form writes only what is sent); the
 // presence bit goes into `map`.
-template <FastKind K, std::uint32_t W, std::int32_t D, std::size_t J, bool kExact>
-TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* prev, std::uint32_t off, std::uint32_t size,
-                                      byte* out, std::uint32_t& n, unsigned& map) {
+template <FastKind K, std::uint32_t W, std::size_t J, bool kExact, bool kBmi2>
+TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* base, bool first, std::uint32_t off,
+                                      std::uint32_t size, byte* out, std::uint32_t& n, unsigned& map) {
     const char* c = cur + off;
 #if TRDCOMP_TEXT_MASKS
     if constexpr ((K == FastKind::Ascii || K == FastKind::String) && detail::kMaskedText<W>) {
@@ -474,9 +614,9 @@ TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* prev, std::ui
         // give both whether it is sent and its length.
         std::uint32_t len;
         bool sent = true;
-        if (prev) {
-            const detail::TextMasks m = detail::CompareText<W>(c, prev + off);
-            sent = detail::MaskedTextDiffers<W>(m, c, prev + off, size - off);
+        if (!first) {
+            const detail::TextMasks m = detail::CompareText<W>(c, base + off);
+            sent = detail::MaskedTextDiffers<W>(m, c, base + off, size - off);
             len = detail::MaskedLength<W>(m);
         } else {
             len = detail::TextLength<W>(c);
@@ -488,55 +628,64 @@ TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* prev, std::ui
         return;
     }
 #endif
-    const bool sent = Sent<K, W, D>(c, prev, off, size);
+    const bool sent = Sent<K, W>(c, base, first, off, size);
     if constexpr (kAlwaysWritten<K> && !kExact) {
-        const std::uint32_t k = Put<K, W>(out + n, c);
+        const std::uint32_t k = Put<K, W, false, kBmi2>(out + n, c);
         n += sent ? k : 0u;
         map |= static_cast<unsigned>(sent) << (6 - J);
     } else if (sent) {
-        n += Put<K, W, kExact>(out + n, c);
+        n += Put<K, W, kExact, kBmi2>(out + n, c);
         map |= 0x40u >> J;
     }
 }
 
 // The fields of one chunk (one presence byte), coded at out + n: returns
 // the new length, the chunk's presence bits in *map.
-template <auto Fs, bool kExact>
-TRDCOMP_FORCE_INLINE std::uint32_t EncodeChunk(const char* cur, const char* prev, std::uint32_t size, byte* out,
-                                               std::uint32_t n, unsigned* map) {
+template <auto Fs, bool kExact, bool kBmi2>
+TRDCOMP_FORCE_INLINE std::uint32_t EncodeChunk(const char* cur, const char* base, bool first, std::uint32_t size,
+                                               byte* out, std::uint32_t n, unsigned* map) {
     unsigned bits = 0;
     [&]<std::size_t... J>(std::index_sequence<J...>) TRDCOMP_LAMBDA_INLINE {
-        (EncodeField<Fs[J].fast, Fs[J].width, Fs[J].fastDefault, J, kExact>(cur, prev, Fs[J].offset, size, out, n,
-                                                                            bits),
+        (EncodeField<Fs[J].fast, Fs[J].width, J, kExact, kBmi2>(cur, base, first, Fs[J].offset, size, out, n, bits),
          ...);
     }(std::make_index_sequence<Fs.size()>{});
     *map = bits;
     return n;
 }
 template <auto Fs, bool kExact>
-[[gnu::noinline]] std::uint32_t EncodeSharedChunk(const char* cur, const char* prev, std::uint32_t size, byte* out,
-                                                  std::uint32_t n, unsigned* map) {
-    return EncodeChunk<Fs, kExact>(cur, prev, size, out, n, map);
+[[gnu::noinline]] std::uint32_t EncodeSharedChunk(const char* cur, const char* base, bool first, std::uint32_t size,
+                                                  byte* out, std::uint32_t n, unsigned* map) {
+    return EncodeChunk<Fs, kExact, false>(cur, base, first, size, out, n, map);
+}
+template <auto Fs, bool kExact>
+TRDCOMP_TARGET_BMI2 std::uint32_t EncodeSharedChunkBmi2(const char* cur, const char* base, bool first,
+                                                        std::uint32_t size, byte* out, std::uint32_t n,
+                                                        unsigned* map) {
+    return EncodeChunk<Fs, kExact, true>(cur, base, first, size, out, n, map);
 }
 
-template <const auto& L, std::size_t K, bool kExact>
-TRDCOMP_FORCE_INLINE std::uint32_t EncodeChunkOf(const char* cur, const char* prev, byte* out, std::uint32_t n,
-                                                 unsigned* map) {
+template <const auto& L, std::size_t K, bool kExact, bool kBmi2>
+TRDCOMP_FORCE_INLINE std::uint32_t EncodeChunkOf(const char* cur, const char* base, bool first, byte* out,
+                                                 std::uint32_t n, unsigned* map) {
     constexpr auto kFields = model::ChunkFields<L, K>();
-    if constexpr (model::kChunkOutOfLine<L, K>) {
-        return EncodeSharedChunk<kFields, kExact>(cur, prev, L.size, out, n, map);
+    if constexpr (model::kChunkOutOfLine<L, K> && kBmi2) {
+        return EncodeSharedChunkBmi2<kFields, kExact>(cur, base, first, L.size, out, n, map);
+    } else if constexpr (model::kChunkOutOfLine<L, K>) {
+        return EncodeSharedChunk<kFields, kExact>(cur, base, first, L.size, out, n, map);
     } else {
-        return EncodeChunk<kFields, kExact>(cur, prev, L.size, out, n, map);
+        return EncodeChunk<kFields, kExact, kBmi2>(cur, base, first, L.size, out, n, map);
     }
 }
 
-template <const auto& L, bool kExact>
+template <const auto& L, bool kExact, bool kBmi2>
 TRDCOMP_FORCE_INLINE std::uint32_t EncodeFields(const char* cur, const char* prev, byte* out) {
     constexpr std::size_t P = kPresenceBytes<L>;
     unsigned map[P] = {};
     std::uint32_t n = P;
+    const bool first = prev == nullptr;
+    const char* const base = first ? kDefaultRecord<L>.data() : prev;
     [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
-        ((n = EncodeChunkOf<L, K, kExact>(cur, prev, out, n, &map[K])), ...);
+        ((n = EncodeChunkOf<L, K, kExact, kBmi2>(cur, base, first, out, n, &map[K])), ...);
     }(std::make_index_sequence<P>{});
     [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
         ((out[K] = static_cast<byte>(map[K] | (K + 1 == P ? 0x80u : 0u))), ...);
@@ -550,12 +699,21 @@ TRDCOMP_FORCE_INLINE std::uint32_t EncodeFields(const char* cur, const char* pre
 // MaxRecord<L>() + kEncodeSlack bytes may be written; returns its length.
 // The exact form (kExact) writes only the bytes it returns, each value and
 // text on its own: slower per value, but nothing to copy afterwards.
-template <const auto& L, bool kExact = false>
+namespace internal {
+template <const auto& L, bool kExact>
+TRDCOMP_TARGET_BMI2 std::uint32_t EncodeRecordBmi2(const char* cur, const char* prev, byte* out) {
+    return EncodeFields<L, kExact, true>(cur, prev, out);
+}
+}  // namespace internal
+
+template <const auto& L, bool kExact = false, bool kBmi2 = false>
 inline std::uint32_t EncodeRecord(const char* cur, const char* prev, byte* out) {
     if constexpr (kPresenceBytes<L> == 0) {
         return 0;
+    } else if constexpr (kBmi2) {
+        return internal::EncodeRecordBmi2<L, kExact>(cur, prev, out);
     } else {
-        return internal::EncodeFields<L, kExact>(cur, prev, out);
+        return internal::EncodeFields<L, kExact, false>(cur, prev, out);
     }
 }
 
@@ -567,15 +725,16 @@ inline constexpr std::size_t kInlineRecordFields = 8;
 template <const auto& L>
 inline constexpr bool kInlineRecord = L.fields.size() <= kInlineRecordFields;
 
+
 namespace internal {
-template <const auto& L, bool kExact>
+template <const auto& L, bool kExact, bool kBmi2>
 TRDCOMP_FORCE_INLINE std::uint32_t EncodeInRun(const char* cur, const char* prev, byte* out) {
     if constexpr (kPresenceBytes<L> == 0) {
         return 0;
     } else if constexpr (kInlineRecord<L>) {
-        return EncodeFields<L, kExact>(cur, prev, out);
+        return EncodeFields<L, kExact, kBmi2>(cur, prev, out);
     } else {
-        return EncodeRecord<L, kExact>(cur, prev, out);
+        return EncodeRecord<L, kExact, kBmi2>(cur, prev, out);
     }
 }
 }  // namespace internal
@@ -585,7 +744,7 @@ TRDCOMP_FORCE_INLINE std::uint32_t EncodeInRun(const char* cur, const char* prev
 // patched layout's record is written whole; another's is cleared first
 // unless the caller hands in one already zero.
 namespace internal {
-template <const auto& L, bool kZeroed>
+template <const auto& L, bool kZeroed, bool kBmi2, bool kStopBits = true>
 TRDCOMP_FORCE_INLINE void DecodeFields(BoundedSource in, std::int64_t at, std::int64_t len, char* cur,
                                        const char* prev) {
     constexpr std::size_t P = kPresenceBytes<L>;
@@ -612,25 +771,39 @@ TRDCOMP_FORCE_INLINE void DecodeFields(BoundedSource in, std::int64_t at, std::i
     }
     std::int64_t cursor = at + mapLen;
     [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
-        ((cursor = internal::DecodeChunkOf<L, K>(in, cursor, map[K], cur, prev)), ...);
+        ((cursor = internal::DecodeChunkOf<L, K, kBmi2, kStopBits>(in, cursor, map[K], cur, prev)), ...);
     }(std::make_index_sequence<P>{});
 }
 }  // namespace internal
 
-template <const auto& L, bool kZeroed = false>
+namespace internal {
+template <const auto& L, bool kZeroed>
+TRDCOMP_TARGET_BMI2 void DecodeRecordBmi2(BoundedSource in, std::int64_t at, std::int64_t len, char* cur,
+                                          const char* prev) {
+    DecodeFields<L, kZeroed, true>(in, at, len, cur, prev);
+}
+}  // namespace internal
+
+// kStopBits false: every field by the general reader (the reference the
+// tests hold the stop-bit reads to).
+template <const auto& L, bool kZeroed = false, bool kBmi2 = false, bool kStopBits = true>
 inline void DecodeRecord(const BoundedSource& in, std::int64_t at, std::int64_t len, char* cur, const char* prev) {
-    internal::DecodeFields<L, kZeroed>(in, at, len, cur, prev);
+    if constexpr (kBmi2) {
+        internal::DecodeRecordBmi2<L, kZeroed>(in, at, len, cur, prev);
+    } else {
+        internal::DecodeFields<L, kZeroed, false, kStopBits>(in, at, len, cur, prev);
+    }
 }
 
 namespace internal {
 // A record of a run: in line when it is small (see kInlineRecord).
-template <const auto& L>
+template <const auto& L, bool kBmi2, bool kStopBits>
 TRDCOMP_FORCE_INLINE void DecodeInRun(BoundedSource in, std::int64_t at, std::int64_t len, char* cur,
                                       const char* prev) {
     if constexpr (kInlineRecord<L>) {
-        DecodeFields<L, true>(in, at, len, cur, prev);
+        DecodeFields<L, true, kBmi2, kStopBits>(in, at, len, cur, prev);
     } else {
-        DecodeRecord<L, true>(in, at, len, cur, prev);
+        DecodeRecord<L, true, kBmi2, kStopBits>(in, at, len, cur, prev);
     }
 }
 }  // namespace internal
@@ -657,7 +830,7 @@ inline bool AsciiRepresentable(const char* rec) {
 // caller's buffer. Encoding into scratch and reading it back right away
 // waits for the encoder's overlapping stores: about a quarter of the pack of
 // a one-record request.
-template <const auto& L>
+template <const auto& L, bool kBmi2 = false>
 struct RecordCoder {
     static constexpr int kLengthBytes = 2;
     static constexpr std::size_t kMaxRecord = MaxRecord<L>();
@@ -669,10 +842,12 @@ struct RecordCoder {
 
     static bool Representable(const char* rec) { return AsciiRepresentable<L>(rec); }
     TRDCOMP_FORCE_INLINE static std::int64_t Encode(const char* rec, const char* prev, char* dst) {
-        return static_cast<std::int64_t>(internal::EncodeInRun<L, false>(rec, prev, reinterpret_cast<byte*>(dst)));
+        return static_cast<std::int64_t>(
+            internal::EncodeInRun<L, false, kBmi2>(rec, prev, reinterpret_cast<byte*>(dst)));
     }
     TRDCOMP_FORCE_INLINE static std::int64_t EncodeExact(const char* rec, const char* prev, char* dst) {
-        return static_cast<std::int64_t>(internal::EncodeInRun<L, true>(rec, prev, reinterpret_cast<byte*>(dst)));
+        return static_cast<std::int64_t>(
+            internal::EncodeInRun<L, true, kBmi2>(rec, prev, reinterpret_cast<byte*>(dst)));
     }
     static void StoreLength(char* at, std::int64_t n) { detail::StoreU16(at, static_cast<std::uint16_t>(n)); }
 };
@@ -680,9 +855,20 @@ struct RecordCoder {
 // Codes records of layout L (data of `extent` bytes, `stride` apart) as
 // u16-length-prefixed records at out + pos, each against the one before.
 // False when the call's capacity ran out.
+namespace internal {
+template <const auto& L>
+TRDCOMP_TARGET_BMI2 bool EncodeRunBmi2(detail::Call& call, char* out, std::int64_t& pos, const char* data,
+                                       std::int64_t extent, std::int64_t count, std::int32_t stride) {
+    return detail::EncodeRecords(call, RecordCoder<L, true>{}, L.size, out, pos, data, extent, count, stride);
+}
+}  // namespace internal
+
 template <const auto& L>
 TRDCOMP_FORCE_INLINE bool EncodeRun(detail::Call& call, char* out, std::int64_t& pos, const char* data, std::int64_t extent,
                                     std::int64_t count, std::int32_t stride) {
+    if constexpr (internal::kBmi2Coded<L>) {
+        if (detail::UseBmi2()) return internal::EncodeRunBmi2<L>(call, out, pos, data, extent, count, stride);
+    }
     return detail::EncodeRecords(call, RecordCoder<L>{}, L.size, out, pos, data, extent, count, stride);
 }
 
@@ -690,7 +876,7 @@ TRDCOMP_FORCE_INLINE bool EncodeRun(detail::Call& call, char* out, std::int64_t&
 // of a freshly zeroed restore buffer, each against the decoded one before;
 // stops when the cursor reaches inLen.
 // Returns the records decoded.
-template <const auto& L>
+template <const auto& L, bool kBmi2 = false, bool kStopBits = true>
 TRDCOMP_FORCE_INLINE std::int64_t DecodeRunInLine(BoundedSource in, std::int64_t& cursorOut, std::int64_t count,
                                                   char* slots) {
     // The source and the cursor in locals: the records' byte stores cannot
@@ -703,7 +889,7 @@ TRDCOMP_FORCE_INLINE std::int64_t DecodeRunInLine(BoundedSource in, std::int64_t
                                                        : static_cast<std::int64_t>(in[cursor]) |
                                                              static_cast<std::int64_t>(in[cursor + 1]) << 8;
         char* rec = slots + i * L.size;
-        internal::DecodeInRun<L>(in, cursor + 2, len, rec, prev);
+        internal::DecodeInRun<L, kBmi2, kStopBits>(in, cursor + 2, len, rec, prev);
         prev = rec;
         cursor += 2 + len;
     }
@@ -715,6 +901,12 @@ TRDCOMP_FORCE_INLINE std::int64_t DecodeRunInLine(BoundedSource in, std::int64_t
 template <const auto& L>
 inline std::int64_t DecodeRun(BoundedSource in, std::int64_t& cursor, std::int64_t count, char* slots) {
     return DecodeRunInLine<L>(in, cursor, count, slots);
+}
+// The run built for BMI2 (common/Cpu.h): the same records, the same cursor.
+template <const auto& L>
+TRDCOMP_TARGET_BMI2 std::int64_t DecodeRunBmi2(BoundedSource in, std::int64_t& cursor, std::int64_t count,
+                                               char* slots) {
+    return DecodeRunInLine<L, true>(in, cursor, count, slots);
 }
 
 // The Fast restore policy of the shared frames (common/RecordFrames.h): the
@@ -742,6 +934,9 @@ struct Frames {
     TRDCOMP_FORCE_INLINE static std::int64_t DecodeRun(const char* in, std::int64_t inLen, std::int64_t& cursor,
                                                        std::int64_t count, char* slots) {
         const BoundedSource source{reinterpret_cast<const byte*>(in), inLen};
+        if constexpr (internal::kBmi2Coded<L>) {
+            if (detail::UseBmi2()) return DecodeRunBmi2<L>(source, cursor, count, slots);
+        }
         if constexpr (kInlineRecord<L>) {
             return DecodeRunInLine<L>(source, cursor, count, slots);
         } else {

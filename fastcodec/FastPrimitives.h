@@ -18,8 +18,12 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "Bytes.h"
+#include "Cpu.h"
 #include "Inline.h"
 #include "trdcomp/PriceScale.hpp"
 
@@ -91,7 +95,10 @@ TRDCOMP_FORCE_INLINE std::uint64_t Gather7(std::uint64_t v) {
 // Gather7 of a value of n bytes (the rest of v zero): the stages its bytes
 // need. A field keeps its magnitude from record to record, so the branch
 // is predicted; most values take one or two bytes.
+// kBmi2: one pext (see common/Cpu.h).
+template <bool kBmi2 = false>
 TRDCOMP_FORCE_INLINE std::uint64_t GatherBytes(std::uint64_t v, std::uint32_t n) {
+    if constexpr (kBmi2) return detail::Pext(v, 0x7F7F7F7F7F7F7F7Full);
     if (n <= 2) return (v & 0x7Fu) | ((v >> 1) & 0x3F80u);
     if (n <= 4) {
         v &= 0x7F7F7F7Fu;
@@ -113,7 +120,11 @@ TRDCOMP_FORCE_INLINE void Store64(void* p, std::uint64_t v) { std::memcpy(p, &v,
 // Spread7 of the low 7n bits of v (n from 1 to 8), by the stages those
 // bits need: a field keeps its magnitude from record to record, so the
 // branch is predicted.
+// kBmi2: one pdep, which spreads all eight groups (the caller's shift drops
+// those past the n-th).
+template <bool kBmi2 = false>
 TRDCOMP_FORCE_INLINE std::uint64_t SpreadBytes(std::uint64_t v, std::uint32_t n) {
+    if constexpr (kBmi2) return detail::Pdep(v, 0x7F7F7F7F7F7F7F7Full);
     if (n <= 2) return (v & 0x7Fu) | ((v << 1) & 0x7F00u);
     if (n <= 4) {
         v &= 0x0FFFFFFFu;
@@ -122,9 +133,13 @@ TRDCOMP_FORCE_INLINE std::uint64_t SpreadBytes(std::uint64_t v, std::uint32_t n)
     }
     return Spread7(v);
 }
-TRDCOMP_FORCE_INLINE void PutWord(byte* out, std::uint64_t v, std::uint32_t n, std::uint64_t sign) {
+// A negative value's sign bit (0x40 of its first byte) is the top bit of
+// its 7n bits in two's complement, as n is chosen so that |v| < 2^(7n - 1):
+// the groups carry it without a separate step.
+template <bool kBmi2 = false>
+TRDCOMP_FORCE_INLINE void PutWord(byte* out, std::uint64_t v, std::uint32_t n) {
     const std::uint32_t shift = 8 * (8 - n);
-    const std::uint64_t w = (SpreadBytes(v, n) << shift) | (std::uint64_t{0x80} << shift) | (sign << 56);
+    const std::uint64_t w = (SpreadBytes<kBmi2>(v, n) | 0x80u) << shift;
     Store64(out, __builtin_bswap64(w));
 }
 }  // namespace internal
@@ -135,7 +150,7 @@ TRDCOMP_FORCE_INLINE void PutWord(byte* out, std::uint64_t v, std::uint32_t n, s
 TRDCOMP_FORCE_INLINE std::uint32_t PutUInt64Wide(byte* out, std::uint64_t v) {
     const std::uint32_t n = FastSizeUInt64(v);
     if (n <= 8) [[likely]] {
-        internal::PutWord(out, v, n, 0);
+        internal::PutWord(out, v, n);
     } else {
         internal::PutGroups(out, v, n);
     }
@@ -143,12 +158,12 @@ TRDCOMP_FORCE_INLINE std::uint32_t PutUInt64Wide(byte* out, std::uint64_t v) {
 }
 // kBits: the width of the value's type; one of at most 55 bits always fits
 // the one word.
-template <int kBits = 64>
+template <int kBits = 64, bool kBmi2 = false>
 TRDCOMP_FORCE_INLINE std::uint32_t PutInt64Wide(byte* out, std::int64_t v) {
     const std::uint32_t n = FastSizeInt64(v);
     const std::uint64_t bits = static_cast<std::uint64_t>(v) & 0x7FFFFFFFFFFFFFFFull;
     if (kBits <= 55 || n <= 8) [[likely]] {
-        internal::PutWord(out, bits, n, v < 0 ? 0x40u : 0u);
+        internal::PutWord<kBmi2>(out, bits, n);
     } else {
         internal::PutGroups(out, bits, n);
         if (v < 0) out[0] |= 0x40u;
@@ -182,19 +197,50 @@ TRDCOMP_FORCE_INLINE std::uint32_t PutInt8Exact(byte* out, signed char v) {
 // Signed reader over 8 readable bytes at p: the value when its stop byte is
 // among them (returns its byte count), else 0 and the caller reads it byte
 // by byte. Same result as GetSignedAt, computed in the width of T.
-template <class T, bool kSigned = true>
+namespace internal {
+// The value of the n (1..8) bytes at p, the last of them the stop byte, with
+// 8 bytes at p readable.
+template <bool kSigned, bool kBmi2>
+TRDCOMP_FORCE_INLINE std::uint64_t ValueOfBytes(const byte* p, std::uint64_t w, std::uint32_t n) {
+    std::uint64_t x = GatherBytes<kBmi2>(__builtin_bswap64(w) >> (8 * (8 - n)), n);
+    if constexpr (kSigned) {
+        if (p[0] & 0x40u) x |= ~std::uint64_t{0} << (7 * n);
+    }
+    return x;
+}
+}  // namespace internal
+
+template <class T, bool kSigned = true, bool kBmi2 = false>
 TRDCOMP_FORCE_INLINE std::int64_t GetWord(const byte* p, T* v) {
     const std::uint64_t w = internal::Load64(p);
     const std::uint64_t stops = w & 0x8080808080808080ull;
     if (stops == 0) [[unlikely]]
         return 0;
     const auto n = static_cast<std::uint32_t>(std::countr_zero(stops)) / 8 + 1;
-    std::uint64_t x = internal::GatherBytes(__builtin_bswap64(w) >> (8 * (8 - n)), n);
-    if constexpr (kSigned) {
-        if (p[0] & 0x40u) x |= ~std::uint64_t{0} << (7 * n);
-    }
+    const std::uint64_t x = internal::ValueOfBytes<kSigned, kBmi2>(p, w, n);
     *v = static_cast<T>(static_cast<std::make_unsigned_t<T>>(x));
     return n;
+}
+
+// The stop bits of the 64 bytes at p, byte i's in bit i: where every value
+// among them ends, found at once, so that finding the next value's end no
+// longer waits for the value before it.
+TRDCOMP_FORCE_INLINE std::uint64_t StopBits64(const byte* p) {
+#if defined(__SSE2__)
+    std::uint64_t m = 0;
+    for (int k = 0; k < 4; ++k) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
+        m |= static_cast<std::uint64_t>(static_cast<std::uint32_t>(_mm_movemask_epi8(v))) << (16 * k);
+    }
+    return m;
+#else
+    std::uint64_t m = 0;
+    for (int k = 0; k < 8; ++k) {
+        const std::uint64_t w = internal::Load64(p + 8 * k) & 0x8080808080808080ull;
+        m |= ((w * 0x0002040810204081ull) >> 56) << (8 * k);
+    }
+    return m;
+#endif
 }
 
 // The character reader over 8 readable bytes at p: GetWord's count and
