@@ -159,6 +159,31 @@ TRDCOMP_FORCE_INLINE bool BlockDiffers(const char* a, const char* b) {
     }
 }
 
+// memcmp(a, b, N) == 0 for 16 <= N <= 512: 16-byte compares (the last one
+// overlapping), a branch every 32 bytes, so that records differing early
+// (an account that changes from record to record) stop early.
+template <std::size_t N>
+TRDCOMP_FORCE_INLINE bool BytesEqual(const char* a, const char* b) {
+    static_assert(N >= 16 && N <= 512);
+#if TRDCOMP_TEXT_MASKS
+    constexpr std::size_t kBlocks = (N + 15) / 16;
+    const auto same = [&](std::size_t k) TRDCOMP_LAMBDA_INLINE {
+        const std::size_t at = 16 * k + 16 <= N ? 16 * k : N - 16;
+        return _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(a + at)),
+                              _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + at)));
+    };
+    bool equal = true;
+    [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
+        static_cast<void>(((equal = _mm_movemask_epi8(2 * K + 1 < kBlocks ? _mm_and_si128(same(2 * K), same(2 * K + 1))
+                                                                          : same(2 * K)) == 0xFFFF) &&
+                           ...));
+    }(std::make_index_sequence<(kBlocks + 1) / 2>{});
+    return equal;
+#else
+    return std::memcmp(a, b, N) == 0;
+#endif
+}
+
 // memcpy(dst, src, n) for 32 < n <= 64: the first and the last 32 bytes,
 // all loaded before any is stored. (A copy whose length the compiler knows
 // to be bounded would otherwise become a string move, slow to start.)

@@ -652,15 +652,67 @@ TRDCOMP_FORCE_INLINE std::uint32_t EncodeChunk(const char* cur, const char* base
     *map = bits;
     return n;
 }
+// The bytes a chunk's fields occupy, and the offset of its last text in the
+// record (-1: none); `whole` when equal bytes mean unchanged fields (no
+// double, whose NaN is always sent, no sized block, always sent).
+struct ChunkSpan {
+    std::uint32_t lo = 0, hi = 0;
+    std::int64_t lastText = -1;
+    bool whole = true;
+};
+template <auto Fs>
+inline constexpr ChunkSpan kChunkSpan = [] {
+    ChunkSpan s{Fs[0].offset, Fs[0].offset};
+    for (const Field& f : Fs) {
+        s.lo = f.offset < s.lo ? f.offset : s.lo;
+        s.hi = f.offset + f.width > s.hi ? f.offset + f.width : s.hi;
+        if ((f.fast == FastKind::String || f.fast == FastKind::Ascii) && static_cast<std::int64_t>(f.offset) > s.lastText)
+            s.lastText = f.offset;
+        if (f.fast == FastKind::Double || f.fast == FastKind::SizedBlock || f.fast == FastKind::BlockLength)
+            s.whole = false;
+    }
+    return s;
+}();
+
+// Is every field of the chunk unsent against base, told by its bytes at
+// once? Its bytes equal base's, and a terminator at or behind its last text
+// within them stops every text's comparison (strcmp semantics) inside the
+// chunk. False says nothing: the fields are then compared one by one.
+template <auto Fs>
+TRDCOMP_FORCE_INLINE bool ChunkUnchanged(const char* cur, const char* base) {
+    constexpr ChunkSpan s = kChunkSpan<Fs>;
+    if constexpr (!s.whole || s.hi - s.lo < 16 || s.hi - s.lo > 512) {
+        return false;
+    } else {
+        if (!detail::BytesEqual<s.hi - s.lo>(cur + s.lo, base + s.lo)) return false;
+        if constexpr (s.lastText < 0) {
+            return true;
+        } else {
+            constexpr auto kTail = static_cast<std::uint32_t>(s.hi - s.lastText);
+            return detail::TextLength<kTail>(cur + s.lastText) < kTail;
+        }
+    }
+}
+
+// Shared chunks are the heads records share (who sends, from where), which
+// mostly stay the same through a message: tested as a whole first.
 template <auto Fs, bool kExact>
 [[gnu::noinline]] std::uint32_t EncodeSharedChunk(const char* cur, const char* base, bool first, std::uint32_t size,
                                                   byte* out, std::uint32_t n, unsigned* map) {
+    if (!first && ChunkUnchanged<Fs>(cur, base)) {
+        *map = 0;
+        return n;
+    }
     return EncodeChunk<Fs, kExact, false>(cur, base, first, size, out, n, map);
 }
 template <auto Fs, bool kExact>
 TRDCOMP_TARGET_BMI2 std::uint32_t EncodeSharedChunkBmi2(const char* cur, const char* base, bool first,
                                                         std::uint32_t size, byte* out, std::uint32_t n,
                                                         unsigned* map) {
+    if (!first && ChunkUnchanged<Fs>(cur, base)) {
+        *map = 0;
+        return n;
+    }
     return EncodeChunk<Fs, kExact, true>(cur, base, first, size, out, n, map);
 }
 

@@ -215,6 +215,46 @@ TEST(FastVariants, BothBuildsAndBothReadersGiveTheSameBytesAndRecords) {
     EveryVariantAgrees<kREQ_1030>("a day of orders", 7);
 }
 
+// A shared chunk (the request prefix) is first tested as a whole: when that
+// test says unchanged, the field-by-field coder sends none of its fields.
+// The texts compare as C strings, on into the bytes behind a full text, so
+// a prefix whose last text has no terminator is not unchanged when the bytes
+// behind it differ.
+TEST(FastVariants, AChunkTestedWholeAgreesWithItsFields) {
+    constexpr auto kPrefix = trdcomp::model::ChunkFields<kREQ_1030, 0>();
+    std::mt19937_64 rng(8);
+    std::vector<char> prev(kREQ_1030.size), cur(kREQ_1030.size);
+    unsigned char out[512];
+    int unchanged = 0, full = 0;
+    for (int round = 0; round < 2000; ++round) {
+        for (char& c : prev) c = static_cast<char>(rng() % 4 == 0 ? 0 : 'a' + rng() % 26);
+        if (round % 4 == 0)
+            for (int k = 121; k < 145; ++k) prev[k] = static_cast<char>('a' + rng() % 26);  // a full last text
+        cur = prev;
+        switch (rng() % 4) {
+            case 0: break;                                                      // the same record
+            case 1: cur[rng() % cur.size()] ^= 1; break;                        // one byte anywhere
+            case 2: cur[145 + rng() % (cur.size() - 145)] ^= 1; break;          // behind the prefix
+            default: cur[rng() % 145] = prev[rng() % 145] == 0 ? 'x' : '\0';  // a terminator moved
+        }
+        const bool fullLast = std::memchr(cur.data() + 121, 0, 24) == nullptr;
+        unsigned map = 0;
+        const std::uint32_t n = f::internal::EncodeChunk<kPrefix, false, false>(cur.data(), prev.data(), false,
+                                                                            kREQ_1030.size, out, 0, &map);
+        if (f::internal::ChunkUnchanged<kPrefix>(cur.data(), prev.data())) {
+            ++unchanged;
+            ASSERT_EQ(map, 0u) << "round " << round;
+            ASSERT_EQ(n, 0u);
+        } else if (map == 0) {
+            // Unchanged fields the whole test did not see: only a full last text.
+            ASSERT_TRUE(fullLast || std::memcmp(cur.data(), prev.data(), 145) != 0) << "round " << round;
+            full += fullLast;
+        }
+    }
+    EXPECT_GT(unchanged, 100);
+    EXPECT_GT(full, 0);
+}
+
 // The layouts whose chunks are read by their stop bits and which a run codes
 // with the BMI2 coders: those with eight numbers or more. The quote layout is
 // among them, the order layouts are not.
