@@ -10,7 +10,8 @@
 // pext and pdep are microcoded on AMD's Zen 1 and Zen 2 (tens of cycles), so
 // those take the baseline code. Builds that define TRDCOMP_NO_BMI2 (the
 // sanitizer and fuzzing builds, or a packager's choice) have the baseline
-// code only.
+// code only: there a coder instantiated for BMI2 computes as the portable
+// one does.
 #pragma once
 
 #include <cstdint>
@@ -58,8 +59,6 @@ TRDCOMP_FORCE_INLINE std::uint64_t Pdep(std::uint64_t v, std::uint64_t m) {
 }
 #else
 inline bool UseBmi2() { return false; }
-inline std::uint64_t Pext(std::uint64_t, std::uint64_t) { return 0; }
-inline std::uint64_t Pdep(std::uint64_t, std::uint64_t) { return 0; }
 #endif
 
 }  // namespace trdcomp::detail

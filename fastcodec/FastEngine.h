@@ -305,8 +305,7 @@ TRDCOMP_FORCE_INLINE std::int64_t GetField(BoundedSource in, std::int64_t at, ch
         // Most characters take one byte: taken on its own, the cursor's next
         // position waits for no load (the branch is predicted).
         if (at >= 0 && at < in.size && (in.p[at] & 0x80u)) [[likely]] {
-            const unsigned b = in.p[at];
-            *c = static_cast<char>(static_cast<byte>((b & 0x7Fu) | (b & 0x40u) << 1));
+            *c = static_cast<char>(Int8OfBytes(in.p + at, 0));
             return 1;
         }
     }
@@ -438,8 +437,7 @@ TRDCOMP_FORCE_INLINE bool PatchMasked(const byte* b, std::int64_t avail, std::ui
             }
         } else if constexpr (K == FastKind::Char) {
             if (n > 8) return false;
-            const unsigned high = n == 1 ? (p[0] & 0x40u) << 1 : (p[n - 2] & 1u) << 7;
-            *c = static_cast<char>(static_cast<byte>((p[n - 1] & 0x7Fu) | high));
+            *c = static_cast<char>(Int8OfBytes(p, n - 1));
         } else {
             if (n > 8) return false;
             const std::uint64_t x = internal::ValueOfBytes<true, kBmi2>(p, internal::Load64(p), n);
@@ -465,15 +463,17 @@ TRDCOMP_FORCE_INLINE bool PatchMasked(const byte* b, std::int64_t avail, std::ui
 // where the build has them. There, finding values and gathering and
 // spreading their groups is most of the work; on a layout of texts and a
 // few ints (an order) neither gains measurably, and both grow the code.
+// Fields coded as stop-bit numbers among `fields` (chars too, if asked).
+constexpr int Numbers(const auto& fields, bool chars) {
+    int n = 0;
+    for (const Field& f : fields)
+        n += (chars && f.fast == FastKind::Char) || f.fast == FastKind::Int || f.fast == FastKind::Int64 ||
+             f.fast == FastKind::Double || f.fast == FastKind::BlockLength;
+    return n;
+}
 inline constexpr int kManyNumbersFrom = 8;
 template <const auto& L>
-inline constexpr bool kManyNumbers = [] {
-    int numbers = 0;
-    for (const Field& f : L.fields)
-        numbers += f.fast == FastKind::Int || f.fast == FastKind::Int64 || f.fast == FastKind::Double ||
-                   f.fast == FastKind::BlockLength;
-    return numbers >= kManyNumbersFrom;
-}();
+inline constexpr bool kManyNumbers = Numbers(L.fields, false) >= kManyNumbersFrom;
 template <const auto& L>
 inline constexpr bool kBmi2Coded = TRDCOMP_HAVE_BMI2 && kManyNumbers<L>;
 
@@ -486,13 +486,7 @@ inline constexpr std::int64_t kMaskedWindow = 72;
 // when four or more of their fields were sent; finding the stop bits costs
 // more than it saves on fewer.
 template <auto Fs>
-inline constexpr bool kMaskedChunk = [] {
-    int numbers = 0;
-    for (const Field& f : Fs)
-        numbers += f.fast == FastKind::Char || f.fast == FastKind::Int || f.fast == FastKind::Int64 ||
-                   f.fast == FastKind::Double || f.fast == FastKind::BlockLength;
-    return numbers >= 2;
-}();
+inline constexpr bool kMaskedChunk = Numbers(Fs, true) >= 2;
 
 // The fields of one chunk (one presence byte `map`) decoded at in[cursor]:
 // returns the cursor behind them. kPatch: the record already holds the
@@ -696,24 +690,25 @@ TRDCOMP_FORCE_INLINE bool ChunkUnchanged(const char* cur, const char* base) {
 
 // Shared chunks are the heads records share (who sends, from where), which
 // mostly stay the same through a message: tested as a whole first.
-template <auto Fs, bool kExact>
-[[gnu::noinline]] std::uint32_t EncodeSharedChunk(const char* cur, const char* base, bool first, std::uint32_t size,
-                                                  byte* out, std::uint32_t n, unsigned* map) {
+template <auto Fs, bool kExact, bool kBmi2>
+TRDCOMP_FORCE_INLINE std::uint32_t EncodeShared(const char* cur, const char* base, bool first, std::uint32_t size,
+                                                byte* out, std::uint32_t n, unsigned* map) {
     if (!first && ChunkUnchanged<Fs>(cur, base)) {
         *map = 0;
         return n;
     }
-    return EncodeChunk<Fs, kExact, false>(cur, base, first, size, out, n, map);
+    return EncodeChunk<Fs, kExact, kBmi2>(cur, base, first, size, out, n, map);
+}
+template <auto Fs, bool kExact>
+[[gnu::noinline]] std::uint32_t EncodeSharedChunk(const char* cur, const char* base, bool first, std::uint32_t size,
+                                                  byte* out, std::uint32_t n, unsigned* map) {
+    return EncodeShared<Fs, kExact, false>(cur, base, first, size, out, n, map);
 }
 template <auto Fs, bool kExact>
 TRDCOMP_TARGET_BMI2 std::uint32_t EncodeSharedChunkBmi2(const char* cur, const char* base, bool first,
                                                         std::uint32_t size, byte* out, std::uint32_t n,
                                                         unsigned* map) {
-    if (!first && ChunkUnchanged<Fs>(cur, base)) {
-        *map = 0;
-        return n;
-    }
-    return EncodeChunk<Fs, kExact, true>(cur, base, first, size, out, n, map);
+    return EncodeShared<Fs, kExact, true>(cur, base, first, size, out, n, map);
 }
 
 template <const auto& L, std::size_t K, bool kExact, bool kBmi2>

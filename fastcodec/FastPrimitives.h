@@ -98,7 +98,9 @@ TRDCOMP_FORCE_INLINE std::uint64_t Gather7(std::uint64_t v) {
 // kBmi2: one pext (see common/Cpu.h).
 template <bool kBmi2 = false>
 TRDCOMP_FORCE_INLINE std::uint64_t GatherBytes(std::uint64_t v, std::uint32_t n) {
+#if TRDCOMP_HAVE_BMI2
     if constexpr (kBmi2) return detail::Pext(v, 0x7F7F7F7F7F7F7F7Full);
+#endif
     if (n <= 2) return (v & 0x7Fu) | ((v >> 1) & 0x3F80u);
     if (n <= 4) {
         v &= 0x7F7F7F7Fu;
@@ -124,7 +126,9 @@ TRDCOMP_FORCE_INLINE void Store64(void* p, std::uint64_t v) { std::memcpy(p, &v,
 // those past the n-th).
 template <bool kBmi2 = false>
 TRDCOMP_FORCE_INLINE std::uint64_t SpreadBytes(std::uint64_t v, std::uint32_t n) {
+#if TRDCOMP_HAVE_BMI2
     if constexpr (kBmi2) return detail::Pdep(v, 0x7F7F7F7F7F7F7F7Full);
+#endif
     if (n <= 2) return (v & 0x7Fu) | ((v << 1) & 0x7F00u);
     if (n <= 4) {
         v &= 0x0FFFFFFFu;
@@ -247,13 +251,20 @@ TRDCOMP_FORCE_INLINE std::uint64_t StopBits64(const byte* p) {
 // value in the width of a char. A value's low eight bits are the seven of
 // its last byte and the lowest bit of the byte before (of a one-byte value:
 // its sign bit 0x40), so no other byte is gathered.
+namespace internal {
+// A char's value from its bytes p[0..k], p[k] the stop byte.
+TRDCOMP_FORCE_INLINE signed char Int8OfBytes(const byte* p, std::uint32_t k) {
+    const unsigned high = k == 0 ? (p[0] & 0x40u) << 1 : (p[k - 1] & 1u) << 7;
+    return static_cast<signed char>(static_cast<byte>((p[k] & 0x7Fu) | high));
+}
+}  // namespace internal
+
 TRDCOMP_FORCE_INLINE std::int64_t GetInt8Word(const byte* p, signed char* v) {
     const std::uint64_t stops = internal::Load64(p) & 0x8080808080808080ull;
     if (stops == 0) [[unlikely]]
         return 0;
     const auto k = static_cast<std::uint32_t>(std::countr_zero(stops)) / 8;
-    const unsigned high = k == 0 ? (p[0] & 0x40u) << 1 : (p[k - 1] & 1u) << 7;
-    *v = static_cast<signed char>(static_cast<byte>((p[k] & 0x7Fu) | high));
+    *v = internal::Int8OfBytes(p, k);
     return k + 1;
 }
 

@@ -1,4 +1,4 @@
-// trdcomp: what a tool shows of a message's wire form, from the library (C++17
+// trdcomp: what a tool shows of a message's coded bytes, from the library (C++17
 // or later). The walk is the one MessageLength makes over the head, the record
 // counts and each coded record's length.
 #ifndef TRDCOMP_INSPECT_HPP
