@@ -74,6 +74,19 @@ constexpr std::uint32_t MaxRead(const Field& f) {
     return 0;
 }
 
+// Worst-case bytes a decoder of C reads for a record of layout L (a block's
+// length travels in front of it).
+template <const auto& L, class C>
+constexpr std::uint64_t MaxRecordRead() {
+    std::uint64_t n = 0;
+    for (const Field& f : L.fields) {
+        if (f.kind == Kind::BlockLength) continue;
+        n += MaxRead<C>(f);
+        if (f.kind == Kind::SizedBlock) n += kMaxInt32<C>;
+    }
+    return n;
+}
+
 // Worst-case coded bytes of a record of layout L with the coders C.
 template <const auto& L, class C = BuiltInCoders>
 constexpr std::uint32_t MaxRecord() {
@@ -170,6 +183,16 @@ struct ValueKey {
     std::uint32_t limit;
 };
 constexpr ValueKey KeyOf(const Field& f) { return {f.kind, f.width, f.limit}; }
+
+// Are the bytes of field f of layout L still zero when it is decoded? The
+// record is cleared first; only another field's decode limit could reach
+// into them.
+template <const auto& L>
+constexpr bool StartsZero(const Field& f) {
+    for (const Field& g : L.fields)
+        if (g.offset != f.offset && g.offset < f.offset + f.width && g.offset + g.limit > f.offset) return false;
+    return true;
+}
 
 // Decodes one value of a field of kind `kind` (width and decode limit as
 // given) at `in` into the field at p; returns the bytes consumed. Inlined with
@@ -285,6 +308,54 @@ TRDCOMP_FORCE_INLINE bool DecodeField(const char* in, std::int64_t len, std::int
     }
     if constexpr (V.kind != Kind::BlockLength) used += DecodeAt<V, C>(in, len, used, p, flag);
     return true;
+}
+
+// Every field of a record of layout L decoded in place with no test of the
+// record's length: the caller has made sure that the worst-case read of
+// every field (MaxRecordRead) is there to read. Returns the bytes consumed,
+// or kNotInPlace when a value consumed more than its field's worst-case read
+// (a text longer than its field, a length of more than one byte where the
+// field is shorter than 128 bytes): its end could then lie anywhere, and the
+// fields behind it are not read. When the bytes consumed are no more than
+// the record's length, the record decoded as the checked decoder decodes it:
+// each value read only the bytes it consumed, all inside the record, and
+// every field but a skipped entry consumes one byte at least, so that none
+// started past the record's end.
+inline constexpr std::int64_t kNotInPlace = INT64_MAX;
+
+template <const auto& L, class C>
+TRDCOMP_FORCE_INLINE std::int64_t DecodeInPlace(const char* in, char* rec, char flag) {
+    std::int64_t used = 0;
+    const bool whole = [&]<std::size_t... J>(std::index_sequence<J...>) TRDCOMP_LAMBDA_INLINE {
+        return ([&]() TRDCOMP_LAMBDA_INLINE {
+            constexpr Field f = L.fields[J];
+            constexpr ValueKey v = KeyOf(f);
+            constexpr auto kMost = static_cast<std::int64_t>(MaxRead<C>(f));
+            if constexpr (f.kind == Kind::BlockLength) {
+                return true;  // travels with its block
+            } else {
+                if (f.entry >= 0 && f.entry >= ActiveEntries<L>(rec)) return true;
+                char* p = rec + f.offset;
+                if constexpr (f.kind == Kind::Char || f.kind == Kind::Int32 || f.kind == Kind::Int64 ||
+                              f.kind == Kind::Double) {
+                    used += DecodeValue<v, C>(in + used, p, flag);  // at most kMost bytes
+                    return true;
+                } else if constexpr ((f.kind == Kind::Text || f.kind == Kind::Bytes) && f.limit == f.width &&
+                                     StartsZero<L>(f) && C::template kIntoZeroField<f.width>) {
+                    const std::int64_t k = C::template GetIntoZeroField<f.width>(in + used, p);
+                    used += k;
+                    return k != 0;
+                } else {
+                    if constexpr (f.kind == Kind::SizedBlock)
+                        used += DecodeValue<ValueKey{Kind::BlockLength, 4, 4}, C>(in + used, p + f.width, flag);
+                    const std::int64_t k = DecodeValue<v, C>(in + used, p, flag);
+                    used += k;
+                    return k <= kMost;
+                }
+            }
+        }() && ...);
+    }(std::make_index_sequence<L.fields.size()>{});
+    return whole ? used : kNotInPlace;
 }
 
 // The fields of one chunk, encoded at out + n: returns the new length.
@@ -435,14 +506,46 @@ inline std::uint32_t EncodeRecord(const char* rec, char* out, char flag) {
     }
 }
 
+// A record decoded in place (internal::DecodeInPlace) with coders that read
+// no byte they do not consume, of a layout whose decodes stay inside their
+// fields: the message's last record of a layout is copied to a block of
+// zeros that covers its worst-case read, when that is at most kPaddedRecord.
+inline constexpr std::uint64_t kPaddedRecord = 1024;
+template <const auto& L, class C>
+inline constexpr bool kInPlace = C::kSpecialised && C::kReadsOnlyConsumed && model::MaxDecodeEnd(L) == L.size;
+
 // Decodes the `len` bytes at `in` into the record; no byte outside them is
-// read. The record is cleared first unless the caller hands in one already
-// zero.
+// read, nor any past in + avail (avail >= len: the bytes of the message from
+// the record on). The record is cleared first unless the caller hands in one
+// already zero.
 template <const auto& L, class C, bool kZeroed = false>
-inline void DecodeRecord(const char* in, std::int64_t len, char* rec, char flag) {
+inline void DecodeRecord(const char* in, std::int64_t len, std::int64_t avail, char* rec, char flag) {
     if constexpr (!C::kSpecialised) {
         static_assert(table::Fits<L, C>(), "a field is wider than the table-driven coder's buffers");
         table::DecodeRecord<C>(table::ViewOf<L>(), in, len, rec, flag, kZeroed);
+    } else if constexpr (kInPlace<L, C>) {
+        // Every field in place, the record's length tested once at the end;
+        // a record whose fields run past its length (a peer's shorter layout,
+        // damaged bytes) is decoded again, field by field with its tests.
+        static_assert(table::Fits<L, C>(), "a field is wider than the table-driven coder's buffers");
+        constexpr std::uint64_t kRead = MaxRecordRead<L, C>();
+        if constexpr (!kZeroed) std::memset(rec, 0, L.size);
+        const char* from = in;
+        char padded[kRead <= kPaddedRecord ? kRead : 1];
+        if (static_cast<std::uint64_t>(avail) < kRead) {
+            if constexpr (kRead <= kPaddedRecord) {
+                std::memcpy(padded, in, static_cast<std::size_t>(len));
+                std::memset(padded + len, 0, static_cast<std::size_t>(kRead - static_cast<std::uint64_t>(len)));
+                from = padded;
+            } else {
+                table::DecodeRecord<C>(table::ViewOf<L>(), in, len, rec, flag, true);
+                return;
+            }
+        }
+        if (internal::DecodeInPlace<L, C>(from, rec, flag) <= len) [[likely]]
+            return;
+        std::memset(rec, 0, L.size);
+        table::DecodeRecord<C>(table::ViewOf<L>(), in, len, rec, flag, true);
     } else {
         if constexpr (!kZeroed) std::memset(rec, 0, L.size);
         std::int64_t used = 0;
@@ -452,6 +555,10 @@ inline void DecodeRecord(const char* in, std::int64_t len, char* rec, char flag)
                  ...));
         }(std::make_index_sequence<model::kChunks<L>>{});
     }
+}
+template <const auto& L, class C, bool kZeroed = false>
+inline void DecodeRecord(const char* in, std::int64_t len, char* rec, char flag) {
+    DecodeRecord<L, C, kZeroed>(in, len, len, rec, flag);
 }
 
 // The 2008 record policy of the shared frames (common/RecordFrames.h), for
@@ -489,7 +596,8 @@ inline bool EncodeRun(detail::Call& call, char* out, std::int64_t& pos, const ch
 
 // Decodes up to `count` length-prefixed records from in[cursor, inLen) into
 // consecutive slots of `size` bytes; records the message does not hold stay
-// zero. `decode(at, len, rec)` decodes one record of len bytes. maxEnd is
+// zero. `decode(at, len, avail, rec)` decodes one record of len bytes with
+// avail bytes of the message from at on. maxEnd is
 // the furthest a record's decode may write (model::MaxDecodeEnd). Returns
 // the records decoded; the cursor ends behind the last one (past inLen when
 // its length passed the end, before it when a length was cut).
@@ -516,7 +624,7 @@ TRDCOMP_FORCE_INLINE std::int64_t DecodeRunOf(std::uint32_t size, std::uint32_t 
         // a record's end must clear the next record again, and the first slot
         // is cleared as a record of the section before may have written there.
         if (i == 0) std::memset(slots, 0, size);
-        decode(in + cursor + 4, take, slots + i * size);
+        decode(in + cursor + 4, take, avail, slots + i * size);
         cursor += 4 + static_cast<std::int64_t>(len);
     }
     return count > 0 ? count : 0;
@@ -529,7 +637,7 @@ namespace table {
 template <class C>
 [[gnu::noinline]] std::int64_t DecodeRun(const View& v, std::uint32_t maxEnd, const char* in, std::int64_t inLen,
                                          std::int64_t& cursor, std::int64_t count, char* slots, char flag) {
-    const auto decode = [&](const char* at, std::int64_t len, char* rec) {
+    const auto decode = [&](const char* at, std::int64_t len, std::int64_t /*avail*/, char* rec) {
         DecodeRecord<C>(v, at, len, rec, flag, maxEnd == v.size);
     };
     return DecodeRunOf(v.size, maxEnd, decode, in, inLen, cursor, count, slots);
@@ -542,8 +650,8 @@ inline std::int64_t DecodeRunWith(const char* in, std::int64_t inLen, std::int64
                                   char* slots, char flag) {
     constexpr std::uint32_t kMaxEnd = model::MaxDecodeEnd(L);
     if constexpr (C::kSpecialised) {
-        const auto decode = [&](const char* at, std::int64_t len, char* rec) TRDCOMP_LAMBDA_INLINE {
-            DecodeRecord<L, C, kMaxEnd == L.size>(at, len, rec, flag);
+        const auto decode = [&](const char* at, std::int64_t len, std::int64_t avail, char* rec) TRDCOMP_LAMBDA_INLINE {
+            DecodeRecord<L, C, kMaxEnd == L.size>(at, len, avail, rec, flag);
         };
         return DecodeRunOf(L.size, kMaxEnd, decode, in, inLen, cursor, count, slots);
     } else {

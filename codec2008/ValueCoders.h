@@ -98,6 +98,15 @@ struct BuiltInCoders {
         int len;
         return kx::DecompressBinData(in, dest, max, len);
     }
+    // A text or block no longer than its field of W bytes (decode limit W),
+    // into the field while it holds zeros: the bytes GetText and GetBlock
+    // leave there. 0 for a longer one, left to them.
+    template <std::uint32_t W>
+    static constexpr bool kIntoZeroField = detail::kMaskedCopy<W>;
+    template <std::uint32_t W>
+    TRDCOMP_FORCE_INLINE static std::int64_t GetIntoZeroField(const char* in, char* dest) {
+        return kx::DecompressIntoZeroField<W>(in, dest);
+    }
 };
 
 // Coders that call the eight operations of a KXPfdk class N (its exported
@@ -143,6 +152,8 @@ struct ContractCoders {
         int len = 0;
         return Consumed(N::NCH_decompress_binData(const_cast<char*>(in), dest, max, len));
     }
+    template <std::uint32_t W>
+    static constexpr bool kIntoZeroField = false;
 };
 
 using ExportedCoders = ContractCoders<CKXNetCompressHelper>;

@@ -290,6 +290,43 @@ TRDCOMP_FORCE_INLINE void CopyAtMost(void* dst, const void* src, std::size_t n) 
     }
 }
 
+// A value of n bytes (n < 128) at src into a field of W bytes (8 to 64)
+// that holds zeros: dst[i] = src[i] for i < n, dst stays zero from n on. The
+// W bytes at src are loaded whole, 16 at a time (8 when W < 16; the last load
+// overlaps the one before), and the bytes from n on masked to zero, so the
+// copy takes no branch on n; all W bytes at src must be readable. Nothing
+// outside the field is written.
+template <std::uint32_t W>
+inline constexpr bool kMaskedCopy =
+#if defined(TRDCOMP_TEXT_MASKS)
+    W >= 8 && W <= 64;
+#else
+    false;
+#endif
+#if defined(TRDCOMP_TEXT_MASKS)
+template <std::uint32_t W>
+TRDCOMP_FORCE_INLINE void CopyMasked(char* dst, const char* src, std::uint32_t n) {
+    static_assert(kMaskedCopy<W>);
+    const __m128i count = _mm_set1_epi8(static_cast<char>(n));
+    const __m128i iota = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    constexpr std::uint32_t kStep = W >= 16 ? 16 : 8;
+    [&]<std::uint32_t... K>(std::integer_sequence<std::uint32_t, K...>) TRDCOMP_LAMBDA_INLINE {
+        (([&]() TRDCOMP_LAMBDA_INLINE {
+             constexpr std::uint32_t at = kStep * K + kStep <= W ? kStep * K : W - kStep;
+             const __m128i keep = _mm_cmpgt_epi8(count, _mm_add_epi8(iota, _mm_set1_epi8(static_cast<char>(at))));
+             if constexpr (kStep == 16) {
+                 const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + at));
+                 _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + at), _mm_and_si128(x, keep));
+             } else {
+                 const __m128i x = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src + at));
+                 _mm_storel_epi64(reinterpret_cast<__m128i*>(dst + at), _mm_and_si128(x, keep));
+             }
+         }()),
+         ...);
+    }(std::make_integer_sequence<std::uint32_t, (W + kStep - 1) / kStep>{});
+}
+#endif
+
 // memset(p, 0, N) for a size known when compiling: 16-byte stores (the last
 // one overlapping), not a string store, which is slow to start on short runs.
 // Large runs keep the library's memset.

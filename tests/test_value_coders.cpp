@@ -11,6 +11,7 @@
 
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -21,6 +22,9 @@
 #include "trdcomp/trdcomp.hpp"
 
 #include "engine_layouts.def"
+#define TRD_REQ_LAYOUT_IDS(...)
+#include "answer_layouts.def"
+#include "request_layouts.def"
 
 namespace e8 = trdcomp::codec2008;
 using testmsg::Exact;
@@ -103,7 +107,75 @@ void ExpectContained(std::mt19937& rng) {
     }
 }
 
+// A run of records of layout L coded by the built-in coders, whole and then
+// damaged: a record's length made shorter or longer than its fields, bytes
+// overwritten (lengths of texts past their fields, stop bits moved), the run
+// cut anywhere. The built-in coders' decoder (every field in place, the
+// record's length tested once) and the exported coders' (field by field, each
+// tested against the record's end) restore the same slots and stop at the
+// same place. The input is an exact-size copy, so that a read past it shows
+// under the sanitizers.
+template <const auto& L>
+void ExpectInPlaceAsFieldByField(std::mt19937& rng) {
+    constexpr std::int64_t kCount = 9;
+    const std::size_t spare = trdcomp::model::MaxDecodeEnd(L) - L.size;
+    for (char flag : {0, 1, 2}) {
+        std::vector<char> wire;
+        std::vector<std::size_t> starts;
+        for (std::int64_t i = 0; i < kCount; ++i) {
+            const std::vector<char> rec = RandomRecord(L.size, rng);
+            std::vector<char> coded(4 + e8::MaxRecord<L, e8::BuiltInCoders>());
+            const auto n = e8::EncodeRecord<L, e8::BuiltInCoders>(rec.data(), coded.data() + 4, flag);
+            std::memcpy(coded.data(), &n, 4);
+            starts.push_back(wire.size());
+            wire.insert(wire.end(), coded.begin(), coded.begin() + 4 + n);
+        }
+        for (int variant = 0; variant < 60; ++variant) {
+            std::vector<char> bad = wire;
+            if (variant % 3 == 1) {
+                const std::size_t at = starts[rng() % starts.size()];
+                std::int32_t len;
+                std::memcpy(&len, bad.data() + at, 4);
+                len += static_cast<std::int32_t>(rng() % 9) - 4;
+                std::memcpy(bad.data() + at, &len, 4);
+            } else if (variant % 3 == 2) {
+                for (int k = 0; k < 3; ++k) bad[rng() % bad.size()] = static_cast<char>(rng());
+            }
+            if (variant >= 30) bad.resize(rng() % (bad.size() + 1));
+            SCOPED_TRACE(testing::Message() << "flag " << int{flag} << ", variant " << variant);
+            Exact in(bad);
+            std::vector<char> a(kCount * L.size + spare, 0), b(kCount * L.size + spare, 0);
+            std::int64_t ca = 0, cb = 0;
+            const auto na = e8::DecodeRunWith<L, e8::BuiltInCoders>(in.data(), in.size(), ca, kCount, a.data(), flag);
+            const auto nb = e8::DecodeRunWith<L, e8::ExportedCoders>(in.data(), in.size(), cb, kCount, b.data(), flag);
+            ASSERT_EQ(na, nb);
+            ASSERT_EQ(ca, cb);
+            ASSERT_EQ(a, b);
+        }
+    }
+}
+
 }  // namespace
+
+TEST(ValueCoders, InPlaceDecodeRestoresAsFieldByField) {
+    const std::string loaded = LoadedKXPfdk();
+    if (loaded != "ours" && loaded != "unmarked") GTEST_SKIP() << "the loaded KXPfdk has another format";
+    // Which layouts take the in-place decoder: those whose decodes stay inside
+    // their fields (a decode limit past a field keeps the checked one).
+    static_assert(e8::kInPlace<kT_MIXED, e8::BuiltInCoders> && e8::kInPlace<kREQ_1030, e8::BuiltInCoders> &&
+                  e8::kInPlace<kT_LIMIT, e8::BuiltInCoders> && !e8::kInPlace<kT_TAIL_LIMIT, e8::BuiltInCoders> &&
+                  !e8::kInPlace<kT_MIXED, e8::ExportedCoders>);
+    std::mt19937 rng(31);
+    ExpectInPlaceAsFieldByField<kT_SEVEN>(rng);
+    ExpectInPlaceAsFieldByField<kT_ORDER>(rng);
+    ExpectInPlaceAsFieldByField<kT_LIMIT>(rng);
+    ExpectInPlaceAsFieldByField<kT_COUNTED>(rng);
+    ExpectInPlaceAsFieldByField<kT_BLOCK>(rng);
+    ExpectInPlaceAsFieldByField<kT_MIXED>(rng);
+    ExpectInPlaceAsFieldByField<kREQ_1030>(rng);
+    ExpectInPlaceAsFieldByField<kANS_1110>(rng);
+    ExpectInPlaceAsFieldByField<kT_TAIL_LIMIT>(rng);
+}
 
 TEST(ValueCoders, TheLoadedKXPfdkIsRecognised) {
     const std::string loaded = LoadedKXPfdk();

@@ -169,6 +169,22 @@ TRDCOMP_FORCE_INLINE int DecompressString(const char* in, char* dest, int max) {
     return k + static_cast<int>(n);
 }
 
+// DecompressString or DecompressBinData keeping at most W (< 128) bytes, into
+// a field of W bytes that holds zeros, for a value no longer than the field
+// (the two coders then leave the same bytes: a string's terminator lands on
+// a zero): the value moved by whole loads and stores (detail::CopyMasked),
+// with no branch on its length. The W + 1 bytes at in must be readable.
+// Returns the bytes consumed, or 0 (nothing decoded) for a longer value.
+template <std::uint32_t W>
+TRDCOMP_FORCE_INLINE std::int64_t DecompressIntoZeroField(const char* in, char* dest) {
+    static_assert(W < 0x80, "the value's length is its first byte");
+    const auto n = static_cast<u8>(in[0]);
+    if (n > W) [[unlikely]]
+        return 0;
+    trdcomp::detail::CopyMasked<W>(dest, in + 1, n);
+    return 1 + static_cast<std::int64_t>(n);
+}
+
 // Bytes of the block up to its last non-zero byte: whole zero words are
 // dropped eight bytes at a time from the end.
 TRDCOMP_FORCE_INLINE std::size_t TrimmedLength(const char* data, std::size_t n) {
