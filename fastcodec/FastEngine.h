@@ -689,36 +689,33 @@ TRDCOMP_FORCE_INLINE bool ChunkUnchanged(const char* cur, const char* base) {
 }
 
 // Shared chunks are the heads records share (who sends, from where), which
-// mostly stay the same through a message: tested as a whole first.
-template <auto Fs, bool kExact, bool kBmi2>
-TRDCOMP_FORCE_INLINE std::uint32_t EncodeShared(const char* cur, const char* base, bool first, std::uint32_t size,
-                                                byte* out, std::uint32_t n, unsigned* map) {
-    if (!first && ChunkUnchanged<Fs>(cur, base)) {
-        *map = 0;
-        return n;
-    }
-    return EncodeChunk<Fs, kExact, kBmi2>(cur, base, first, size, out, n, map);
-}
+// mostly stay the same through a message: tested as a whole first, in line,
+// and coded field by field out of line only when that test fails.
 template <auto Fs, bool kExact>
 [[gnu::noinline]] std::uint32_t EncodeSharedChunk(const char* cur, const char* base, bool first, std::uint32_t size,
                                                   byte* out, std::uint32_t n, unsigned* map) {
-    return EncodeShared<Fs, kExact, false>(cur, base, first, size, out, n, map);
+    return EncodeChunk<Fs, kExact, false>(cur, base, first, size, out, n, map);
 }
 template <auto Fs, bool kExact>
 TRDCOMP_TARGET_BMI2 std::uint32_t EncodeSharedChunkBmi2(const char* cur, const char* base, bool first,
                                                         std::uint32_t size, byte* out, std::uint32_t n,
                                                         unsigned* map) {
-    return EncodeShared<Fs, kExact, true>(cur, base, first, size, out, n, map);
+    return EncodeChunk<Fs, kExact, true>(cur, base, first, size, out, n, map);
 }
 
 template <const auto& L, std::size_t K, bool kExact, bool kBmi2>
 TRDCOMP_FORCE_INLINE std::uint32_t EncodeChunkOf(const char* cur, const char* base, bool first, byte* out,
                                                  std::uint32_t n, unsigned* map) {
     constexpr auto kFields = model::ChunkFields<L, K>();
-    if constexpr (model::kChunkOutOfLine<L, K> && kBmi2) {
-        return EncodeSharedChunkBmi2<kFields, kExact>(cur, base, first, L.size, out, n, map);
-    } else if constexpr (model::kChunkOutOfLine<L, K>) {
-        return EncodeSharedChunk<kFields, kExact>(cur, base, first, L.size, out, n, map);
+    if constexpr (model::kChunkOutOfLine<L, K>) {
+        if (!first && ChunkUnchanged<kFields>(cur, base)) {
+            *map = 0;
+            return n;
+        }
+        if constexpr (kBmi2)
+            return EncodeSharedChunkBmi2<kFields, kExact>(cur, base, first, L.size, out, n, map);
+        else
+            return EncodeSharedChunk<kFields, kExact>(cur, base, first, L.size, out, n, map);
     } else {
         return EncodeChunk<kFields, kExact, kBmi2>(cur, base, first, L.size, out, n, map);
     }
