@@ -513,6 +513,23 @@ inline std::uint32_t EncodeRecord(const char* rec, char* out, char flag) {
 inline constexpr std::uint64_t kPaddedRecord = 1024;
 template <const auto& L, class C>
 inline constexpr bool kInPlace = C::kSpecialised && C::kReadsOnlyConsumed && model::MaxDecodeEnd(L) == L.size;
+// A message's last record of a layout whose worst-case read is at most this
+// (a few short fields) is decoded field by field with its tests rather than
+// copied: a copy in short pieces, read back by wider loads right away, waits
+// for its stores (the one-record messages of such layouts).
+inline constexpr std::uint64_t kSmallRecordRead = 64;
+
+namespace internal {
+// The record field by field, each tested against the record's end.
+template <const auto& L, class C>
+TRDCOMP_FORCE_INLINE void DecodeChecked(const char* in, std::int64_t len, char* rec, char flag) {
+    std::int64_t used = 0;
+    [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
+        static_cast<void>(
+            (((used = DecodeChunk<model::ChunkFields<L, K>(), L, C>(in, len, used, rec, flag)) < len) && ...));
+    }(std::make_index_sequence<model::kChunks<L>>{});
+}
+}  // namespace internal
 
 // Decodes the `len` bytes at `in` into the record; no byte outside them is
 // read, nor any past in + avail (avail >= len: the bytes of the message from
@@ -533,7 +550,10 @@ inline void DecodeRecord(const char* in, std::int64_t len, std::int64_t avail, c
         const char* from = in;
         char padded[kRead <= kPaddedRecord ? kRead : 1];
         if (static_cast<std::uint64_t>(avail) < kRead) {
-            if constexpr (kRead <= kPaddedRecord) {
+            if constexpr (kRead <= kSmallRecordRead) {
+                internal::DecodeChecked<L, C>(in, len, rec, flag);
+                return;
+            } else if constexpr (kRead <= kPaddedRecord) {
                 std::memcpy(padded, in, static_cast<std::size_t>(len));
                 std::memset(padded + len, 0, static_cast<std::size_t>(kRead - static_cast<std::uint64_t>(len)));
                 from = padded;
@@ -548,12 +568,7 @@ inline void DecodeRecord(const char* in, std::int64_t len, std::int64_t avail, c
         table::DecodeRecord<C>(table::ViewOf<L>(), in, len, rec, flag, true);
     } else {
         if constexpr (!kZeroed) std::memset(rec, 0, L.size);
-        std::int64_t used = 0;
-        [&]<std::size_t... K>(std::index_sequence<K...>) TRDCOMP_LAMBDA_INLINE {
-            static_cast<void>(
-                (((used = internal::DecodeChunk<model::ChunkFields<L, K>(), L, C>(in, len, used, rec, flag)) < len) &&
-                 ...));
-        }(std::make_index_sequence<model::kChunks<L>>{});
+        internal::DecodeChecked<L, C>(in, len, rec, flag);
     }
 }
 template <const auto& L, class C, bool kZeroed = false>
