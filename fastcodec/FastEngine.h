@@ -625,7 +625,7 @@ TRDCOMP_FORCE_INLINE void EncodeField(const char* cur, const char* base, bool fi
     const bool sent = Sent<K, W>(c, base, first, off, size);
     if constexpr (kAlwaysWritten<K> && !kExact) {
         const std::uint32_t k = Put<K, W, false, kBmi2>(out + n, c);
-        n += sent ? k : 0u;
+        n += k & (0u - static_cast<std::uint32_t>(sent));  // a mask, not a branch on sent
         map |= static_cast<unsigned>(sent) << (6 - J);
     } else if (sent) {
         n += Put<K, W, kExact, kBmi2>(out + n, c);

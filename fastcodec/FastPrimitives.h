@@ -35,15 +35,19 @@ namespace internal {
 // Byte counts by bit width (0..64) of the value or magnitude: signed
 // smallest n with |v| < 2^(7n-1), unsigned smallest n with v < 2^(7n), both
 // at least 1 and at most 10.
+// signedShift: 8 * (8 - n) for the signed count n when n <= 8 (where a
+// word writer places the n bytes), else 0.
 struct SizeTables {
     std::uint8_t signedBytes[65];
     std::uint8_t unsignedBytes[65];
+    std::uint8_t signedShift[65];
 };
 inline constexpr SizeTables kSizes = [] {
     SizeTables t{};
     for (unsigned bits = 0; bits <= 64; ++bits) {
         t.signedBytes[bits] = static_cast<std::uint8_t>((bits + 7) / 7);
         t.unsignedBytes[bits] = static_cast<std::uint8_t>(bits == 0 ? 1 : (bits + 6) / 7);
+        t.signedShift[bits] = static_cast<std::uint8_t>(t.signedBytes[bits] <= 8 ? 8 * (8 - t.signedBytes[bits]) : 0);
     }
     return t;
 }();
@@ -164,10 +168,16 @@ TRDCOMP_FORCE_INLINE std::uint32_t PutUInt64Wide(byte* out, std::uint64_t v) {
 // the one word.
 template <int kBits = 64, bool kBmi2 = false>
 TRDCOMP_FORCE_INLINE std::uint32_t PutInt64Wide(byte* out, std::int64_t v) {
-    const std::uint32_t n = FastSizeInt64(v);
+    // FastSizeInt64, with the word's shift from the same table row.
+    const std::uint64_t m = v < 0 ? ~static_cast<std::uint64_t>(v) + 1u : static_cast<std::uint64_t>(v);
+    const auto width = static_cast<unsigned>(std::bit_width(m | 1u));
+    const std::uint32_t n = internal::kSizes.signedBytes[width];
     const std::uint64_t bits = static_cast<std::uint64_t>(v) & 0x7FFFFFFFFFFFFFFFull;
     if (kBits <= 55 || n <= 8) [[likely]] {
-        internal::PutWord<kBmi2>(out, bits, n);
+        // The spread takes the low 56 bits alone: the sign bit needs no clearing.
+        const std::uint64_t w = (internal::SpreadBytes<kBmi2>(static_cast<std::uint64_t>(v), n) | 0x80u)
+                                << internal::kSizes.signedShift[width];
+        internal::Store64(out, __builtin_bswap64(w));
     } else {
         internal::PutGroups(out, bits, n);
         if (v < 0) out[0] |= 0x40u;
