@@ -510,14 +510,14 @@ inline std::uint32_t EncodeRecord(const char* rec, char* out, char flag) {
 // no byte they do not consume, of a layout whose decodes stay inside their
 // fields: the message's last record of a layout is copied to a block of
 // zeros that covers its worst-case read, when that is at most kPaddedRecord.
+// A layout whose worst-case read is at most kSmallRecordRead (a few short
+// fields) keeps the field-by-field decoder: it gains little from one pass,
+// and its one-record messages would pay the copy of their only record.
 inline constexpr std::uint64_t kPaddedRecord = 1024;
-template <const auto& L, class C>
-inline constexpr bool kInPlace = C::kSpecialised && C::kReadsOnlyConsumed && model::MaxDecodeEnd(L) == L.size;
-// A message's last record of a layout whose worst-case read is at most this
-// (a few short fields) is decoded field by field with its tests rather than
-// copied: a copy in short pieces, read back by wider loads right away, waits
-// for its stores (the one-record messages of such layouts).
 inline constexpr std::uint64_t kSmallRecordRead = 64;
+template <const auto& L, class C>
+inline constexpr bool kInPlace = C::kSpecialised && C::kReadsOnlyConsumed && model::MaxDecodeEnd(L) == L.size &&
+                                 MaxRecordRead<L, C>() > kSmallRecordRead;
 
 namespace internal {
 // The record field by field, each tested against the record's end.
@@ -550,10 +550,7 @@ inline void DecodeRecord(const char* in, std::int64_t len, std::int64_t avail, c
         const char* from = in;
         char padded[kRead <= kPaddedRecord ? kRead : 1];
         if (static_cast<std::uint64_t>(avail) < kRead) {
-            if constexpr (kRead <= kSmallRecordRead) {
-                internal::DecodeChecked<L, C>(in, len, rec, flag);
-                return;
-            } else if constexpr (kRead <= kPaddedRecord) {
+            if constexpr (kRead <= kPaddedRecord) {
                 std::memcpy(padded, in, static_cast<std::size_t>(len));
                 std::memset(padded + len, 0, static_cast<std::size_t>(kRead - static_cast<std::uint64_t>(len)));
                 from = padded;

@@ -109,13 +109,13 @@ void ExpectContained(std::mt19937& rng) {
 
 // A run of records of layout L coded by the built-in coders, whole and then
 // damaged: a record's length made shorter or longer than its fields, bytes
-// overwritten (lengths of texts past their fields, stop bits moved), the run
-// cut anywhere. The built-in coders' decoder (every field in place, the
+// overwritten by any value or by small ones (lengths of texts past their
+// fields), the run cut anywhere. The built-in coders' decoder (every field in place, the
 // record's length tested once) and the exported coders' (field by field, each
 // tested against the record's end) restore the same slots and stop at the
 // same place. The input is an exact-size copy, so that a read past it shows
-// under the sanitizers.
-template <const auto& L>
+// under the sanitizers. Wire: the layout the records are coded with (a peer's).
+template <const auto& L, const auto& Wire = L>
 void ExpectInPlaceAsFieldByField(std::mt19937& rng) {
     constexpr std::int64_t kCount = 9;
     const std::size_t spare = trdcomp::model::MaxDecodeEnd(L) - L.size;
@@ -123,25 +123,28 @@ void ExpectInPlaceAsFieldByField(std::mt19937& rng) {
         std::vector<char> wire;
         std::vector<std::size_t> starts;
         for (std::int64_t i = 0; i < kCount; ++i) {
-            const std::vector<char> rec = RandomRecord(L.size, rng);
-            std::vector<char> coded(4 + e8::MaxRecord<L, e8::BuiltInCoders>());
-            const auto n = e8::EncodeRecord<L, e8::BuiltInCoders>(rec.data(), coded.data() + 4, flag);
+            const std::vector<char> rec = RandomRecord(Wire.size, rng);
+            std::vector<char> coded(4 + e8::MaxRecord<Wire, e8::BuiltInCoders>());
+            const auto n = e8::EncodeRecord<Wire, e8::BuiltInCoders>(rec.data(), coded.data() + 4, flag);
             std::memcpy(coded.data(), &n, 4);
             starts.push_back(wire.size());
             wire.insert(wire.end(), coded.begin(), coded.begin() + 4 + n);
         }
-        for (int variant = 0; variant < 60; ++variant) {
+        for (int variant = 0; variant < 80; ++variant) {
             std::vector<char> bad = wire;
-            if (variant % 3 == 1) {
+            if (variant % 4 == 3) {
+                // Small byte values: texts' lengths past their fields, most often.
+                for (int k = 0; k < 3; ++k) bad[rng() % bad.size()] = static_cast<char>(rng() % 16);
+            } else if (variant % 4 == 1) {
                 const std::size_t at = starts[rng() % starts.size()];
                 std::int32_t len;
                 std::memcpy(&len, bad.data() + at, 4);
                 len += static_cast<std::int32_t>(rng() % 9) - 4;
                 std::memcpy(bad.data() + at, &len, 4);
-            } else if (variant % 3 == 2) {
+            } else if (variant % 4 == 2) {
                 for (int k = 0; k < 3; ++k) bad[rng() % bad.size()] = static_cast<char>(rng());
             }
-            if (variant >= 30) bad.resize(rng() % (bad.size() + 1));
+            if (variant >= 40) bad.resize(rng() % (bad.size() + 1));
             SCOPED_TRACE(testing::Message() << "flag " << int{flag} << ", variant " << variant);
             Exact in(bad);
             std::vector<char> a(kCount * L.size + spare, 0), b(kCount * L.size + spare, 0);
@@ -161,9 +164,11 @@ TEST(ValueCoders, InPlaceDecodeRestoresAsFieldByField) {
     const std::string loaded = LoadedKXPfdk();
     if (loaded != "ours" && loaded != "unmarked") GTEST_SKIP() << "the loaded KXPfdk has another format";
     // Which layouts take the in-place decoder: those whose decodes stay inside
-    // their fields (a decode limit past a field keeps the checked one).
+    // their fields (a decode limit past a field keeps the checked one), of
+    // more than a few short fields.
     static_assert(e8::kInPlace<kT_MIXED, e8::BuiltInCoders> && e8::kInPlace<kREQ_1030, e8::BuiltInCoders> &&
-                  e8::kInPlace<kT_LIMIT, e8::BuiltInCoders> && !e8::kInPlace<kT_TAIL_LIMIT, e8::BuiltInCoders> &&
+                  e8::kInPlace<kT_WIDE, e8::BuiltInCoders> && e8::kInPlace<kT_ORDER, e8::BuiltInCoders> &&
+                  !e8::kInPlace<kT_SEVEN, e8::BuiltInCoders> && !e8::kInPlace<kT_TAIL_LIMIT, e8::BuiltInCoders> &&
                   !e8::kInPlace<kT_MIXED, e8::ExportedCoders>);
     std::mt19937 rng(31);
     ExpectInPlaceAsFieldByField<kT_SEVEN>(rng);
@@ -172,6 +177,8 @@ TEST(ValueCoders, InPlaceDecodeRestoresAsFieldByField) {
     ExpectInPlaceAsFieldByField<kT_COUNTED>(rng);
     ExpectInPlaceAsFieldByField<kT_BLOCK>(rng);
     ExpectInPlaceAsFieldByField<kT_MIXED>(rng);
+    ExpectInPlaceAsFieldByField<kT_WIDE>(rng);
+    ExpectInPlaceAsFieldByField<kT_WIDE, kT_WIDE_PEER>(rng);  // a text past its field into the next
     ExpectInPlaceAsFieldByField<kREQ_1030>(rng);
     ExpectInPlaceAsFieldByField<kANS_1110>(rng);
     ExpectInPlaceAsFieldByField<kT_TAIL_LIMIT>(rng);
