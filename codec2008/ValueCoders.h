@@ -152,8 +152,6 @@ struct ContractCoders {
         int len = 0;
         return Consumed(N::NCH_decompress_binData(const_cast<char*>(in), dest, max, len));
     }
-    template <std::uint32_t W>
-    static constexpr bool kIntoZeroField = false;
 };
 
 using ExportedCoders = ContractCoders<CKXNetCompressHelper>;

@@ -64,10 +64,16 @@ TRDCOMP_FORCE_INLINE std::uint32_t FastSizeUInt64(std::uint64_t v) {
 // |v| < 2^(7n-1), else 10. The magnitude is tested, so -64, -8192, ... take
 // one byte more than the shortest coding would; readers accept both.
 // (m | 1 has the same table entry as m and spares the zero test.)
-TRDCOMP_FORCE_INLINE std::uint32_t FastSizeInt64(std::int64_t v) {
+namespace internal {
+// The table row of v's signed count: the bit width of its magnitude.
+TRDCOMP_FORCE_INLINE unsigned SignedRow(std::int64_t v) {
     const std::uint64_t m =
         v < 0 ? ~static_cast<std::uint64_t>(v) + 1u : static_cast<std::uint64_t>(v);
-    return internal::kSizes.signedBytes[std::bit_width(m | 1u)];
+    return static_cast<unsigned>(std::bit_width(m | 1u));
+}
+}  // namespace internal
+TRDCOMP_FORCE_INLINE std::uint32_t FastSizeInt64(std::int64_t v) {
+    return internal::kSizes.signedBytes[internal::SignedRow(v)];
 }
 
 namespace internal {
@@ -144,9 +150,9 @@ TRDCOMP_FORCE_INLINE std::uint64_t SpreadBytes(std::uint64_t v, std::uint32_t n)
 // A negative value's sign bit (0x40 of its first byte) is the top bit of
 // its 7n bits in two's complement, as n is chosen so that |v| < 2^(7n - 1):
 // the groups carry it without a separate step.
+// shift: 8 * (8 - n), where the n bytes start in the word.
 template <bool kBmi2 = false>
-TRDCOMP_FORCE_INLINE void PutWord(byte* out, std::uint64_t v, std::uint32_t n) {
-    const std::uint32_t shift = 8 * (8 - n);
+TRDCOMP_FORCE_INLINE void PutWord(byte* out, std::uint64_t v, std::uint32_t n, std::uint32_t shift) {
     const std::uint64_t w = (SpreadBytes<kBmi2>(v, n) | 0x80u) << shift;
     Store64(out, __builtin_bswap64(w));
 }
@@ -158,7 +164,7 @@ TRDCOMP_FORCE_INLINE void PutWord(byte* out, std::uint64_t v, std::uint32_t n) {
 TRDCOMP_FORCE_INLINE std::uint32_t PutUInt64Wide(byte* out, std::uint64_t v) {
     const std::uint32_t n = FastSizeUInt64(v);
     if (n <= 8) [[likely]] {
-        internal::PutWord(out, v, n);
+        internal::PutWord(out, v, n, 8 * (8 - n));
     } else {
         internal::PutGroups(out, v, n);
     }
@@ -168,18 +174,14 @@ TRDCOMP_FORCE_INLINE std::uint32_t PutUInt64Wide(byte* out, std::uint64_t v) {
 // the one word.
 template <int kBits = 64, bool kBmi2 = false>
 TRDCOMP_FORCE_INLINE std::uint32_t PutInt64Wide(byte* out, std::int64_t v) {
-    // FastSizeInt64, with the word's shift from the same table row.
-    const std::uint64_t m = v < 0 ? ~static_cast<std::uint64_t>(v) + 1u : static_cast<std::uint64_t>(v);
-    const auto width = static_cast<unsigned>(std::bit_width(m | 1u));
-    const std::uint32_t n = internal::kSizes.signedBytes[width];
-    const std::uint64_t bits = static_cast<std::uint64_t>(v) & 0x7FFFFFFFFFFFFFFFull;
+    // The count and the word's shift from one table row. The spread takes
+    // the low 56 bits alone: the sign bit needs no clearing for it.
+    const unsigned row = internal::SignedRow(v);
+    const std::uint32_t n = internal::kSizes.signedBytes[row];
     if (kBits <= 55 || n <= 8) [[likely]] {
-        // The spread takes the low 56 bits alone: the sign bit needs no clearing.
-        const std::uint64_t w = (internal::SpreadBytes<kBmi2>(static_cast<std::uint64_t>(v), n) | 0x80u)
-                                << internal::kSizes.signedShift[width];
-        internal::Store64(out, __builtin_bswap64(w));
+        internal::PutWord<kBmi2>(out, static_cast<std::uint64_t>(v), n, internal::kSizes.signedShift[row]);
     } else {
-        internal::PutGroups(out, bits, n);
+        internal::PutGroups(out, static_cast<std::uint64_t>(v) & 0x7FFFFFFFFFFFFFFFull, n);
         if (v < 0) out[0] |= 0x40u;
     }
     return n;
